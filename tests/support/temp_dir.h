@@ -1,0 +1,25 @@
+// A fresh temporary folder per test, removed afterwards.
+#pragma once
+#include <string>
+
+namespace cvn::test {
+
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+ private:
+  std::string path_;
+};
+
+/// Whole file as bytes; empty when unreadable.
+std::string slurp(const std::string& path);
+/// Writes bytes, creating parent folders; false on failure.
+bool spit(const std::string& path, const std::string& bytes);
+
+}  // namespace cvn::test

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages a build needs, or prints the exact command when
+# we are not root. Usage: tools/deps.sh build|test
+set -euo pipefail
+
+build_pkgs=(g++ cmake make)
+test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
+           python3 python3-numpy python3-scipy)
+
+case "${1:-build}" in
+  build) want=("${build_pkgs[@]}") ;;
+  test) want=("${build_pkgs[@]}" "${test_pkgs[@]}") ;;
+  *) echo "usage: $0 build|test" >&2; exit 2 ;;
+esac
+
+missing=()
+for p in "${want[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -eq 0 ]; then
+  echo "Installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+else
+  echo "Missing packages: ${missing[*]}" >&2
+  echo "Run:  sudo apt-get install -y ${missing[*]}" >&2
+  exit 1
+fi
