@@ -1,4 +1,184 @@
 #include "app/startup.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "app/file_util.h"
+#include "app/platform.h"
+#include "assets/assets.h"
+#include "server/http.h"
+#include "server/routes.h"
+
+namespace fs = std::filesystem;
+
 namespace cvn {
-int run_app(int, char**) { return 0; }
+
+namespace {
+
+AppContext g_app;
+
+bool readable(const std::string& path) { return read_file(path).has_value(); }
+
+std::string parent_folder(const std::string& path) {
+  std::size_t slash = path.find_last_of("/\\");
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+std::uint16_t be16(std::string_view d, std::size_t at) {
+  return static_cast<std::uint16_t>((static_cast<unsigned char>(d[at]) << 8) |
+                                    static_cast<unsigned char>(d[at + 1]));
+}
+
+bool is_frame_marker(unsigned char m) {
+  // SOF0..SOF15 less DHT (C4), JPG (C8) and DAC (CC), which share the range.
+  return m >= 0xC0 && m <= 0xCF && m != 0xC4 && m != 0xC8 && m != 0xCC;
+}
+
+// Lenient like atoi: leading blanks, trailing junk ignored, no digits is 0.
+int parse_port(const char* text) {
+  long v = std::strtol(text, nullptr, 10);
+  if (v > INT32_MAX - kPortTries) return INT32_MAX - kPortTries;
+  if (v < INT32_MIN) return INT32_MIN;
+  return static_cast<int>(v);
+}
+
+void move_file(const fs::path& from, const fs::path& to) {
+  std::error_code ec;
+  fs::rename(from, to, ec);
+  if (!ec) return;
+  // Across volumes a rename fails; copy and delete instead.
+  if (fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec)) fs::remove(from, ec);
+}
+
+}  // namespace
+
+Folders resolve_folders(const EnvLookup& env, const std::string& exe_dir) {
+  Folders f;
+  if (const char* base = env("CVN_BASE")) {
+    f.base = base;
+  } else if (readable(exe_dir + "/../Resources/web/index.html")) {
+    f.base = exe_dir + "/../Resources";
+  } else if (readable(exe_dir + "/web/index.html")) {
+    f.base = exe_dir;
+  } else {
+    f.base = ".";
+  }
+
+  f.web_root = f.base + "/web";
+  if (!readable(f.web_root + "/index.html") && readable(f.base + "/index.html")) f.web_root = f.base;
+
+  std::string home;
+  if (const char* h = env("HOME"))
+    home = h;
+  else if (const char* u = env("USERPROFILE"))
+    home = u;
+
+  if (const char* data = env("CVN_DATA"))
+    f.data = data;
+  else if (!home.empty())
+    f.data = home + "/Documents/CVN-Live";
+  else
+    f.data = ".";
+  if (env("CVN_BASE")) f.data = f.base;
+  return f;
+}
+
+void prepare_data_folder(const Folders& f) {
+  std::error_code ec;
+  for (const char* sub : {"/recordings", "/exports", "/sample_data"})
+    fs::create_directories(f.data + sub, ec);
+  // Net effect: an empty folder or a plain file in its place becomes a fresh
+  // empty folder; a folder with content fails to be removed and stays.
+  const std::string samples = f.data + "/sample_data";
+  fs::remove(samples, ec);
+  fs::create_directories(samples, ec);
+
+  const fs::path old_samples = f.base + "/sample_data";
+  if (fs::is_directory(old_samples, ec)) {
+    for (const auto& entry : fs::directory_iterator(old_samples, ec)) {
+      std::string name = entry.path().filename().string();
+      if (!entry.is_regular_file(ec) || !name.starts_with("Sample ") || !name.ends_with(".txt"))
+        continue;
+      move_file(entry.path(), fs::path(samples) / name);
+    }
+  }
+
+  for (const char* name : {"Sample 1.txt", "Sample 2.txt"}) {
+    if (auto bytes = find_asset(name)) write_file(samples + "/" + name, *bytes);
+  }
+}
+
+bool jpeg_frame_size(std::string_view d, std::uint16_t* width, std::uint16_t* height) {
+  if (d.size() < 12) return false;
+  std::size_t pos = 2;  // behind the start-of-image marker
+  while (pos + 9 < d.size()) {
+    if (static_cast<unsigned char>(d[pos]) != 0xFF) {
+      ++pos;
+      continue;
+    }
+    unsigned char marker = static_cast<unsigned char>(d[pos + 1]);
+    if (is_frame_marker(marker)) {
+      *height = be16(d, pos + 5);
+      *width = be16(d, pos + 7);
+      return *width != 0 && *height != 0;
+    }
+    std::uint16_t length = be16(d, pos + 2);
+    if (length < 2) return false;
+    pos += 2 + length;
+  }
+  return false;
+}
+
+ReportLogo load_report_logo(const std::string& web_root) {
+  std::optional<std::string> bytes = read_file(web_root + "/report_logo.jpg");
+  if (!bytes) bytes = read_file(web_root + "/report_logo.jpeg");
+  if (!bytes || bytes->empty()) {
+    auto embedded = find_asset("report_logo.jpg");
+    bytes = embedded ? std::string(*embedded) : std::string();
+  }
+  ReportLogo logo;
+  if (jpeg_frame_size(*bytes, &logo.width, &logo.height)) logo.jpeg = std::move(*bytes);
+  return logo;
+}
+
+const AppContext& app_context() { return g_app; }
+
+int run_app(int argc, char** argv) {
+  net_init();
+  EnvLookup env = [](const char* name) { return std::getenv(name); };
+  g_app.folders = resolve_folders(env, parent_folder(executable_path()));
+  const Folders& f = g_app.folders;
+  prepare_data_folder(f);
+
+  g_app.logo = load_report_logo(f.web_root);
+  if (!g_app.logo.empty())
+    std::printf("  Report logo loaded (%dx%d).\n", g_app.logo.width, g_app.logo.height);
+
+  int first_port = argc > 1 ? parse_port(argv[1]) : kDefaultPort;
+  int port = 0;
+  SocketHandle listener = bind_loopback(first_port, kPortTries, &port);
+  if (listener == kInvalidSocket) {
+    std::fputs("Could not bind a port.\n", stderr);
+    return 1;
+  }
+  listen_on(listener, kListenBacklog);
+
+  const char* rule = "============================================================\n";
+  std::printf("%s", rule);
+  std::printf("  Corvane Live %s is running\n", kAppVersion);
+  std::printf("  Open your browser at:  http://127.0.0.1:%d/\n", port);
+  std::printf("  Close this window to stop.\n");
+  std::printf("%s", rule);
+  std::fflush(stdout);
+
+  const char* no_browser = std::getenv("CVN_NO_BROWSER");
+  if (!no_browser || std::string_view(no_browser) != "1")
+    open_browser("http://127.0.0.1:" + std::to_string(port) + "/");
+
+  ServerContext ctx{f.web_root, f.data};
+  serve(listener, [ctx](SocketHandle s, const Request& req) { dispatch(ctx, s, req); });
+  return 0;
+}
+
 }  // namespace cvn

@@ -1,0 +1,38 @@
+#include "app/file_util.h"
+
+#include <cstdio>
+#include <memory>
+
+namespace cvn {
+
+namespace {
+struct FileCloser {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+}  // namespace
+
+std::optional<std::string> read_file(const std::string& path) {
+  File f(std::fopen(path.c_str(), "rb"));
+  if (!f) return std::nullopt;
+  std::string out;
+  char buf[65536];
+  for (;;) {
+    std::size_t n = std::fread(buf, 1, sizeof buf, f.get());
+    out.append(buf, n);
+    if (n < sizeof buf) break;
+  }
+  // A folder opens on POSIX but fails on the first read.
+  if (std::ferror(f.get())) return std::nullopt;
+  return out;
+}
+
+bool write_file(const std::string& path, std::string_view bytes) {
+  File f(std::fopen(path.c_str(), "wb"));
+  if (!f) return false;
+  if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size())
+    return false;
+  return std::fclose(f.release()) == 0;
+}
+
+}  // namespace cvn

@@ -1,0 +1,26 @@
+// The JSON value writers every answer is built from. JSON texts are built by
+// concatenation in a fixed key order with no blanks.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace cvn {
+
+/// Quoted text; escapes only '"', '\\' and line feed. Other bytes, control
+/// bytes and UTF-8 included, are copied as they are.
+std::string json_text(std::string_view s);
+
+/// Six significant digits in the default stream format (72.25, 0.0625,
+/// 1.23457e+06); "null" when not finite.
+std::string json_number(double v);
+
+std::string json_int(long long v);
+
+/// "%.*f" with `decimals` decimals (used by the export and report writers).
+std::string fixed_decimals(double v, int decimals);
+
+/// round(v * 10^n) / 10^n, halves away from zero.
+double round_to(double v, int decimals);
+
+}  // namespace cvn

@@ -1,0 +1,40 @@
+// The few socket operations the server needs, over the platform's sockets.
+// Only loopback IPv4 is ever used. The platform files are net_posix.cc and
+// (for the Windows build) net_win32.cc.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace cvn {
+
+using SocketHandle = std::intptr_t;
+inline constexpr SocketHandle kInvalidSocket = -1;
+
+/// Starts the socket layer (Winsock 2.2 on Windows; nothing elsewhere).
+bool net_init();
+
+/// Creates one IPv4 stream socket with SO_REUSEADDR set once, then tries to
+/// bind it to 127.0.0.1 on `first_port`, `first_port + 1`, ... (`tries` ports
+/// in all). Returns the socket and the bound port, or kInvalidSocket.
+SocketHandle bind_loopback(int first_port, int tries, int* bound_port);
+
+bool listen_on(SocketHandle s, int backlog);
+
+/// Blocks for the next connection; kInvalidSocket on failure.
+SocketHandle accept_on(SocketHandle listener);
+
+/// One receive of at most `n` bytes: > 0 bytes read, 0 closed, < 0 error.
+long recv_some(SocketHandle s, char* buf, std::size_t n);
+
+/// One send of at most `n` bytes; never raises SIGPIPE on a closed peer.
+long send_some(SocketHandle s, const char* buf, std::size_t n);
+
+/// Stops further reads and writes; wakes a thread blocked in accept_on.
+void shutdown_socket(SocketHandle s);
+
+void close_socket(SocketHandle s);
+
+/// Client side, for tools and tests: connects to 127.0.0.1:port.
+SocketHandle connect_loopback(int port);
+
+}  // namespace cvn

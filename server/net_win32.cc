@@ -1,0 +1,73 @@
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include "server/net.h"
+
+namespace cvn {
+
+namespace {
+
+sockaddr_in loopback_address(int port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = inet_addr("127.0.0.1");
+  addr.sin_port = htons(static_cast<u_short>(port));
+  return addr;
+}
+
+}  // namespace
+
+bool net_init() {
+  WSADATA data;
+  return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+}
+
+SocketHandle bind_loopback(int first_port, int tries, int* bound_port) {
+  SOCKET s = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (s == INVALID_SOCKET) return kInvalidSocket;
+  BOOL one = TRUE;
+  ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one), sizeof one);
+  for (int i = 0; i < tries; ++i) {
+    sockaddr_in addr = loopback_address(first_port + i);
+    if (::bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+      *bound_port = first_port + i;
+      return static_cast<SocketHandle>(s);
+    }
+  }
+  ::closesocket(s);
+  return kInvalidSocket;
+}
+
+bool listen_on(SocketHandle s, int backlog) {
+  return ::listen(static_cast<SOCKET>(s), backlog) == 0;
+}
+
+SocketHandle accept_on(SocketHandle listener) {
+  SOCKET c = ::accept(static_cast<SOCKET>(listener), nullptr, nullptr);
+  return c == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(c);
+}
+
+long recv_some(SocketHandle s, char* buf, std::size_t n) {
+  return ::recv(static_cast<SOCKET>(s), buf, static_cast<int>(n), 0);
+}
+
+long send_some(SocketHandle s, const char* buf, std::size_t n) {
+  return ::send(static_cast<SOCKET>(s), buf, static_cast<int>(n), 0);
+}
+
+void shutdown_socket(SocketHandle s) { ::shutdown(static_cast<SOCKET>(s), SD_BOTH); }
+
+void close_socket(SocketHandle s) { ::closesocket(static_cast<SOCKET>(s)); }
+
+SocketHandle connect_loopback(int port) {
+  SOCKET s = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (s == INVALID_SOCKET) return kInvalidSocket;
+  sockaddr_in addr = loopback_address(port);
+  if (::connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    ::closesocket(s);
+    return kInvalidSocket;
+  }
+  return static_cast<SocketHandle>(s);
+}
+
+}  // namespace cvn
