@@ -1,3 +1,5 @@
 #include "app/startup.h"
 
-int main(int argc, char** argv) { return cvn::run_app(argc, argv); }
+int main(int argc, char** argv) {
+  return cvn::run_app(argc, argv);
+}

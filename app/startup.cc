@@ -18,7 +18,9 @@ namespace {
 
 AppContext g_app;
 
-bool readable(const std::string& path) { return read_file(path).has_value(); }
+bool readable(const std::string& path) {
+  return read_file(path).has_value();
+}
 
 std::string parent_folder(const std::string& path) {
   std::size_t slash = path.find_last_of("/\\");
@@ -66,7 +68,8 @@ Folders resolve_folders(const EnvLookup& env, const std::string& exe_dir) {
   }
 
   f.web_root = f.base + "/web";
-  if (!readable(f.web_root + "/index.html") && readable(f.base + "/index.html")) f.web_root = f.base;
+  if (!readable(f.web_root + "/index.html") && readable(f.base + "/index.html"))
+    f.web_root = f.base;
 
   std::string home;
   if (const char* h = env("HOME"))
@@ -142,7 +145,9 @@ ReportLogo load_report_logo(const std::string& web_root) {
   return logo;
 }
 
-const AppContext& app_context() { return g_app; }
+const AppContext& app_context() {
+  return g_app;
+}
 
 int run_app(int argc, char** argv) {
   net_init();

@@ -121,8 +121,9 @@ bool read_request(SocketHandle s, Request* req) {
   words >> req->method >> req->target >> req->version;
   std::size_t qmark = req->target.find('?');
   req->path = req->target.substr(0, qmark);
-  req->query = qmark == std::string::npos ? std::map<std::string, std::string>{}
-                                          : parse_query(std::string_view(req->target).substr(qmark + 1));
+  req->query = qmark == std::string::npos
+                   ? std::map<std::string, std::string>{}
+                   : parse_query(std::string_view(req->target).substr(qmark + 1));
 
   if (req->method == "POST") {
     std::string lower = ascii_lower(head);
@@ -159,7 +160,9 @@ void send_json(SocketHandle s, std::string_view body, int status) {
   send_all(s, body);
 }
 
-void send_not_found(SocketHandle s) { send_all(s, kNotFoundAnswer); }
+void send_not_found(SocketHandle s) {
+  send_all(s, kNotFoundAnswer);
+}
 
 void handle_connection(SocketHandle s, const RequestHandler& handler) {
   try {

@@ -32,7 +32,9 @@ std::string json_number(double v) {
   return buf;
 }
 
-std::string json_int(long long v) { return std::to_string(v); }
+std::string json_int(long long v) {
+  return std::to_string(v);
+}
 
 std::string fixed_decimals(double v, int decimals) {
   char buf[64];

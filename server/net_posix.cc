@@ -21,7 +21,9 @@ sockaddr_in loopback_address(int port) {
 
 }  // namespace
 
-bool net_init() { return true; }
+bool net_init() {
+  return true;
+}
 
 SocketHandle bind_loopback(int first_port, int tries, int* bound_port) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -39,7 +41,9 @@ SocketHandle bind_loopback(int first_port, int tries, int* bound_port) {
   return kInvalidSocket;
 }
 
-bool listen_on(SocketHandle s, int backlog) { return ::listen(static_cast<int>(s), backlog) == 0; }
+bool listen_on(SocketHandle s, int backlog) {
+  return ::listen(static_cast<int>(s), backlog) == 0;
+}
 
 SocketHandle accept_on(SocketHandle listener) {
   int c = ::accept(static_cast<int>(listener), nullptr, nullptr);
@@ -62,9 +66,13 @@ long send_some(SocketHandle s, const char* buf, std::size_t n) {
   }
 }
 
-void shutdown_socket(SocketHandle s) { ::shutdown(static_cast<int>(s), SHUT_RDWR); }
+void shutdown_socket(SocketHandle s) {
+  ::shutdown(static_cast<int>(s), SHUT_RDWR);
+}
 
-void close_socket(SocketHandle s) { ::close(static_cast<int>(s)); }
+void close_socket(SocketHandle s) {
+  ::close(static_cast<int>(s));
+}
 
 SocketHandle connect_loopback(int port) {
   int s = ::socket(AF_INET, SOCK_STREAM, 0);

@@ -55,9 +55,13 @@ long send_some(SocketHandle s, const char* buf, std::size_t n) {
   return ::send(static_cast<SOCKET>(s), buf, static_cast<int>(n), 0);
 }
 
-void shutdown_socket(SocketHandle s) { ::shutdown(static_cast<SOCKET>(s), SD_BOTH); }
+void shutdown_socket(SocketHandle s) {
+  ::shutdown(static_cast<SOCKET>(s), SD_BOTH);
+}
 
-void close_socket(SocketHandle s) { ::closesocket(static_cast<SOCKET>(s)); }
+void close_socket(SocketHandle s) {
+  ::closesocket(static_cast<SOCKET>(s));
+}
 
 SocketHandle connect_loopback(int port) {
   SOCKET s = ::socket(AF_INET, SOCK_STREAM, 0);

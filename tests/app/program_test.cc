@@ -1,0 +1,104 @@
+// The real program as a user starts it: banner, port choice, exit status.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "server/net.h"
+#include "tests/support/http_client.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using test::ChildProcess;
+using test::TempDir;
+
+constexpr int kTries = 50;
+
+// First port of `count` consecutive free loopback ports, held by nobody.
+int free_port_range(int count) {
+  for (int base = 30000 + static_cast<int>(::getpid() % 500) * 60; base < 60000; base += count) {
+    bool all_free = true;
+    for (int p = base; p < base + count && all_free; ++p) {
+      int bound = 0;
+      SocketHandle s = bind_loopback(p, 1, &bound);
+      all_free = s != kInvalidSocket;
+      if (all_free) close_socket(s);
+    }
+    if (all_free) return base;
+  }
+  return -1;
+}
+
+// Listening sockets that keep ports busy for the life of the object.
+struct BusyPorts {
+  std::vector<SocketHandle> sockets;
+  BusyPorts(int first, int count) {
+    for (int p = first; p < first + count; ++p) {
+      int bound = 0;
+      SocketHandle s = bind_loopback(p, 1, &bound);
+      EXPECT_NE(s, kInvalidSocket) << p;
+      listen_on(s, 1);
+      sockets.push_back(s);
+    }
+  }
+  ~BusyPorts() {
+    for (SocketHandle s : sockets) close_socket(s);
+  }
+};
+
+std::vector<std::string> env_for(const TempDir& home) {
+  return {"HOME=" + home.path(), "CVN_NO_BROWSER=1", "PATH=/usr/bin:/bin"};
+}
+
+std::string banner(int port) {
+  const std::string rule(60, '=');
+  return rule + "\n  Corvane Live 1.0.0 is running\n  Open your browser at:  http://127.0.0.1:" +
+         std::to_string(port) + "/\n  Close this window to stop.\n" + rule + "\n";
+}
+
+TEST(Program, PrintsTheBannerAndServesThePage) {
+  TempDir home, cwd;
+  int first = free_port_range(kTries + 1);
+  ChildProcess app({CVN_LIVE_BINARY, std::to_string(first) + "junk"}, env_for(home), cwd.path());
+  ASSERT_TRUE(app.wait_for_output("stop.\n=", 5000)) << app.out() << app.err();
+  ASSERT_TRUE(app.wait_for_output(banner(first), 1000)) << app.out();
+  // The logo line (bundled logo) comes first, then exactly the banner.
+  EXPECT_TRUE(app.out().starts_with("  Report logo loaded (")) << app.out();
+  EXPECT_TRUE(app.out().ends_with(banner(first))) << app.out();
+  EXPECT_TRUE(test::http_get(first, "/").starts_with("HTTP/1.1 200 OK\r\n"));
+  EXPECT_TRUE(std::filesystem::exists(home / "Documents/CVN-Live/sample_data/Sample 1.txt"));
+  EXPECT_EQ(app.err(), "");
+}
+
+TEST(Program, SkipsABusyPort) {
+  TempDir home;
+  int first = free_port_range(kTries + 1);
+  BusyPorts busy(first, 1);
+  ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env_for(home), home.path());
+  EXPECT_TRUE(app.wait_for_output(banner(first + 1), 5000)) << app.out() << app.err();
+}
+
+TEST(Program, AllFiftyPortsBusyIsAnErrorExit) {
+  TempDir home;
+  int first = free_port_range(kTries + 1);
+  {
+    BusyPorts busy(first, kTries);
+    ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env_for(home), home.path());
+    EXPECT_EQ(app.wait_exit(5000), 1);
+    EXPECT_EQ(app.err(), "Could not bind a port.\n");
+    EXPECT_EQ(app.out().find("=="), std::string::npos) << app.out();
+    // The folders and samples are prepared before the port is chosen.
+    EXPECT_TRUE(std::filesystem::exists(home / "Documents/CVN-Live/sample_data/Sample 2.txt"));
+  }
+  {
+    // 49 busy: the last candidate, first + 49, is still tried.
+    BusyPorts busy(first, kTries - 1);
+    ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env_for(home), home.path());
+    EXPECT_TRUE(app.wait_for_output(banner(first + kTries - 1), 5000)) << app.out() << app.err();
+  }
+}
+
+}  // namespace
+}  // namespace cvn

@@ -1,0 +1,219 @@
+// Folder resolution, data-folder preparation, the report-logo scan and the
+// diagnostic log, each in its own temporary home.
+#include "app/startup.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <regex>
+
+#include "app/log.h"
+#include "assets/assets.h"
+#include "tests/support/temp_dir.h"
+
+namespace fs = std::filesystem;
+
+namespace cvn {
+namespace {
+
+using test::slurp;
+using test::spit;
+using test::TempDir;
+
+EnvLookup env_of(const std::map<std::string, std::string>& vars) {
+  return [vars](const char* name) -> const char* {
+    auto it = vars.find(name);
+    return it == vars.end() ? nullptr : it->second.c_str();
+  };
+}
+
+TEST(ResolveFolders, EnvironmentPrecedence) {
+  TempDir exe;  // no web folder beside the program
+  Folders none = resolve_folders(env_of({}), exe.path());
+  EXPECT_EQ(none.base, ".");
+  EXPECT_EQ(none.web_root, "./web");
+  EXPECT_EQ(none.data, ".");
+
+  EXPECT_EQ(resolve_folders(env_of({{"HOME", "/h"}, {"USERPROFILE", "/u"}}), exe.path()).data,
+            "/h/Documents/CVN-Live");
+  EXPECT_EQ(resolve_folders(env_of({{"USERPROFILE", "/u"}}), exe.path()).data,
+            "/u/Documents/CVN-Live");
+  EXPECT_EQ(resolve_folders(env_of({{"HOME", "/h"}, {"CVN_DATA", "/d"}}), exe.path()).data, "/d");
+
+  Folders both = resolve_folders(env_of({{"CVN_BASE", "/b"}, {"CVN_DATA", "/d"}}), exe.path());
+  EXPECT_EQ(both.base, "/b");
+  EXPECT_EQ(both.web_root, "/b/web");
+  EXPECT_EQ(both.data, "/b");
+}
+
+TEST(ResolveFolders, WebFolderBesideTheProgram) {
+  TempDir root;
+  fs::create_directories(root / "bin");
+  Folders plain = resolve_folders(env_of({}), root / "bin");
+  EXPECT_EQ(plain.base, ".");
+
+  ASSERT_TRUE(spit(root / "Resources/web/index.html", "x"));
+  EXPECT_EQ(resolve_folders(env_of({}), root / "bin").base, root / "bin/../Resources");
+
+  ASSERT_TRUE(spit(root / "bin/web/index.html", "x"));  // the bundle layout wins
+  EXPECT_EQ(resolve_folders(env_of({}), root / "bin").base, root / "bin/../Resources");
+  fs::remove_all(root / "Resources");
+  Folders beside = resolve_folders(env_of({}), root / "bin");
+  EXPECT_EQ(beside.base, root / "bin");
+  EXPECT_EQ(beside.web_root, root / "bin/web");
+
+  // A folder named index.html cannot be read, so it does not count.
+  TempDir odd;
+  fs::create_directories(odd / "web/index.html");
+  EXPECT_EQ(resolve_folders(env_of({}), odd.path()).base, ".");
+}
+
+TEST(ResolveFolders, WebRootFallsBackToTheBaseFolder) {
+  TempDir base;
+  ASSERT_TRUE(spit(base / "index.html", "x"));
+  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", base.path()}}), "/nowhere").web_root, base.path());
+  ASSERT_TRUE(spit(base / "web/index.html", "y"));
+  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", base.path()}}), "/nowhere").web_root,
+            base / "web");
+}
+
+class DataFolder : public testing::Test {
+ protected:
+  TempDir base, data;
+  Folders folders() const { return {base.path(), base / "web", data.path()}; }
+  std::string sample(int n) const {
+    return std::string(*find_asset("Sample " + std::to_string(n) + ".txt"));
+  }
+};
+
+TEST_F(DataFolder, CreatesFoldersAndAlwaysRewritesTheSamples) {
+  prepare_data_folder(folders());
+  for (const char* sub : {"recordings", "exports", "sample_data"})
+    EXPECT_TRUE(fs::is_directory(data / sub)) << sub;
+  EXPECT_EQ(slurp(data / "sample_data/Sample 1.txt"), sample(1));
+  EXPECT_EQ(slurp(data / "sample_data/Sample 2.txt"), sample(2));
+
+  ASSERT_TRUE(spit(data / "sample_data/Sample 1.txt", "123\n"));
+  ASSERT_TRUE(spit(data / "sample_data/mine.txt", "keep"));
+  prepare_data_folder(folders());
+  EXPECT_EQ(slurp(data / "sample_data/Sample 1.txt"), sample(1));
+  EXPECT_EQ(slurp(data / "sample_data/mine.txt"), "keep");
+}
+
+TEST_F(DataFolder, PlainFileWhereTheSampleFolderBelongsIsReplaced) {
+  ASSERT_TRUE(spit(data / "sample_data", "not a folder"));
+  prepare_data_folder(folders());
+  ASSERT_TRUE(fs::is_directory(data / "sample_data"));
+  EXPECT_EQ(slurp(data / "sample_data/Sample 2.txt"), sample(2));
+}
+
+TEST_F(DataFolder, OldSamplesMoveButOtherFilesStay) {
+  ASSERT_TRUE(spit(base / "sample_data/Sample 7.txt", "7\n"));
+  ASSERT_TRUE(spit(base / "sample_data/Sample 1.txt", "old\n"));
+  ASSERT_TRUE(spit(base / "sample_data/Sample.txt", "no blank"));
+  ASSERT_TRUE(spit(base / "sample_data/notes.txt", "n"));
+  prepare_data_folder(folders());
+  EXPECT_EQ(slurp(data / "sample_data/Sample 7.txt"), "7\n");
+  EXPECT_FALSE(fs::exists(base / "sample_data/Sample 7.txt"));
+  EXPECT_EQ(slurp(data / "sample_data/Sample 1.txt"), sample(1));  // rewritten after the move
+  EXPECT_TRUE(fs::exists(base / "sample_data/Sample.txt"));
+  EXPECT_TRUE(fs::exists(base / "sample_data/notes.txt"));
+  EXPECT_FALSE(fs::exists(data / "sample_data/notes.txt"));
+}
+
+TEST_F(DataFolder, SameBaseAndDataFolderIsHarmless) {
+  ASSERT_TRUE(spit(data / "sample_data/Sample 3.txt", "3\n"));
+  prepare_data_folder({data.path(), data / "web", data.path()});
+  EXPECT_EQ(slurp(data / "sample_data/Sample 3.txt"), "3\n");
+}
+
+// A minimal JPEG: SOI, an APP0 segment, optional DHT, then a frame header.
+std::string jpeg(unsigned char sof, int w, int h, bool with_dht = true) {
+  std::string d = "\xFF\xD8";
+  d += std::string("\xFF\xE0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00", 18);
+  if (with_dht) d += std::string("\xFF\xC4\x00\x04\x00\x00", 6);  // shares the SOF range
+  d += std::string("\xFF", 1) + static_cast<char>(sof) + std::string("\x00\x11\x08", 3);
+  d += static_cast<char>(h >> 8);
+  d += static_cast<char>(h & 0xFF);
+  d += static_cast<char>(w >> 8);
+  d += static_cast<char>(w & 0xFF);
+  d += std::string("\x03\x01\x22\x00\x02\x11\x01\x03\x11\x01\xFF\xD9", 12);
+  return d;
+}
+
+TEST(JpegFrameSize, FrameMarkersAndMalformedData) {
+  std::uint16_t w = 0, h = 0;
+  EXPECT_TRUE(jpeg_frame_size(jpeg(0xC0, 600, 150), &w, &h));
+  EXPECT_EQ(w, 600);
+  EXPECT_EQ(h, 150);
+  EXPECT_TRUE(jpeg_frame_size(jpeg(0xC2, 320, 4097), &w, &h));  // progressive
+  EXPECT_EQ(w, 320);
+  EXPECT_EQ(h, 4097);
+
+  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 0, 150), &w, &h));
+  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 600, 0), &w, &h));
+  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC8, 600, 150, false), &w, &h));         // not a frame marker
+  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 600, 150).substr(0, 30), &w, &h));  // truncated
+  EXPECT_FALSE(jpeg_frame_size("", &w, &h));
+  EXPECT_FALSE(jpeg_frame_size("\xFF\xD8\xFF\xC0\x00\x11\x08\x00\x10\x00", &w, &h));  // < 12 bytes
+  EXPECT_FALSE(jpeg_frame_size("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\1\0\0\0\1\0", &w, &h));
+  std::string bad_length = jpeg(0xC0, 600, 150);
+  bad_length[5] = 1;  // APP0 length 1 < 2: give up
+  EXPECT_FALSE(jpeg_frame_size(bad_length, &w, &h));
+}
+
+TEST(ReportLogo, DiskFirstThenEmbedded) {
+  TempDir web;
+  ReportLogo embedded = load_report_logo(web.path());
+  ASSERT_FALSE(embedded.empty()) << "the bundled logo must be a readable JPEG";
+  EXPECT_EQ(embedded.jpeg, *find_asset("report_logo.jpg"));
+
+  ASSERT_TRUE(spit(web / "report_logo.jpeg", jpeg(0xC0, 40, 20)));
+  EXPECT_EQ(load_report_logo(web.path()).width, 40);
+  ASSERT_TRUE(spit(web / "report_logo.jpg", jpeg(0xC2, 30, 10)));
+  EXPECT_EQ(load_report_logo(web.path()).width, 30);
+
+  ASSERT_TRUE(spit(web / "report_logo.jpg", ""));  // empty: the embedded logo
+  EXPECT_EQ(load_report_logo(web.path()).jpeg, embedded.jpeg);
+  ASSERT_TRUE(spit(web / "report_logo.jpg", "\x89PNG\r\n\x1a\n................"));
+  EXPECT_TRUE(load_report_logo(web.path()).empty());  // unreadable image: no logo at all
+}
+
+class Log : public testing::Test {
+ protected:
+  void SetUp() override {
+    saved_home_ = std::getenv("HOME") ? std::getenv("HOME") : "";
+    ::unsetenv("USERPROFILE");
+    ::setenv("HOME", home.path().c_str(), 1);
+  }
+  void TearDown() override { ::setenv("HOME", saved_home_.c_str(), 1); }
+  TempDir home;
+  std::string saved_home_;
+};
+
+TEST_F(Log, MissingFolderIsASilentNoOp) {
+  logLine("nothing");
+  EXPECT_FALSE(fs::exists(home / "Documents"));
+}
+
+TEST_F(Log, OneTimestampedLinePerCall) {
+  fs::create_directories(home / "Documents/CVN-Live");
+  EXPECT_EQ(log_path(), home / "Documents/CVN-Live/cvn_log.txt");
+  logLine("scan() enter");
+  logLine("");
+  std::string text = slurp(log_path());
+  EXPECT_TRUE(std::regex_match(
+      text, std::regex("[0-2][0-9]:[0-5][0-9]:[0-6][0-9]  \\[BLE\\] scan\\(\\) enter\n"
+                       "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]  \\[BLE\\] \n")))
+      << text;
+  // USERPROFILE is looked at first for the log, unlike the data folder.
+  TempDir other;
+  ::setenv("USERPROFILE", other.path().c_str(), 1);
+  EXPECT_EQ(log_path(), other / "Documents/CVN-Live/cvn_log.txt");
+  ::unsetenv("USERPROFILE");
+}
+
+}  // namespace
+}  // namespace cvn

@@ -1,0 +1,98 @@
+// The page and media routes: disk first, embedded second, exact 404 otherwise.
+#include "server/static_files.h"
+
+#include <gtest/gtest.h>
+
+#include "assets/assets.h"
+#include "server/routes.h"
+#include "tests/support/http_client.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using test::body_of;
+using test::http_get;
+
+std::string head_of(const std::string& answer) {
+  return answer.substr(0, answer.find("\r\n\r\n") + 4);
+}
+
+std::string expected_head(std::string_view type, std::size_t length) {
+  return "HTTP/1.1 200 OK\r\nContent-Type: " + std::string(type) +
+         "\r\nContent-Length: " + std::to_string(length) +
+         "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n";
+}
+
+TEST(ContentType, EndingsAreCaseSensitiveAndMustFollowAName) {
+  EXPECT_EQ(content_type("web/index.html"), "text/html; charset=utf-8");
+  EXPECT_EQ(content_type("a.png"), "image/png");
+  EXPECT_EQ(content_type("a.wav"), "audio/wav");
+  EXPECT_EQ(content_type("a.css"), "text/css");
+  EXPECT_EQ(content_type("a.ico"), "image/x-icon");
+  EXPECT_EQ(content_type("a.js"), "application/javascript");
+  EXPECT_EQ(content_type(".png"), "application/octet-stream");
+  EXPECT_EQ(content_type("a.PNG"), "application/octet-stream");
+  EXPECT_EQ(content_type("logo.jpg"), "application/octet-stream");
+  EXPECT_EQ(content_type("Sample 1.txt"), "application/octet-stream");
+}
+
+TEST(Assets, TableHoldsTheSixFilesSorted) {
+  std::vector<std::string> names;
+  for (const auto& [name, bytes] : asset_table()) {
+    names.push_back(name);
+    EXPECT_FALSE(bytes.empty()) << name;
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"Sample 1.txt", "Sample 2.txt", "ball.png",
+                                             "index.html", "piano.wav", "report_logo.jpg"}));
+  EXPECT_FALSE(find_asset("logo.png"));
+  EXPECT_FALSE(find_asset("/ball.png"));
+}
+
+class StaticRoutes : public testing::Test {
+ protected:
+  test::TempDir web;
+  test::TempDir data;
+  test::TestServer server{[this](SocketHandle s, const Request& r) {
+    dispatch(ServerContext{web.path(), data.path()}, s, r);
+  }};
+};
+
+TEST_F(StaticRoutes, EmbeddedPageWithTheExactHeaderBlock) {
+  std::string page(*find_asset("index.html"));
+  std::string root = http_get(server.port(), "/");
+  EXPECT_EQ(head_of(root), expected_head("text/html; charset=utf-8", page.size()));
+  EXPECT_EQ(body_of(root), page);
+  EXPECT_EQ(http_get(server.port(), "/index.html"), root);
+  EXPECT_EQ(http_get(server.port(), "/?x=1"), root);
+
+  std::string ball = http_get(server.port(), "/ball.png");
+  EXPECT_EQ(head_of(ball), expected_head("image/png", find_asset("ball.png")->size()));
+  EXPECT_EQ(body_of(ball), *find_asset("ball.png"));
+  EXPECT_EQ(body_of(http_get(server.port(), "/piano.wav")), *find_asset("piano.wav"));
+}
+
+TEST_F(StaticRoutes, EverythingElseIsTheBare404) {
+  const std::string not_found =
+      "HTTP/1.1 404 Not Found\r\nContent-Length:0\r\nConnection: close\r\n\r\n";
+  for (const char* path : {"/logo.png", "/status/", "/Sample%201.txt", "/report_logo.jpg",
+                           "/../index.html", "/web/index.html", "//", "/INDEX.HTML"})
+    EXPECT_EQ(http_get(server.port(), path), not_found) << path;
+}
+
+TEST_F(StaticRoutes, FilesInTheWebRootWinWithoutARestart) {
+  std::string before = body_of(http_get(server.port(), "/"));
+  ASSERT_TRUE(test::spit(web / "index.html", "<p>mine</p>"));
+  EXPECT_EQ(body_of(http_get(server.port(), "/")), "<p>mine</p>");
+  ASSERT_TRUE(test::spit(web / "logo.png", "PNG!"));
+  std::string logo = http_get(server.port(), "/logo.png");
+  EXPECT_EQ(head_of(logo), expected_head("image/png", 4));
+  // An empty file is served as an empty body: reading it succeeded.
+  ASSERT_TRUE(test::spit(web / "ball.png", ""));
+  EXPECT_EQ(http_get(server.port(), "/ball.png"), expected_head("image/png", 0));
+  std::remove((web / "index.html").c_str());
+  EXPECT_EQ(body_of(http_get(server.port(), "/")), before);
+}
+
+}  // namespace
+}  // namespace cvn

@@ -1,0 +1,79 @@
+#include "tests/support/http_client.h"
+
+#include <dirent.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+namespace cvn::test {
+
+std::string exchange(int port, const std::vector<std::string>& pieces, bool half_close) {
+  SocketHandle s = connect_loopback(port);
+  if (s == kInvalidSocket) return {};
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    send_all(s, pieces[i]);
+  }
+  if (half_close) ::shutdown(static_cast<int>(s), SHUT_WR);
+  std::string out;
+  char buf[65536];
+  for (;;) {
+    long n = recv_some(s, buf, sizeof buf);
+    if (n <= 0) break;
+    out.append(buf, static_cast<std::size_t>(n));
+  }
+  close_socket(s);
+  return out;
+}
+
+std::string http_get(int port, const std::string& target) {
+  return exchange(port, {"GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"});
+}
+
+std::string http_post(int port, const std::string& target, const std::string& body) {
+  return exchange(port, {"POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
+                         std::to_string(body.size()) + "\r\n\r\n" + body});
+}
+
+std::string body_of(const std::string& answer) {
+  std::size_t at = answer.find("\r\n\r\n");
+  return at == std::string::npos ? std::string() : answer.substr(at + 4);
+}
+
+int thread_count() {
+  int n = 0;
+  if (DIR* d = ::opendir("/proc/self/task")) {
+    while (dirent* e = ::readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    ::closedir(d);
+  }
+  return n;
+}
+
+bool wait_for_thread_count(int target, int ms) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (thread_count() > target) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+TestServer::TestServer(RequestHandler handler) {
+  // Spread parallel test programs over different ranges.
+  int first = 20000 + static_cast<int>(::getpid() % 2000) * 10;
+  listener_ = bind_loopback(first, 200, &port_);
+  if (listener_ == kInvalidSocket || !listen_on(listener_, 128)) std::abort();
+  thread_ = std::thread([this, h = std::move(handler)] { serve(listener_, h, &stop_); });
+}
+
+TestServer::~TestServer() {
+  stop_ = true;
+  shutdown_socket(listener_);
+  thread_.join();
+  close_socket(listener_);
+}
+
+}  // namespace cvn::test

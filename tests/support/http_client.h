@@ -1,0 +1,44 @@
+// Raw loopback clients for server tests: they send exact bytes and read the
+// whole answer, so the tests see precisely what a browser would get.
+#pragma once
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/http.h"
+
+namespace cvn::test {
+
+/// Sends `pieces` one by one (with a short pause between them, so they
+/// arrive as separate packets), half-closes when `half_close`, and returns
+/// everything the server sends until it closes. Empty on connect failure.
+std::string exchange(int port, const std::vector<std::string>& pieces, bool half_close = false);
+
+/// GET `target` (or POST with `body` when `post`) and return the raw answer.
+std::string http_get(int port, const std::string& target);
+std::string http_post(int port, const std::string& target, const std::string& body);
+
+/// The body behind the blank line of a raw answer.
+std::string body_of(const std::string& answer);
+
+/// Threads of this process right now (Linux: /proc/self/task).
+int thread_count();
+/// Waits up to `ms` for the thread count to fall to `target` or below.
+bool wait_for_thread_count(int target, int ms);
+
+/// A real server on a free loopback port, running `handler` until destroyed.
+class TestServer {
+ public:
+  explicit TestServer(RequestHandler handler);
+  ~TestServer();
+  int port() const { return port_; }
+
+ private:
+  SocketHandle listener_ = kInvalidSocket;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+}  // namespace cvn::test
