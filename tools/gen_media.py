@@ -73,8 +73,8 @@ def ball_pixel(px, py):
     col = _mix(col, (56, 150, 176), 0.35 * bounce)
     # Blinn-Phong highlight, broad and faint: calm rather than glossy.
     hx, hy, hz = _normalise((lx, ly, lz + 1.0))
-    spec = max(0.0, n[0] * hx + n[1] * hy + n[2] * hz) ** 28
-    col = _mix(col, (255, 255, 255), 0.42 * spec)
+    shine = max(0.0, n[0] * hx + n[1] * hy + n[2] * hz) ** 28
+    col = _mix(col, (255, 255, 255), 0.42 * shine)
     ring = math.exp(-0.5 * ((d - RING_AT) / RING_WIDTH) ** 2)
     col = _mix(col, (225, 250, 248), RING_ALPHA * ring)
     r, g, b = (int(math.floor(v + 0.5)) for v in col)
