@@ -7,6 +7,7 @@
 #include "app/file_util.h"
 #include "app/platform.h"
 #include "assets/assets.h"
+#include "engine/engine.h"
 #include "server/http.h"
 #include "server/routes.h"
 
@@ -154,6 +155,9 @@ int run_app(int argc, char** argv) {
   EnvLookup env = [](const char* name) { return std::getenv(name); };
   g_app.folders = resolve_folders(env, parent_folder(executable_path()));
   const Folders& f = g_app.folders;
+  // The engine lives as long as the process; connection threads and jobs
+  // hold on to it until the very end.
+  Engine* engine = new Engine(f.data, nullptr);
   prepare_data_folder(f);
 
   g_app.logo = load_report_logo(f.web_root);
@@ -181,7 +185,7 @@ int run_app(int argc, char** argv) {
   if (!no_browser || std::string_view(no_browser) != "1")
     open_browser("http://127.0.0.1:" + std::to_string(port) + "/");
 
-  ServerContext ctx{f.web_root, f.data};
+  ServerContext ctx{f.web_root, f.data, engine};
   serve(listener, [ctx](SocketHandle s, const Request& req) { dispatch(ctx, s, req); });
   return 0;
 }

@@ -1,0 +1,23 @@
+// The once-per-second analysis of a running session: heart rate, its 10 Hz
+// series and the live coupling score.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+#include "engine/engine.h"
+
+namespace cvn {
+
+struct LiveAnalysis {
+  double hr;   // latest heart rate, bpm; NaN when unknown
+  double cvn;  // latest live score, -1..1; NaN when unknown
+  std::int32_t rr_count = 0;
+  std::vector<SeriesPoint> hr_series;   // 10 Hz grid
+  std::vector<SeriesPoint> cvn_series;  // every score, point i at i * 0.1 s
+  std::vector<std::int32_t> peaks;
+};
+
+/// Pure: R-peaks, cleaned RR, the regular heart-rate series and the score.
+LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds);
+
+}  // namespace cvn

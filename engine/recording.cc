@@ -1,0 +1,173 @@
+#include "engine/recording.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+
+namespace cvn {
+
+namespace {
+
+bool is_number_char(char c) {
+  return (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.' || c == 'e' || c == 'E';
+}
+
+// Reads one trimmed line as a sample; false for text and out-of-range lines.
+bool parse_sample(std::string_view line, double* out) {
+  std::size_t i = (line[0] == '+' || line[0] == '-') ? 1 : 0;
+  bool digit = false;
+  for (; i < line.size(); ++i) {
+    if (!is_number_char(line[i])) return false;
+    digit |= line[i] >= '0' && line[i] <= '9';
+  }
+  if (!digit) return false;
+  std::string copy(line);
+  errno = 0;
+  char* end = nullptr;
+  double v = std::strtod(copy.c_str(), &end);
+  // strtod takes the longest valid prefix ("12-3" reads 12); a value beyond
+  // a double's range is dropped rather than stored as infinity.
+  if (end == copy.c_str() || (errno == ERANGE && std::isinf(v))) return false;
+  *out = v;
+  return true;
+}
+
+std::tm local_time(std::int64_t t) {
+  std::time_t tt = static_cast<std::time_t>(t);
+  std::tm tm{};
+#ifdef _WIN32
+  localtime_s(&tm, &tt);
+#else
+  localtime_r(&tt, &tm);
+#endif
+  return tm;
+}
+
+}  // namespace
+
+std::vector<double> read_recording(std::string_view text) {
+  std::vector<double> out;
+  out.reserve(text.size() / 5);  // typical line: 3-4 digits and a line feed
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t nl = text.find('\n', start);
+    std::string_view line =
+        text.substr(start, nl == std::string_view::npos ? std::string_view::npos : nl - start);
+    start = nl == std::string_view::npos ? text.size() + 1 : nl + 1;
+    line = line.substr(0, line.find(','));
+    while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
+    // Leading blanks are tolerated as the number conversion would skip them
+    // ("  -12.5e1" is a sample, as exported by some tools with aligned columns).
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    double v;
+    if (!line.empty() && parse_sample(line, &v)) out.push_back(v);
+  }
+  return out;
+}
+
+std::string format_recording(const std::vector<double>& samples) {
+  std::string out;
+  out.reserve(samples.size() * 6);
+  char buf[32];
+  for (double v : samples) {
+    // std::round halves away from zero; "%.0f" would round halves to even.
+    int n = std::snprintf(buf, sizeof buf, "%.0f\n", std::round(v));
+    out.append(buf, static_cast<std::size_t>(n));
+  }
+  return out;
+}
+
+std::string markers_path(const std::string& recording_path) {
+  std::size_t slash = recording_path.rfind('/');
+  std::size_t dot = recording_path.rfind('.');
+  std::string stem = recording_path;
+  if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) stem.resize(dot);
+  if (stem.ends_with("_ECG")) stem.resize(stem.size() - 4);
+  return stem + "_markers.csv";
+}
+
+std::vector<Marker> read_markers(std::string_view text) {
+  std::vector<Marker> out;
+  std::istringstream in{std::string(text)};
+  std::string line;
+  while (std::getline(in, line)) {
+    int key = 0;
+    long sample = 0;
+    if (std::sscanf(line.c_str(), "%d,%ld", &key, &sample) != 2) continue;
+    if (key < 1 || key > 9 || sample < 0 || sample > INT32_MAX) continue;
+    out.push_back({static_cast<std::int32_t>(sample), key});
+  }
+  return out;
+}
+
+std::string markers_csv(const std::vector<Marker>& markers) {
+  std::string out = "marker,sample_index,seconds\n";
+  char buf[96];
+  for (const Marker& m : markers) {
+    std::snprintf(buf, sizeof buf, "%d,%ld,%.3f\n", m.key, static_cast<long>(m.sample),
+                  m.sample / kSampleRate);
+    out += buf;
+  }
+  return out;
+}
+
+std::string marker_summary(const std::vector<Marker>& markers) {
+  if (markers.empty()) return "none";
+  // Reports have room for a dozen; the CSV beside them has every marker.
+  constexpr std::size_t kShown = 12;
+  std::string out;
+  char buf[64];
+  for (std::size_t i = 0; i < markers.size(); ++i) {
+    if (i == kShown) {
+      out += ", ...";
+      break;
+    }
+    std::snprintf(buf, sizeof buf, "%s%d @ %.1f s", i ? ", " : "", markers[i].key,
+                  markers[i].sample / kSampleRate);
+    out += buf;
+  }
+  return out;
+}
+
+std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, double cycle_seconds) {
+  std::string out;
+  for (const Marker& m : markers) {
+    double t = m.sample / kSampleRate;
+    if (cycle * cycle_seconds <= t && t < (cycle + 1) * cycle_seconds) {
+      if (!out.empty()) out.push_back(' ');
+      out += std::to_string(m.key);
+    }
+  }
+  return out;
+}
+
+std::string sanitize_file_name(std::string_view name) {
+  std::string out;
+  for (char c : name) {
+    bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                c == '-' || c == '.' || c == '_';
+    out.push_back(keep ? c : '_');
+  }
+  std::size_t first = out.find_first_not_of('_');
+  if (first == std::string::npos) return "recording";
+  std::size_t last = out.find_last_not_of('_');
+  return out.substr(first, last - first + 1);
+}
+
+std::string short_number(double v) {
+  std::ostringstream s;
+  s << v;
+  return s.str();
+}
+
+std::string file_time_stamp(std::int64_t unix_seconds) {
+  std::tm tm = local_time(unix_seconds);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y%m%d-%H%M%S", &tm);
+  return buf;
+}
+
+}  // namespace cvn

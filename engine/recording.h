@@ -1,0 +1,53 @@
+// The recording text format, the markers file, and the file names the
+// engine makes from user-given names. Described in docs/recording.md.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cvn {
+
+/// The fixed ECG rate: sample counts convert to seconds with this number.
+inline constexpr double kSampleRate = 130.0;
+inline constexpr int kSampleRateInt = 130;
+
+struct Marker {
+  std::int32_t sample = 0;  // samples counted when it was set
+  std::int32_t key = 0;     // 1..9
+};
+
+/// Samples from recording text: one number per line (first CSV column),
+/// trailing CR and blanks ignored, header and other text lines skipped,
+/// values beyond a double's range skipped. Never fails.
+std::vector<double> read_recording(std::string_view text);
+
+/// One rounded integer per line (halves away from zero), "\n" endings.
+std::string format_recording(const std::vector<double>& samples);
+
+/// "X_ECG.txt" -> "X_markers.csv", "dir/Y.csv" -> "dir/Y_markers.csv".
+std::string markers_path(const std::string& recording_path);
+
+/// Lines "key,sample[,...]" with key 1..9 and sample >= 0; others skipped.
+std::vector<Marker> read_markers(std::string_view text);
+
+/// "marker,sample_index,seconds\n" then "key,sample,seconds(3 decimals)\n".
+std::string markers_csv(const std::vector<Marker>& markers);
+
+/// "none", or "3 @ 12.5 s, 1 @ 20.0 s" with at most twelve entries then ", ...".
+std::string marker_summary(const std::vector<Marker>& markers);
+
+/// Keys of the markers inside cycle `cycle` (i*c <= t < (i+1)*c), space-separated.
+std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, double cycle_seconds);
+
+/// Letters, digits, '-', '.', '_' kept, other bytes '_', outer '_' trimmed,
+/// "recording" when nothing is left.
+std::string sanitize_file_name(std::string_view name);
+
+/// Shortest general form of a period: 5 -> "5", 5.5 -> "5.5".
+std::string short_number(double v);
+
+/// Local time as "%Y%m%d-%H%M%S".
+std::string file_time_stamp(std::int64_t unix_seconds);
+
+}  // namespace cvn

@@ -1,0 +1,31 @@
+// The "Compute TFR" job: both time-frequency heat-maps of the session so far,
+// computed on a thread of its own and handed to the browser as data URIs.
+#pragma once
+#include <string>
+#include <vector>
+
+namespace cvn {
+
+class Engine;
+
+struct TfrInput {
+  std::vector<double> samples;
+  double cycle_seconds = 16.0;
+  std::string sex = "M";
+  int age = 40;
+};
+
+struct TfrImages {
+  std::string error;  // empty on success
+  std::string tfr3_uri, tfr10_uri;
+};
+
+/// Pure: the two heat-maps as "data:image/png;base64," URIs, or the message
+/// the user sees when the recording cannot be analysed.
+TfrImages compute_tfr_images(const TfrInput& in);
+
+/// Sets tfr_status "computing", copies the session under the lock and
+/// computes without it; ends in "done" with both images or "error".
+void start_tfr_job(Engine& engine);
+
+}  // namespace cvn

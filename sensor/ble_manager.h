@@ -1,0 +1,37 @@
+// The sensor link: finds Bluetooth LE devices and streams ECG from a strap.
+// One implementation per platform backend, plus a simulated strap; tests
+// use fakes. Operations never throw: failures are status texts.
+#pragma once
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace cvn {
+
+struct BleDevice {
+  std::string name;     // advertised local name, UTF-8, never empty
+  std::string address;  // "12:34:56:78:9A:BC", most significant byte first
+};
+
+/// One batch of ECG samples in microvolts, in arrival order.
+using SamplesCallback = std::function<void(const std::vector<double>&)>;
+/// A user-facing status text (a connection step or an error).
+using StatusCallback = std::function<void(const std::string&)>;
+
+class BleManager {
+ public:
+  virtual ~BleManager() = default;
+  /// False only when the system plainly reports no Bluetooth adapter.
+  virtual bool available() = 0;
+  /// Scans for named devices (blocks about 10 s), ascending by address. On
+  /// failure returns nothing and sets `error` to a message for the user.
+  virtual std::vector<BleDevice> scan(std::string& error) = 0;
+  /// Returns at once; connects and streams on a worker thread, reporting
+  /// through the callbacks until stop().
+  virtual void connectAndStream(const std::string& address, SamplesCallback on_samples,
+                                StatusCallback on_status) = 0;
+  /// Ends any stream; no callback runs after it returns.
+  virtual void stop() = 0;
+};
+
+}  // namespace cvn

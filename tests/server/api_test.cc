@@ -1,0 +1,189 @@
+// The JSON routes and the event stream against a real engine, over loopback.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "assets/assets.h"
+#include "engine/engine.h"
+#include "server/routes.h"
+#include "tests/support/http_client.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using namespace std::chrono_literals;
+using test::body_of;
+using test::http_get;
+using test::TempDir;
+
+std::string status_line(const std::string& answer) {
+  return answer.substr(0, answer.find("\r\n"));
+}
+
+class Api : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* sub : {"/recordings", "/sample_data"})
+      std::filesystem::create_directories(data.path() + sub);
+    test::spit(data / "sample_data/Sample 1.txt", std::string(*find_asset("Sample 1.txt")));
+    test::spit(data / "sample_data/b.txt", "1\n2\n3\n");
+    test::spit(data / "recordings/r.csv", "5\n");
+    test::spit(data / "recordings/r_markers.csv", "marker,sample_index,seconds\n");
+    test::spit(data / "recordings/notes.CSV", "x");
+    std::filesystem::create_directories(data / "recordings/folder.csv");
+  }
+  void TearDown() override { engine.stop(); }
+
+  std::string get(const std::string& target) { return body_of(http_get(server.port(), target)); }
+
+  TempDir web, data;
+  Engine engine{data.path(), nullptr};
+  test::TestServer server{[this](SocketHandle s, const Request& r) {
+    dispatch(ServerContext{web.path(), data.path(), &engine}, s, r);
+  }};
+};
+
+TEST_F(Api, RecordingsListsFilesByExactEnding) {
+  EXPECT_EQ(get("/recordings"),
+            R"({"saved":["r.csv","r_markers.csv"],"samples":["Sample 1.txt","b.txt"]})");
+  std::filesystem::remove_all(data / "recordings");
+  EXPECT_EQ(get("/recordings"), R"({"saved":[],"samples":["Sample 1.txt","b.txt"]})");
+}
+
+TEST_F(Api, WithoutASensorLinkScanIsEmptyAndLiveStillStarts) {
+  EXPECT_EQ(get("/bt_available"), R"({"available":false})");
+  EXPECT_EQ(get("/scan"), R"({"success":true,"devices":[]})");
+  std::string no_address = http_get(server.port(), "/start_live?device=x");
+  EXPECT_EQ(status_line(no_address), "HTTP/1.1 400 OK");
+  EXPECT_EQ(body_of(no_address), R"({"error":"no address"})");
+  EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF&device=Polar%20H10"), R"({"ok":true})");
+  EXPECT_NE(get("/status").find(R"("mode":"live","running":true)"), std::string::npos);
+}
+
+TEST_F(Api, ReplayControlRoutes) {
+  std::string missing = http_get(server.port(), "/start_replay?file=nope.txt");
+  EXPECT_EQ(status_line(missing), "HTTP/1.1 404 OK");
+  EXPECT_EQ(body_of(missing), R"({"error":"file not found"})");
+  EXPECT_EQ(get("/mark?key=3"), R"({"ok":false})");  // nothing running
+
+  EXPECT_EQ(get("/start_replay?dir=saved&file=r.csv&speed=0"), R"({"ok":true})");
+  EXPECT_NE(get("/status").find(R"("source_label":"r.csv")"), std::string::npos);
+  EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&label=Mine&name=N"), R"({"ok":true})");
+  std::string s = get("/status");
+  EXPECT_NE(s.find(R"("mode":"replay","running":true,"name_id":"N","source_label":"Mine")"),
+            std::string::npos)
+      << s.substr(0, 200);
+  EXPECT_EQ(get("/seek?frac=0,5"), R"({"ok":true})");
+  EXPECT_NE(get("/status").find(R"("frac":0.5)"), std::string::npos);
+  EXPECT_EQ(get("/mark?key=7"), R"({"ok":true})");
+  EXPECT_EQ(get("/mark?key=7"), R"({"ok":false})");
+  EXPECT_EQ(get("/mark?key=x"), R"({"ok":false})");
+  EXPECT_EQ(get("/stop"), R"({"ok":true})");
+  EXPECT_NE(get("/status").find(R"("running":false)"), std::string::npos);
+  EXPECT_NE(get("/save").find(R"({"ok":true,"file":"N_on5_off11_M40_)"), std::string::npos);
+  EXPECT_EQ(http_get(server.port(), "/export"), std::string(kNotFoundAnswer));  // not built yet
+}
+
+TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
+  EXPECT_EQ(get("/tfr_images"), R"({"status":"idle","images":null})");
+  EXPECT_EQ(get("/start_replay?file=b.txt"), R"({"ok":true})");
+  EXPECT_EQ(get("/tfr"), R"({"ok":true,"status":"computing"})");
+  std::string st;
+  for (int i = 0; i < 200 && (st = get("/tfr_status")).find("computing") != std::string::npos; ++i)
+    std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(st, R"({"status":"error","error":"Not enough data recorded yet."})");
+  EXPECT_EQ(get("/tfr_images"), R"({"status":"error","images":null})");
+}
+
+TEST_F(Api, EventStreamFramingAndDisconnect) {
+  const int before = test::thread_count();
+  SocketHandle s = connect_loopback(server.port());
+  send_all(s, "GET /stream HTTP/1.1\r\n\r\n");
+  std::string got;
+  char buf[65536];
+  auto until = std::chrono::steady_clock::now() + 2s;
+  auto events_in = [](const std::string& text) {
+    std::size_t n = 0;
+    for (std::size_t at = 0; (at = text.find("}\n\n", at)) != std::string::npos; ++at) ++n;
+    return n;
+  };
+  while (events_in(got) < 6 && std::chrono::steady_clock::now() < until) {
+    long n = recv_some(s, buf, sizeof buf);
+    if (n <= 0) break;
+    got.append(buf, n);
+  }
+  const std::string head =
+      "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
+      "Connection: keep-alive\r\n\r\n";
+  ASSERT_TRUE(got.starts_with(head)) << got.substr(0, 200);
+  std::string events = got.substr(head.size());
+  // Every event is "data: {snapshot}\n\n", nothing else.
+  std::size_t at = 0, count = 0;
+  while (at < events.size()) {
+    std::size_t end = events.find("\n\n", at);
+    if (end == std::string::npos) break;
+    std::string ev = events.substr(at, end - at);
+    EXPECT_TRUE(ev.starts_with("data: {\"mode\":")) << ev.substr(0, 40);
+    EXPECT_TRUE(ev.ends_with("\"app_version\":\"1.0.0\"}")) << ev.substr(ev.size() - 40);
+    EXPECT_EQ(ev.find('\n'), std::string::npos);
+    at = end + 2;
+    ++count;
+  }
+  EXPECT_GE(count, 5u);
+  close_socket(s);
+  // The stream's thread notices at its next send, within about 50 ms.
+  EXPECT_TRUE(test::wait_for_thread_count(before, 2000));
+}
+
+TEST_F(Api, ConcurrentClientsWhileSessionsStartAndStop) {
+  std::atomic<bool> done{false};
+  std::atomic<int> bad{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 20; ++i)
+    clients.emplace_back([&] {
+      SocketHandle s = connect_loopback(server.port());
+      send_all(s, "GET /stream HTTP/1.1\r\n\r\n");
+      char buf[65536];
+      while (!done) {
+        if (recv_some(s, buf, sizeof buf) <= 0) {
+          ++bad;
+          break;
+        }
+      }
+      close_socket(s);
+    });
+  for (int i = 0; i < 4; ++i)
+    clients.emplace_back([&, i] {
+      while (!done) {
+        std::string a = http_get(server.port(), i % 2 ? "/status" : "/mark?key=5");
+        if (!a.starts_with("HTTP/1.1 200 OK")) ++bad;
+      }
+    });
+  for (int round = 0; round < 15; ++round) {
+    EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=64"), R"({"ok":true})");
+    std::this_thread::sleep_for(std::chrono::milliseconds(30 + round * 10));
+    if (round % 3 == 0) {
+      EXPECT_EQ(get("/seek?frac=0.9"), R"({"ok":true})");
+    }
+    if (round % 4 == 1) {
+      EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF"), R"({"ok":true})");
+    }
+    EXPECT_EQ(get("/stop"), R"({"ok":true})");
+  }
+  // One replay left to run to its end under load.
+  EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=400"), R"({"ok":true})");
+  for (int i = 0; i < 400 && engine.running(); ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_FALSE(engine.running());
+  done = true;
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(bad.load(), 0);
+  EXPECT_NE(get("/status").find(R"("frac":1,)"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace cvn
