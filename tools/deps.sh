@@ -5,7 +5,7 @@ set -euo pipefail
 
 build_pkgs=(g++ cmake make)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
-           python3 python3-numpy python3-scipy)
+           python3 python3-numpy python3-scipy chromium)
 
 case "${1:-build}" in
   build) want=("${build_pkgs[@]}") ;;
@@ -17,6 +17,11 @@ missing=()
 for p in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
+# Node may come from elsewhere than Debian (nodesource ships npm inside its
+# nodejs package), so ask for the command rather than the package.
+if [ "${1:-build}" = test ] && ! command -v npm >/dev/null 2>&1; then
+  missing+=(nodejs npm)
+fi
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 if [ "$(id -u)" -eq 0 ]; then
