@@ -2,7 +2,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: run test build deps-build deps-test clean
+.PHONY: run test sanitize deps-build deps-test clean
 
 run: deps-build
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
@@ -13,6 +13,17 @@ test: deps-test
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=ON -DCVN_BUILD_BENCH=ON >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The server and engine tests again under ThreadSanitizer and under
+# AddressSanitizer with UndefinedBehaviorSanitizer.
+SAN_TESTS = engine_tests server_tests
+sanitize: deps-test
+	cmake -S . -B $(BUILD)-tsan -DCVN_SANITIZE=thread -DCVN_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(BUILD)-tsan -j $(JOBS) --target $(SAN_TESTS)
+	for t in $(SAN_TESTS); do TSAN_OPTIONS=halt_on_error=1 ./$(BUILD)-tsan/tests/$$t || exit 1; done
+	cmake -S . -B $(BUILD)-asan -DCVN_SANITIZE=address -DCVN_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(BUILD)-asan -j $(JOBS) --target $(SAN_TESTS)
+	for t in $(SAN_TESTS); do UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ./$(BUILD)-asan/tests/$$t || exit 1; done
 
 deps-build:
 	@tools/deps.sh build
