@@ -25,6 +25,22 @@ constexpr double kScopeDelaySamples = 52;
 constexpr std::int64_t kScopeSamples = 780;
 constexpr double kMinPeriod = 0.05;
 
+// "[{"x":0,"y":61.2},...]"; y is null when not a number.
+std::string series_json(const std::vector<SeriesPoint>& s) {
+  std::string out;
+  out.reserve(2 + s.size() * 28);
+  out += '[';
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    out += i ? ",{\"x\":" : "{\"x\":";
+    append_json_number(out, s[i].x);
+    out += ",\"y\":";
+    append_json_number(out, s[i].y);
+    out += '}';
+  }
+  out += ']';
+  return out;
+}
+
 std::int64_t unix_now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
@@ -81,6 +97,8 @@ void Engine::reset_results() {
   rr_count_ = 0;
   hr_series_.clear();
   cvn_series_.clear();
+  hr_series_json_ = "[]";
+  cvn_series_json_ = "[]";
   markers_.clear();
   peaks_.clear();
   session_start_ = unix_now();
@@ -291,7 +309,11 @@ void Engine::update_analysis() {
     cycle = cycle_seconds_;
   }
   LiveAnalysis a = analyze_live(samples, cycle);
+  std::string hr_json = series_json(a.hr_series);
+  std::string cvn_json = series_json(a.cvn_series);
   Guard g(mu_);
+  hr_series_json_ = std::move(hr_json);
+  cvn_series_json_ = std::move(cvn_json);
   hr_ = a.hr;
   cvn_ = a.cvn;
   rr_count_ = a.rr_count;
@@ -346,7 +368,7 @@ std::string Engine::status_json() {
   }
 
   std::string j;
-  j.reserve(4096 + 40 * (hr_series_.size() + cvn_series_.size()));
+  j.reserve(16384 + hr_series_json_.size() + cvn_series_json_.size());
   j += "{\"mode\":" + json_text(mode_);
   j += ",\"running\":";
   j += running_ ? "true" : "false";
@@ -374,23 +396,15 @@ std::string Engine::status_json() {
     end = std::min<std::int64_t>(end, static_cast<std::int64_t>(buf.size()));
     for (std::int64_t i = start; i < end; ++i) {
       if (i > start) j += ',';
-      j += json_number(round_to(buf[i], 1));
+      append_json_number(j, round_to(buf[i], 1));
     }
   }
   j += "]";
 
-  auto series = [&j](const char* key, const std::vector<SeriesPoint>& s) {
-    j += ",\"";
-    j += key;
-    j += "\":[";
-    for (std::size_t i = 0; i < s.size(); ++i) {
-      if (i) j += ',';
-      j += "{\"x\":" + json_number(s[i].x) + ",\"y\":" + json_number(s[i].y) + "}";
-    }
-    j += "]";
-  };
-  series("hr_series", hr_series_);
-  series("cvn_series", cvn_series_);
+  j += ",\"hr_series\":";
+  j += hr_series_json_;
+  j += ",\"cvn_series\":";
+  j += cvn_series_json_;
 
   j += ",\"indur\":" + json_number(indur_);
   j += ",\"outdur\":" + json_number(outdur_);

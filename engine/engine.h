@@ -154,6 +154,10 @@ class Engine {
   std::int32_t rr_count_ = 0;
   std::vector<SeriesPoint> hr_series_;
   std::vector<SeriesPoint> cvn_series_;
+  // The two series as JSON arrays, built once per analysis instead of 20
+  // times a second per open stream.
+  std::string hr_series_json_ = "[]";
+  std::string cvn_series_json_ = "[]";
   std::vector<std::int32_t> peaks_;
   std::vector<Marker> markers_;
   std::int64_t session_start_ = 0;

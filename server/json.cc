@@ -1,13 +1,12 @@
 #include "server/json.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
 namespace cvn {
 
-std::string json_text(std::string_view s) {
-  std::string out;
-  out.reserve(s.size() + 2);
+void append_json_text(std::string& out, std::string_view s) {
   out.push_back('"');
   for (char c : s) {
     if (c == '"' || c == '\\') {
@@ -20,16 +19,32 @@ std::string json_text(std::string_view s) {
     }
   }
   out.push_back('"');
+}
+
+std::string json_text(std::string_view s) {
+  std::string out;
+  out.reserve(s.size() + 2);
+  append_json_text(out, s);
   return out;
 }
 
-std::string json_number(double v) {
-  if (!std::isfinite(v)) return "null";
-  // "%g" with precision 6 is exactly the default stream format, and the
-  // buffer cannot overflow: at most "-1.23457e+308".
+void append_json_number(std::string& out, double v) {
+  if (!std::isfinite(v)) {
+    out += "null";
+    return;
+  }
+  // to_chars with a precision formats exactly like printf's "%.6g" (the
+  // default stream format), without locale lookups; the longest result is
+  // "-1.23457e+308".
   char buf[32];
-  std::snprintf(buf, sizeof buf, "%.6g", v);
-  return buf;
+  auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::general, 6);
+  out.append(buf, r.ptr);
+}
+
+std::string json_number(double v) {
+  std::string out;
+  append_json_number(out, v);
+  return out;
 }
 
 std::string json_int(long long v) {

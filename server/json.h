@@ -17,6 +17,10 @@ std::string json_number(double v);
 
 std::string json_int(long long v);
 
+/// Appending forms of the writers above, for large arrays built in place.
+void append_json_number(std::string& out, double v);
+void append_json_text(std::string& out, std::string_view s);
+
 /// "%.*f" with `decimals` decimals (used by the export and report writers).
 std::string fixed_decimals(double v, int decimals);
 
