@@ -1,0 +1,27 @@
+// From a single-lead ECG to cleaned beat-to-beat (RR) intervals.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+namespace cvn {
+
+/// Sampling rate of the Polar H10 ECG stream, samples per second.
+inline constexpr double kEcgSampleRate = 130.0;
+/// Highest heart rate the detector accepts, beats per minute; it sets the
+/// minimum distance between two R-peaks (0.2 s).
+inline constexpr int kMaxHeartRate = 300;
+
+/// R-peak sample indices, ascending: the ECG is band-passed (see
+/// ecg_bandpass for the handling of non-finite samples), peaks are detected
+/// on it and on its negation, and the polarity with more beat-to-beat
+/// intervals of 0.33 s to 1.5 s wins (a tie keeps the upright signal).
+/// Empty when the rate or maximum heart rate is not positive.
+std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_rate,
+                                  int max_heart_rate);
+
+/// Cleaned RR intervals in seconds (clean_rr of the R-peak intervals), one
+/// fewer than the R-peaks. Empty when fewer than two R-peaks were found.
+std::vector<double> analyze_ecg(const std::vector<double>& ecg, double sample_rate,
+                                int max_heart_rate);
+
+}  // namespace cvn

@@ -1,0 +1,199 @@
+#include "analysis/peaks.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+
+#include "analysis/numeric.h"
+
+namespace cvn {
+
+namespace {
+
+// Prominence search window: a QRS complex with its Q and S troughs fits in
+// 0.25 s; a wider window would measure against the neighbouring T wave.
+constexpr double kProminenceWindowSeconds = 0.25;
+// Below two samples a window has no sides; the whole signal is searched.
+constexpr double kMinProminenceWindow = 2.0;
+// An R wave stands out of the band-passed ECG by more than 4 SD of the
+// whole signal.
+constexpr double kAbsoluteThresholdSd = 4.0;
+// The absolute threshold is trusted when it finds at least one beat per 3 s
+// (20 bpm); otherwise the recording is too noisy or too weak for it.
+constexpr double kMinSecondsPerBeat = 3.0;
+// Robust outlier score: 0.6745 scales a median absolute deviation to the
+// SD of a normal distribution. R waves are outliers of the prominence
+// distribution (above 3); beyond 7 a candidate is an artefact, not a beat.
+constexpr double kMadToSd = 0.6745;
+constexpr double kMinRobustScore = 3.0;
+constexpr double kMaxRobustScore = 7.0;
+// Amplitude screen on the kept peaks, in SD of their heights. The lower
+// bound is inclusive and the upper exclusive; the asymmetry is deliberate.
+constexpr double kMinAmplitudeZ = -7.0;
+constexpr double kMaxAmplitudeZ = 7.0;
+
+// Keeps, tallest first, the maxima that no taller kept maximum is closer to
+// than `distance` samples. Equal heights: the later index goes first.
+std::vector<int32_t> select_by_distance(const std::vector<double>& signal,
+                                        const std::vector<int32_t>& maxima, int64_t distance) {
+  const std::size_t count = maxima.size();
+  std::vector<int32_t> order(count);
+  for (std::size_t k = 0; k < count; ++k) order[k] = static_cast<int32_t>(k);
+  std::sort(order.begin(), order.end(), [&](int32_t a, int32_t b) {
+    const double ha = signal[static_cast<std::size_t>(maxima[a])];
+    const double hb = signal[static_cast<std::size_t>(maxima[b])];
+    return ha > hb || (ha == hb && a > b);
+  });
+
+  std::vector<unsigned char> keep(count, 1);
+  for (int32_t j : order) {
+    if (!keep[j]) continue;
+    const int64_t at = maxima[j];
+    for (int32_t k = j - 1; k >= 0 && at - maxima[k] < distance; --k) keep[k] = 0;
+    for (auto k = static_cast<std::size_t>(j) + 1; k < count && maxima[k] - at < distance; ++k) {
+      keep[k] = 0;
+    }
+  }
+
+  std::vector<int32_t> survivors;
+  survivors.reserve(count);
+  for (std::size_t k = 0; k < count; ++k) {
+    if (keep[k]) survivors.push_back(maxima[k]);
+  }
+  return survivors;
+}
+
+}  // namespace
+
+std::vector<int32_t> local_maxima(const std::vector<double>& signal) {
+  std::vector<int32_t> maxima;
+  const auto n = static_cast<int64_t>(signal.size());
+  const int64_t last = n - 1;
+  int64_t i = 1;
+  while (i < last) {
+    if (signal[i - 1] < signal[i]) {
+      int64_t ahead = i + 1;
+      while (ahead < last && signal[ahead] == signal[i]) ++ahead;
+      if (signal[ahead] < signal[i]) {
+        maxima.push_back(static_cast<int32_t>((i + ahead - 1) / 2));
+        i = ahead;
+      }
+    }
+    ++i;
+  }
+  return maxima;
+}
+
+std::vector<PeakProminence> peak_prominences(const std::vector<double>& signal,
+                                             const std::vector<int32_t>& peaks, int window) {
+  std::vector<PeakProminence> result;
+  result.reserve(peaks.size());
+  const auto n = static_cast<int64_t>(signal.size());
+  const int64_t half = window >= 2 ? window / 2 : n;
+  for (int32_t peak : peaks) {
+    const double height = signal[peak];
+    const int64_t lo = std::max<int64_t>(peak - half, 0);
+    const int64_t hi = std::min<int64_t>(peak + half, n - 1);
+
+    double left_min = height;
+    int32_t left_base = peak;
+    for (int64_t i = peak; i >= lo && signal[i] <= height; --i) {
+      if (signal[i] < left_min) {
+        left_min = signal[i];
+        left_base = static_cast<int32_t>(i);
+      }
+    }
+    double right_min = height;
+    int32_t right_base = peak;
+    for (int64_t i = peak; i <= hi && signal[i] <= height; ++i) {
+      if (signal[i] < right_min) {
+        right_min = signal[i];
+        right_base = static_cast<int32_t>(i);
+      }
+    }
+    result.push_back({height - std::max(left_min, right_min), left_base, right_base});
+  }
+  return result;
+}
+
+std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double sample_rate,
+                                  double min_distance) {
+  const std::vector<int32_t> maxima = local_maxima(signal);
+  if (maxima.empty()) return {};
+
+  const double n = static_cast<double>(signal.size());
+  // Distances count whole samples; below one (or NaN) means one, and beyond
+  // the signal's length they all act alike.
+  double distance = std::ceil(min_distance);
+  if (!(distance >= 1.0)) distance = 1.0;
+  distance = std::min(distance, n);
+  const std::vector<int32_t> survivors =
+      select_by_distance(signal, maxima, static_cast<int64_t>(distance));
+
+  // A window too large for an int reaches past any signal: search it all.
+  const double window_samples = kProminenceWindowSeconds * sample_rate;
+  const int window = window_samples >= kMinProminenceWindow &&
+                             window_samples <= static_cast<double>(std::numeric_limits<int>::max())
+                         ? static_cast<int>(std::ceil(window_samples))
+                         : 0;
+  const std::vector<PeakProminence> prominences = peak_prominences(signal, survivors, window);
+
+  const double threshold = mean(signal) + kAbsoluteThresholdSd * population_std(signal);
+  const double required = std::ceil(n / (kMinSecondsPerBeat * sample_rate));
+  std::vector<int32_t> kept;
+  kept.reserve(survivors.size());
+  for (std::size_t k = 0; k < survivors.size(); ++k) {
+    if (prominences[k].prominence > threshold) kept.push_back(survivors[k]);
+  }
+
+  if (!(static_cast<double>(kept.size()) >= required)) {
+    kept.clear();
+    std::vector<double> values(prominences.size());
+    for (std::size_t k = 0; k < prominences.size(); ++k) values[k] = prominences[k].prominence;
+    const double m = median(values);
+    for (double& v : values) v = std::abs(v - m);
+    const double d = median(values);
+    for (std::size_t k = 0; k < survivors.size(); ++k) {
+      const double score = std::abs(kMadToSd * (prominences[k].prominence - m) / d);
+      if (score > kMinRobustScore && score < kMaxRobustScore) kept.push_back(survivors[k]);
+    }
+  }
+
+  std::vector<double> heights(kept.size());
+  for (std::size_t k = 0; k < kept.size(); ++k) heights[k] = signal[kept[k]];
+  const double height_mean = mean(heights);
+  const double height_sd = population_std(heights);
+  std::vector<int32_t> peaks;
+  peaks.reserve(kept.size());
+  for (std::size_t k = 0; k < kept.size(); ++k) {
+    const double z = (heights[k] - height_mean) / height_sd;
+    if (z >= kMinAmplitudeZ && z < kMaxAmplitudeZ) peaks.push_back(kept[k]);
+  }
+  return peaks;
+}
+
+std::vector<double> remove_artefacts(const std::vector<double>& series, int prominence_window,
+                                     double min_prominence) {
+  const double m = mean(series);
+  const double sd = population_std(series);
+  if (!(sd > 0.0) || !std::isfinite(sd)) return series;
+
+  std::vector<double> score(series.size());
+  for (std::size_t i = 0; i < series.size(); ++i) score[i] = std::abs(series[i] - m) / sd;
+  const std::vector<int32_t> peaks = local_maxima(score);
+  const std::vector<PeakProminence> prominences = peak_prominences(score, peaks, prominence_window);
+
+  std::vector<double> cleaned(series);
+  bool marked = false;
+  for (const PeakProminence& p : prominences) {
+    if (!(p.prominence >= min_prominence)) continue;
+    std::fill(cleaned.begin() + p.left_base, cleaned.begin() + p.right_base,
+              std::numeric_limits<double>::quiet_NaN());
+    marked = true;
+  }
+  if (marked) fill_gaps(cleaned);
+  return cleaned;
+}
+
+}  // namespace cvn

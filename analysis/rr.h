@@ -1,0 +1,17 @@
+// Repair of beat-to-beat (RR) interval series.
+#pragma once
+#include <vector>
+
+namespace cvn {
+
+/// RR intervals (seconds) with outliers replaced, same length. Outliers are
+/// intervals whose robust score |0.6745 (r - median) / MAD| exceeds 5 for a
+/// steady series (variance at most 0.01 s^2) or 3 otherwise, median and MAD
+/// taken over the plausible intervals (0.2 s to 2 s, exclusive). A
+/// non-finite interval is always an outlier. Each outlier becomes the linear
+/// interpolation, over the beat index, of the nearest good intervals on
+/// either side (the nearest good one at the ends). Returned unchanged when
+/// the MAD is 0, or when there is no outlier or no good interval.
+std::vector<double> clean_rr(const std::vector<double>& rr);
+
+}  // namespace cvn
