@@ -1,0 +1,30 @@
+// Heart rate on a regular time grid, from cleaned RR intervals.
+#pragma once
+#include <cstddef>
+#include <vector>
+
+namespace cvn {
+
+/// Step of the regular heart-rate series, seconds (10 Hz).
+inline constexpr double kHrGridStep = 0.1;
+
+/// Grid times 0, step, 2 step, ... (seconds) for a recording of
+/// `sample_count` samples: the running time is advanced by repeated addition
+/// of `step` while it is below the duration minus 1e-12 s, and each stored
+/// time is rounded to a whole multiple of `step` (round(t / step) * step,
+/// computed as round(t * (1 / step)) / (1 / step)). Only the stored times are
+/// rounded; the running time keeps its drift, so it decides the length.
+/// Empty when the rate or step is not positive and finite.
+std::vector<double> time_grid(std::size_t sample_count, double sample_rate, double step);
+
+/// Heart rate in beats per minute (60 / RR) on the kHrGridStep grid of
+/// time_grid: interpolated between beat times (the first beat at 0 s),
+/// smoothed by an 8-point Hann window over a mirror-extended series, and
+/// cleared of spikes by remove_artefacts over 5 s windows. A grid of fewer
+/// than 12 points is too short to mirror; it is returned unsmoothed.
+/// Empty when `rr` is empty. REQUIRES: finite intervals (as from clean_rr);
+/// others yield NaN values, never a failure.
+std::vector<double> regular_hr(const std::vector<double>& rr, std::size_t sample_count,
+                               double sample_rate);
+
+}  // namespace cvn
