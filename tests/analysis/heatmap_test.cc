@@ -1,0 +1,191 @@
+#include "analysis/heatmap.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "analysis/deflate.h"
+
+namespace cvn {
+namespace {
+
+using Rgb = std::array<int, 3>;
+constexpr Rgb kStop0 = {59, 76, 192}, kStop4 = {221, 221, 221}, kStop8 = {180, 4, 38};
+constexpr Rgb kGreen = {20, 150, 20}, kDark = {30, 30, 30};
+// Powers far above every reference level, on a scale where kLo + 200 k gives t = k / 8.
+constexpr float kLo = 1e6f;
+
+Rgb pixel(const RgbImage& img, int x, int y) {
+  const std::size_t i = (static_cast<std::size_t>(y) * img.width + x) * 3;
+  return {img.rgb[i], img.rgb[i + 1], img.rgb[i + 2]};
+}
+
+// No green line, and a cycle so long that only pixel column 0 is dark.
+HeatmapParams plain(const std::vector<float>& power, std::size_t rows, std::size_t cols) {
+  HeatmapParams p;
+  p.power = power;
+  p.rows = rows;
+  p.cols = cols;
+  p.centre = kLo + 800;
+  p.half_range = 800;
+  p.expected_row = -100;
+  p.cycle_seconds = 1e7;
+  return p;
+}
+
+TEST(Heatmap, ReferenceLevel) {
+  EXPECT_NEAR(reference_level('F', 45), 8.1906, 1e-9);
+  // 3.458 + 17.5635 - 16.2486 + 4.10518125, published rounded to 8.8781.
+  EXPECT_NEAR(reference_level('M', 45), 8.87808125, 1e-9);
+  EXPECT_NEAR(reference_level('X', 0), 3.458, 1e-12);
+}
+
+TEST(Heatmap, ColourScaleAndRowOrder) {
+  // Row 0 (drawn at the bottom) and row 1; column 0 carries the cycle line.
+  const std::vector<float> v = {0,          kLo,       kLo + 800, kLo + 1600, kLo + 100,
+                                kLo + 1500, kLo - 5e3, 0,         kLo + 1e5,  kLo,
+                                kLo,        kLo,       kLo,       kLo};
+  const RgbImage img = render_heatmap(plain(v, 2, 7));
+  ASSERT_EQ(img.width, 7);
+  ASSERT_EQ(img.height, 2);
+  EXPECT_EQ(pixel(img, 1, 1), kStop0);
+  EXPECT_EQ(pixel(img, 2, 1), kStop4);
+  EXPECT_EQ(pixel(img, 3, 1), kStop8);
+  // Halfway between stops 0 and 1 and between 7 and 8: 78.5 and 57.5 are truncated.
+  EXPECT_EQ(pixel(img, 4, 1), (Rgb{78, 103, 213}));
+  EXPECT_EQ(pixel(img, 5, 1), (Rgb{201, 50, 57}));
+  EXPECT_EQ(pixel(img, 6, 1), kStop0);  // clamped below
+  EXPECT_EQ(pixel(img, 1, 0), kStop8);  // clamped above, top row
+  EXPECT_EQ(pixel(img, 2, 0), kStop0);
+}
+
+TEST(Heatmap, WideMatricesAreSampledNotAveraged) {
+  // {columns, stride}; stride 0: columns not a multiple of the width.
+  for (const auto [cols, stride] : {std::pair<std::size_t, std::size_t>{1000, 1},
+                                    {1201, 0},
+                                    {2400, 2},
+                                    {3600, 3},
+                                    {234000, 195},
+                                    {470011, 0}}) {
+    std::mt19937 rng(static_cast<std::uint32_t>(cols));
+    std::vector<float> v(cols);
+    for (auto& x : v) x = rng() % 2 ? kLo + 1600 : kLo;  // neighbours differ half the time
+    const RgbImage img = render_heatmap(plain(v, 1, cols));
+    const std::size_t width = std::min<std::size_t>(cols, 1200);
+    ASSERT_EQ(img.width, static_cast<int>(width));
+    for (std::size_t x = 1; x < width; ++x) {
+      const std::size_t col = stride ? x * stride : x * cols / width;
+      ASSERT_EQ(pixel(img, x, 0), v[col] > kLo ? kStop8 : kStop0) << "cols " << cols << " x " << x;
+    }
+  }
+}
+
+TEST(Heatmap, EmptyOrInvertedRangeStillScales) {
+  const std::vector<float> v = {0, kLo, kLo + 1, kLo + 5, kLo + 6};
+  HeatmapParams p = plain(v, 1, v.size());
+  p.centre = kLo;
+  p.half_range = 0;  // lo = hi: the scale is 1e-9 wide
+  EXPECT_EQ(pixel(render_heatmap(p), 1, 0), kStop0);
+  EXPECT_EQ(pixel(render_heatmap(p), 2, 0), kStop8);
+  p.half_range = -5;  // lo = c + 5 lies above hi: the same rule, from lo
+  const RgbImage img = render_heatmap(p);
+  EXPECT_EQ(pixel(img, 3, 0), kStop0);
+  EXPECT_EQ(pixel(img, 4, 0), kStop8);
+}
+
+TEST(Heatmap, GreyAtOrBelowTheReferenceLevel) {
+  // Scale 0..1. Level 3.458 (male, age 0): `below` is the largest float whose log is not
+  // above it, `above` the next float.
+  const double level = reference_level('M', 0);
+  float below = static_cast<float>(std::exp(level));
+  if (std::log(double{below}) > level) below = std::nextafter(below, 0.0f);
+  const float above = std::nextafter(below, 1e9f);
+  const std::vector<float> v = {0,     0.25f, 0, -3, std::numeric_limits<float>::quiet_NaN(),
+                                below, above};
+  HeatmapParams p = plain(v, 1, v.size());
+  p.centre = p.half_range = 0.5;
+  // Plain grey is round((1 - t) 255); t = 0.25 gives 191.25.
+  const Rgb plain_grey[] = {{191, 191, 191}, {255, 255, 255}, {255, 255, 255},
+                            {255, 255, 255}, {0, 0, 0},       kStop8};
+  // Blended: 45 % of the colour (stop 2 at t = 0.25) and 55 % grey, truncated.
+  const Rgb blended[] = {{168, 184, 219}, {166, 174, 226}, {166, 174, 226},
+                         {166, 174, 226}, {81, 1, 17},     kStop8};
+  for (bool blend : {false, true}) {
+    p.blend = blend;
+    const RgbImage img = render_heatmap(p);
+    for (int x = 1; x < 7; ++x) {
+      EXPECT_EQ(pixel(img, x, 0), (blend ? blended : plain_grey)[x - 1])
+          << "x " << x << " blend " << blend;
+    }
+  }
+}
+
+TEST(Heatmap, ExpectedFrequencyAndCycleLines) {
+  struct Case {
+    std::size_t cols;
+    double cycle_seconds;  // at 10 columns per second
+    int expected_row;
+    std::set<int> dark, green;
+  };
+  std::set<int> every_tenth;
+  for (int x = 0; x < 1200; x += 10) every_tenth.insert(x);
+  const Case cases[] = {
+      {100, 2.0, 0, {0, 20, 40, 60, 80}, {9, 8}},
+      {100, 1.55, 3, {0, 15, 31, 46, 62, 77, 93}, {6, 5}},  // 15.5 columns, truncated
+      {2400, 2.0, 9, every_tenth, {0}},                     // 20 columns = 10 pixels
+      {100, 20.0, 10, {0}, {}},
+      {100, 20.0, -1, {0}, {9}},
+  };
+  for (const Case& c : cases) {
+    const std::size_t rows = 10;
+    const std::vector<float> v(rows * c.cols, kLo);
+    HeatmapParams p = plain(v, rows, c.cols);
+    p.cycle_seconds = c.cycle_seconds;
+    p.sampling_rate = 10;
+    p.expected_row = c.expected_row;
+    const RgbImage img = render_heatmap(p);
+    for (int x = 0; x < img.width; ++x) {
+      for (int y = 0; y < img.height; ++y) {
+        const Rgb want = c.dark.count(x) ? kDark : c.green.count(y) ? kGreen : kStop0;
+        ASSERT_EQ(pixel(img, x, y), want)
+            << "cols " << c.cols << " row " << c.expected_row << " at " << x << "," << y;
+      }
+    }
+  }
+}
+
+TEST(Heatmap, NothingToDraw) {
+  const std::vector<float> v(6, kLo);
+  EXPECT_TRUE(render_heatmap(plain(v, 0, 6)).rgb.empty());
+  EXPECT_TRUE(render_heatmap(plain(v, 6, 0)).rgb.empty());
+  EXPECT_EQ(render_heatmap(plain(v, 2, 4)).width, 0);  // needs 8 values
+  EXPECT_EQ(render_heatmap(plain(v, 2, 3)).rgb.size(), 2u * 3 * 3);
+}
+
+// Image-like data for the deflate coder: smooth colours, grey patches, lines.
+TEST(Heatmap, RenderedMapRoundTripsThroughDeflate) {
+  std::vector<float> v(320 * 20000);
+  for (std::size_t i = 0; i < v.size(); ++i) {
+    v[i] = std::exp(9 + 2 * std::sin(0.02 * (i / 20000)) * std::cos(1e-3 * (i % 20000)));
+  }
+  HeatmapParams p = plain(v, 320, 20000);
+  p.centre = p.half_range = std::exp(9.0);
+  p.expected_row = 85;
+  p.cycle_seconds = 16;
+  const std::vector<std::uint8_t> rgb = render_heatmap(p).rgb;
+  const std::vector<std::uint8_t> z = zlib_compress(rgb);
+  std::vector<std::uint8_t> back(rgb.size() + 1);
+  uLongf len = back.size();
+  ASSERT_EQ(uncompress(back.data(), &len, z.data(), z.size()), Z_OK);
+  EXPECT_EQ(std::vector(back.begin(), back.begin() + len), rgb);
+  EXPECT_LT(z.size(), rgb.size() / 4);
+}
+
+}  // namespace
+}  // namespace cvn
