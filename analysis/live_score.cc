@@ -16,6 +16,43 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 // variance is taken as the border between following and not following.
 constexpr double kNeutralFit = 0.6;
 constexpr double kMsPerSecond = 1000.0;
+// Running window sums are recomputed from scratch after this many moves, so
+// their rounding error stays that of a few dozen additions.
+constexpr int kResyncMoves = 64;
+
+// Sums of the regressors over a window [begin, end) whose ends only move
+// forward: the data-independent part of every window's fit, kept in O(1)
+// per window instead of O(window).
+class RegressorSums {
+ public:
+  RegressorSums(const std::vector<double>& sine, const std::vector<double>& cosine)
+      : sine_(sine), cosine_(cosine) {}
+
+  void move_to(std::size_t begin, std::size_t end) {
+    if (++moves_ >= kResyncMoves || begin >= end_) {
+      moves_ = 0;
+      s = c = ss = cc = 0.0;
+      begin_ = end_ = begin;
+    }
+    for (; end_ < end; ++end_) add(end_, 1.0);
+    for (; begin_ < begin; ++begin_) add(begin_, -1.0);
+  }
+
+  double s = 0.0, c = 0.0, ss = 0.0, cc = 0.0;
+
+ private:
+  void add(std::size_t j, double sign) {
+    s += sign * sine_[j];
+    c += sign * cosine_[j];
+    ss += sign * (sine_[j] * sine_[j]);
+    cc += sign * (cosine_[j] * cosine_[j]);
+  }
+
+  const std::vector<double>& sine_;
+  const std::vector<double>& cosine_;
+  std::size_t begin_ = 0, end_ = 0;
+  int moves_ = 0;
+};
 
 double score_of_fit(double r) {
   if (std::isnan(r)) return kNaN;
@@ -94,37 +131,34 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
     cosine[j] = std::cos(omega * grid[j]);
   }
 
+  RegressorSums window_sums(sine, cosine);
   for (std::size_t i = std::max(window, first + 1); i <= g; ++i) {
     const std::size_t begin = std::max(first, i - window);
     const std::size_t valid_end = std::min(i, end_valid);
     if (begin >= valid_end) continue;  // no interval in the window
+    window_sums.move_to(begin, i);
 
     // Intervals are taken relative to the window's first one: an exactly
     // constant window then sums to exact zeros (and scores NaN), and the
     // one-pass sums keep their precision.
     const double ref = value[begin];
     double sum_d = 0.0, sum_dd = 0.0, sum_sd = 0.0, sum_cd = 0.0;
-    double sum_s = 0.0, sum_c = 0.0, sum_ss = 0.0, sum_cc = 0.0;
     for (std::size_t j = begin; j < valid_end; ++j) {
       const double d = value[j] - ref;
-      const double s = sine[j];
-      const double c = cosine[j];
       sum_d += d;
       sum_dd += d * d;
-      sum_sd += s * d;
-      sum_cd += c * d;
-      sum_s += s;
-      sum_c += c;
-      sum_ss += s * s;
-      sum_cc += c * c;
+      sum_sd += sine[j] * d;
+      sum_cd += cosine[j] * d;
     }
-    const double sum_s_valid = sum_s;
-    const double sum_c_valid = sum_c;
-    for (std::size_t j = valid_end; j < i; ++j) {
-      sum_s += sine[j];
-      sum_c += cosine[j];
-      sum_ss += sine[j] * sine[j];
-      sum_cc += cosine[j] * cosine[j];
+    // Past the last beat the intervals are missing; only the last windows.
+    double sum_s_valid = window_sums.s;
+    double sum_c_valid = window_sums.c;
+    if (valid_end < i) {
+      sum_s_valid = sum_c_valid = 0.0;
+      for (std::size_t j = begin; j < valid_end; ++j) {
+        sum_s_valid += sine[j];
+        sum_c_valid += cosine[j];
+      }
     }
 
     // With h = d - mean(d) on valid points and 0 elsewhere, sum(h) = 0, so
@@ -135,8 +169,8 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
     const double hh = sum_dd - mean_d * sum_d;
     const double sh = sum_sd - mean_d * sum_s_valid;
     const double ch = sum_cd - mean_d * sum_c_valid;
-    const double ss = sum_ss - sum_s * sum_s / points;
-    const double cc = sum_cc - sum_c * sum_c / points;
+    const double ss = window_sums.ss - window_sums.s * window_sums.s / points;
+    const double cc = window_sums.cc - window_sums.c * window_sums.c / points;
     const double r_s = sh / std::sqrt(ss * hh);
     const double r_c = ch / std::sqrt(cc * hh);
     scores[i] = score_of_fit(std::sqrt(r_s * r_s + r_c * r_c));

@@ -38,16 +38,22 @@ constexpr double kMaxAmplitudeZ = 7.0;
 std::vector<int32_t> select_by_distance(const std::vector<double>& signal,
                                         const std::vector<int32_t>& maxima, int64_t distance) {
   const std::size_t count = maxima.size();
-  std::vector<int32_t> order(count);
-  for (std::size_t k = 0; k < count; ++k) order[k] = static_cast<int32_t>(k);
-  std::sort(order.begin(), order.end(), [&](int32_t a, int32_t b) {
-    const double ha = signal[static_cast<std::size_t>(maxima[a])];
-    const double hb = signal[static_cast<std::size_t>(maxima[b])];
-    return ha > hb || (ha == hb && a > b);
+  // Heights travel with their positions so the sort reads contiguous memory.
+  struct Candidate {
+    double height;
+    int32_t position;  // in `maxima`
+  };
+  std::vector<Candidate> order(count);
+  for (std::size_t k = 0; k < count; ++k) {
+    order[k] = {signal[static_cast<std::size_t>(maxima[k])], static_cast<int32_t>(k)};
+  }
+  std::sort(order.begin(), order.end(), [](const Candidate& a, const Candidate& b) {
+    return a.height > b.height || (a.height == b.height && a.position > b.position);
   });
 
   std::vector<unsigned char> keep(count, 1);
-  for (int32_t j : order) {
+  for (const Candidate& candidate : order) {
+    const int32_t j = candidate.position;
     if (!keep[j]) continue;
     const int64_t at = maxima[j];
     for (int32_t k = j - 1; k >= 0 && at - maxima[k] < distance; --k) keep[k] = 0;
