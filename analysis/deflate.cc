@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <memory>
 
 #include "analysis/checksum.h"
 
@@ -232,13 +233,14 @@ void deflate_fixed_append(std::span<const std::uint8_t> input, std::size_t segme
                           std::vector<std::uint8_t>& out) {
   segment_bytes = std::clamp<std::size_t>(segment_bytes, 1, kDeflateSegmentBytes);
   // Worst case: 9 bits per literal, plus the 3-bit block header, the 7-bit end code and
-  // the 4-byte flushes of the bit writer.
-  const std::size_t start = out.size();
-  out.resize(start + input.size() / 8 * 9 + input.size() % 8 * 2 + 16);
+  // the 4-byte flushes of the bit writer. The buffer is left uninitialised: only the pages
+  // the compressed data reaches are ever touched.
+  const std::size_t bound = input.size() / 8 * 9 + input.size() % 8 * 2 + 16;
+  const std::unique_ptr<std::uint8_t[]> buffer(new std::uint8_t[bound]);
 
   std::vector<std::uint32_t> head(kHashSize);
   std::vector<std::uint32_t> prev(kWindowSize);
-  BitWriter bits(out.data() + start);
+  BitWriter bits(buffer.get());
   bits.put(1, 1);  // BFINAL: the only block
   bits.put(1, 2);  // BTYPE 01: fixed Huffman codes
   for (std::size_t off = 0; off < input.size(); off += segment_bytes) {
@@ -247,7 +249,7 @@ void deflate_fixed_append(std::span<const std::uint8_t> input, std::size_t segme
                      prev.data(), bits);
   }
   bits.put(kLiteralCodes[kEndOfBlock]);
-  out.resize(start + bits.finish());
+  out.insert(out.end(), buffer.get(), buffer.get() + bits.finish());
 }
 
 }  // namespace detail
