@@ -8,6 +8,7 @@
 #include "app/platform.h"
 #include "assets/assets.h"
 #include "engine/engine.h"
+#include "sensor/sensor_link.h"
 #include "server/http.h"
 #include "server/routes.h"
 
@@ -157,7 +158,7 @@ int run_app(int argc, char** argv) {
   const Folders& f = g_app.folders;
   // The engine lives as long as the process; connection threads and jobs
   // hold on to it until the very end.
-  Engine* engine = new Engine(f.data, nullptr);
+  Engine* engine = new Engine(f.data, make_sensor_link());
   prepare_data_folder(f);
 
   g_app.logo = load_report_logo(f.web_root);

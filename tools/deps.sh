@@ -3,9 +3,9 @@
 # we are not root. Usage: tools/deps.sh build|test
 set -euo pipefail
 
-build_pkgs=(g++ cmake make)
+build_pkgs=(g++ cmake make pkg-config libsystemd-dev)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
-           python3 python3-numpy python3-scipy chromium)
+           python3 python3-numpy python3-scipy chromium dbus)
 
 case "${1:-build}" in
   build) want=("${build_pkgs[@]}") ;;

@@ -1,0 +1,11 @@
+// Builds without a Bluetooth library: the program runs with no sensor link
+// (replay and import still work; the page says Bluetooth is unavailable).
+#include "sensor/platform_backend.h"
+
+namespace cvn {
+
+std::shared_ptr<BleBackend> make_platform_backend() {
+  return nullptr;
+}
+
+}  // namespace cvn

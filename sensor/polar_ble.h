@@ -1,0 +1,54 @@
+// The sensor link for the Polar H10 on any Bluetooth LE stack: scanning,
+// and the connection procedure that starts its ECG stream. Every step is a
+// line in the diagnostic log; every user-facing message is a status text.
+#pragma once
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sensor/ble_backend.h"
+#include "sensor/ble_manager.h"
+
+namespace cvn {
+
+/// Waits of the procedure. The defaults are what a real strap needs; tests
+/// shorten them.
+struct BleTimings {
+  std::chrono::milliseconds warm_up{1500};      // stack awake before the first scan
+  std::chrono::milliseconds scan{10000};        // advertisements are collected this long
+  std::chrono::milliseconds retry_pause{1500};  // before discovery attempts 2..4
+  std::chrono::milliseconds settings_poll{50};  // x 40: up to 2 s for the settings reply
+  std::chrono::milliseconds before_start{200};  // after the settings reply
+};
+
+class PolarBle : public BleManager {
+ public:
+  /// Starts the warm-up on a detached thread.
+  explicit PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings = {});
+  ~PolarBle() override;
+
+  bool available() override;
+  std::vector<BleDevice> scan(std::string& error) override;
+  void connectAndStream(const std::string& address, SamplesCallback on_samples,
+                        StatusCallback on_status) override;
+  void stop() override;
+
+  /// Discovery attempts before giving up on the PMD service.
+  static constexpr int kDiscoveryAttempts = 4;
+  /// Re-checks of the settings reply before the start command goes anyway.
+  static constexpr int kSettingsPolls = 40;
+
+ private:
+  struct Attempt;  // one connectAndStream: its link, flags and cancellation
+
+  std::mutex mu_;  // serialises connectAndStream and stop
+  const std::shared_ptr<BleBackend> backend_;
+  const BleTimings timings_;
+  std::shared_ptr<Attempt> attempt_;  // the latest, if any
+  std::thread worker_;
+};
+
+}  // namespace cvn

@@ -1,0 +1,127 @@
+#include "sensor/simulated_strap.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "assets/assets.h"
+#include "engine/recording.h"
+#include "sensor/ble_common.h"
+#include "sensor/pmd.h"
+
+namespace cvn {
+
+namespace {
+
+using Handler = std::function<void(const std::vector<std::uint8_t>&)>;
+
+class SimulatedLink : public BleConnection {
+ public:
+  ~SimulatedLink() override { close(); }
+
+  void watch_connection(std::function<void(bool)>) override {}
+  bool maintain_connection() override { return true; }
+  bool connected() override { return !closed(); }
+  Discovery discover_all() override { return {0, 5}; }
+  Discovery discover_service(const std::string& uuid) override {
+    return {0, uuid == kPmdServiceUuid ? 1 : 0};
+  }
+  bool has_characteristic(const std::string& uuid) override {
+    return uuid == kPmdControlUuid || uuid == kPmdDataUuid;
+  }
+  void subscribe(const std::string& uuid, Handler h) override {
+    std::lock_guard<std::mutex> g(mu_);
+    if (closed_) throw std::runtime_error("link closed");
+    (uuid == kPmdDataUuid ? data_ : control_) = std::move(h);
+  }
+  void write(const std::string& uuid, const std::vector<std::uint8_t>& bytes) override {
+    std::unique_lock<std::mutex> g(mu_);
+    if (closed_) throw std::runtime_error("link closed");
+    if (uuid != kPmdControlUuid || bytes.empty()) return;
+    if (bytes == pmd_settings_request() && control_) {
+      // A settings reply as the strap sends it: response code F0, the
+      // operation, the type, status 0, then the settings themselves.
+      control_({0xF0, 0x01, 0x00, 0x00, 0x00, 0x00, 0x01, 0x82, 0x00, 0x01, 0x01, 0x0E, 0x00});
+    } else if (bytes == pmd_start_ecg() && !streamer_.joinable()) {
+      streamer_ = std::thread([this] { stream(); });
+    }
+  }
+  void close() override {
+    std::thread t;
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      closed_ = true;
+      data_ = nullptr;
+      control_ = nullptr;
+      t = std::move(streamer_);
+    }
+    wake_.notify_all();
+    if (t.joinable()) {
+      if (t.get_id() == std::this_thread::get_id())
+        t.detach();
+      else
+        t.join();
+    }
+  }
+
+ private:
+  bool closed() {
+    std::lock_guard<std::mutex> g(mu_);
+    return closed_;
+  }
+
+  void stream() {
+    const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
+    if (ecg.empty()) return;
+    using clock = std::chrono::steady_clock;
+    const auto start = clock::now();
+    std::size_t pos = 0;
+    for (std::uint64_t frame = 1;; ++frame) {
+      // Frame k is due when its last sample has been "measured": no drift
+      // however long the session runs.
+      auto due = start + std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(
+                             static_cast<double>(frame * kSimulatedFrameSamples) / 130.0));
+      std::unique_lock<std::mutex> g(mu_);
+      if (wake_.wait_until(g, due, [this] { return closed_; })) return;
+      std::vector<double> batch;
+      batch.reserve(kSimulatedFrameSamples);
+      for (int i = 0; i < kSimulatedFrameSamples; ++i) {
+        batch.push_back(ecg[pos]);
+        pos = (pos + 1) % ecg.size();  // the recording loops
+      }
+      // Timestamps in nanoseconds, as the strap counts them.
+      std::uint64_t ns = frame * kSimulatedFrameSamples * 1000000000ull / 130;
+      if (data_) data_(encode_ecg_frame(ns, batch));
+    }
+  }
+
+  std::mutex mu_;
+  std::condition_variable wake_;
+  bool closed_ = false;
+  Handler data_, control_;
+  std::thread streamer_;
+};
+
+class SimulatedStrap : public BleBackend {
+ public:
+  bool has_adapter() override { return true; }
+  void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+    seen(parse_ble_address(kSimulatedStrapAddress), kSimulatedStrapName);
+  }
+  void stop_scan() override {}
+  std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
+    if (address != parse_ble_address(kSimulatedStrapAddress)) return nullptr;
+    return std::make_shared<SimulatedLink>();
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<BleBackend> make_simulated_strap() {
+  return std::make_shared<SimulatedStrap>();
+}
+
+}  // namespace cvn

@@ -1,0 +1,328 @@
+// The strap link's scan and connection procedure against an in-memory stack,
+// and the simulated strap feeding a live session end to end.
+#include "sensor/polar_ble.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "app/log.h"
+#include "assets/assets.h"
+#include "engine/engine.h"
+#include "sensor/ble_common.h"
+#include "sensor/pmd.h"
+#include "sensor/simulated_strap.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+// What the fake stack does; tests change it before connecting.
+struct Script {
+  std::vector<std::pair<std::uint64_t, std::string>> adverts;
+  bool adapter = true;
+  bool scan_throws = false;
+  bool device_exists = true;
+  int pmd_found_on_attempt = 1;  // 0: never
+  bool characteristics = true;
+  bool settings_reply = true;
+  std::chrono::milliseconds open_delay{0};
+};
+
+struct FakeLink : BleConnection {
+  Script s;
+  std::mutex mu;
+  bool closed = false;
+  int attempts = 0;
+  std::map<std::string, std::function<void(const Bytes&)>> handlers;
+  std::function<void(bool)> on_change;
+  std::vector<Bytes> writes;
+
+  explicit FakeLink(Script script) : s(std::move(script)) {}
+  void watch_connection(std::function<void(bool)> f) override { on_change = std::move(f); }
+  bool maintain_connection() override { return true; }
+  bool connected() override { return !closed; }
+  Discovery discover_all() override { return {0, 6}; }
+  Discovery discover_service(const std::string& uuid) override {
+    ++attempts;
+    if (attempts == 2) throw std::runtime_error("stack hiccup");
+    bool found = s.pmd_found_on_attempt != 0 && attempts >= s.pmd_found_on_attempt;
+    return {found ? 0 : 1, found && uuid == kPmdServiceUuid ? 1 : 0};
+  }
+  bool has_characteristic(const std::string&) override { return s.characteristics; }
+  void subscribe(const std::string& uuid, std::function<void(const Bytes&)> h) override {
+    std::lock_guard<std::mutex> g(mu);
+    if (closed) throw std::runtime_error("closed");
+    handlers[uuid] = std::move(h);
+  }
+  void write(const std::string& uuid, const Bytes& bytes) override {
+    std::lock_guard<std::mutex> g(mu);
+    if (closed) throw std::runtime_error("closed");
+    writes.push_back(bytes);
+    if (bytes == pmd_settings_request() && s.settings_reply) handlers[kPmdControlUuid]({0xF0, 1});
+  }
+  void close() override {
+    std::lock_guard<std::mutex> g(mu);
+    closed = true;
+    handlers.clear();
+  }
+  // A notification from the "strap"; false once the link is closed.
+  bool notify(const Bytes& value) {
+    std::lock_guard<std::mutex> g(mu);
+    auto it = handlers.find(kPmdDataUuid);
+    if (it == handlers.end()) return false;
+    it->second(value);
+    return true;
+  }
+  void drop() {
+    if (on_change) on_change(false);
+  }
+};
+
+struct FakeStack : BleBackend {
+  Script s;
+  std::shared_ptr<FakeLink> last;
+  std::mutex mu;
+  bool has_adapter() override { return s.adapter; }
+  void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+    if (s.scan_throws) throw std::runtime_error("radio off");
+    for (const auto& [a, n] : s.adverts) seen(a, n);
+  }
+  void stop_scan() override {}
+  std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
+    std::this_thread::sleep_for(s.open_delay);
+    if (!s.device_exists || address != 0xA09E1A000001ull) return nullptr;
+    std::lock_guard<std::mutex> g(mu);
+    last = std::make_shared<FakeLink>(s);
+    return last;
+  }
+  std::shared_ptr<FakeLink> link() {
+    std::lock_guard<std::mutex> g(mu);
+    return last;
+  }
+};
+
+BleTimings quick() {
+  BleTimings t;
+  t.warm_up = 0ms;
+  t.scan = 50ms;
+  t.retry_pause = 10ms;
+  t.settings_poll = 2ms;
+  t.before_start = 1ms;
+  return t;
+}
+
+// Collects what reaches the callbacks.
+struct Sink {
+  std::mutex mu;
+  std::vector<std::string> statuses;
+  std::vector<double> samples;
+  SamplesCallback samples_cb() {
+    return [this](const std::vector<double>& b) {
+      std::lock_guard<std::mutex> g(mu);
+      samples.insert(samples.end(), b.begin(), b.end());
+    };
+  }
+  StatusCallback status_cb() {
+    return [this](const std::string& s) {
+      std::lock_guard<std::mutex> g(mu);
+      statuses.push_back(s);
+    };
+  }
+  std::string last() {
+    std::lock_guard<std::mutex> g(mu);
+    return statuses.empty() ? "" : statuses.back();
+  }
+  bool wait_for(const std::string& status, std::chrono::milliseconds limit = 3s) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < until) {
+      {
+        std::lock_guard<std::mutex> g(mu);
+        for (const auto& s : statuses)
+          if (s == status) return true;
+      }
+      std::this_thread::sleep_for(2ms);
+    }
+    return false;
+  }
+};
+
+class PolarBleTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    saved_home_ = std::getenv("HOME") ? std::getenv("HOME") : "";
+    ::setenv("HOME", home.path().c_str(), 1);
+    ::unsetenv("USERPROFILE");
+    std::filesystem::create_directories(home / "Documents/CVN-Live");
+    stack = std::make_shared<FakeStack>();
+  }
+  void TearDown() override { ::setenv("HOME", saved_home_.c_str(), 1); }
+  std::string log() { return test::slurp(log_path()); }
+
+  test::TempDir home;
+  std::string saved_home_;
+  std::shared_ptr<FakeStack> stack;
+  Sink sink;
+};
+
+TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrder) {
+  stack->s.adverts = {{0xC0FFEE000002ull, "Polar H10 0000B"}, {0x000000000010ull, ""},
+                      {0xA09E1A000001ull, "Polar H10 1234"},  {0xA09E1A000001ull, ""},
+                      {0x0000000000FFull, "Watch"},           {0x000000000010ull, ""}};
+  PolarBle ble(stack, quick());
+  std::string error;
+  std::vector<BleDevice> d = ble.scan(error);
+  ASSERT_EQ(d.size(), 3u);
+  EXPECT_EQ(d[0].address, "00:00:00:00:00:FF");
+  EXPECT_EQ(d[1].name, "Polar H10 1234");  // the later empty name erased nothing
+  EXPECT_EQ(d[1].address, "A0:9E:1A:00:00:01");
+  EXPECT_EQ(d[2].address, "C0:FF:EE:00:00:02");
+  EXPECT_EQ(error, "");
+  EXPECT_NE(log().find("  [BLE] scan() done, 3 named device(s)\n"), std::string::npos);
+}
+
+TEST_F(PolarBleTest, ScanFailuresAreMessagesNotExceptions) {
+  PolarBle ble(stack, quick());
+  std::string error;
+  EXPECT_TRUE(ble.scan(error).empty());
+  EXPECT_EQ(error,
+            "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
+            "close.");
+  stack->s.scan_throws = true;
+  error.clear();
+  EXPECT_TRUE(ble.scan(error).empty());
+  EXPECT_EQ(error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.");
+  EXPECT_TRUE(ble.available());
+  stack->s.adapter = false;
+  EXPECT_FALSE(ble.available());
+}
+
+TEST_F(PolarBleTest, StreamsDecodedBatchesAfterTheStartCommand) {
+  PolarBle ble(stack, quick());
+  ble.connectAndStream("a0:9e:1a:00:00:01", sink.samples_cb(), sink.status_cb());
+  ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
+  auto link = stack->link();
+  EXPECT_EQ(link->writes, (std::vector<Bytes>{pmd_settings_request(), pmd_start_ecg()}));
+  std::vector<double> a = {1, -2, 3}, b = {400000};
+  ASSERT_TRUE(link->notify(encode_ecg_frame(1, a)));
+  ASSERT_TRUE(link->notify(Bytes{2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0}));  // not ECG: dropped
+  ASSERT_TRUE(link->notify(encode_ecg_frame(2, b)));
+  EXPECT_EQ(sink.samples, (std::vector<double>{1, -2, 3, 400000}));
+  EXPECT_EQ(sink.statuses, (std::vector<std::string>{"Connecting…", "Connected. Starting ECG…",
+                                                     "Streaming ECG…"}));
+  link->drop();
+  EXPECT_EQ(sink.last(), "Disconnected.");
+
+  ble.stop();
+  EXPECT_FALSE(link->notify(encode_ecg_frame(3, a)));  // the link was closed
+  EXPECT_EQ(sink.samples.size(), 4u);
+  // The log tells the story, one line per step.
+  std::string l = log();
+  for (const char* step :
+       {"] connect a0:9e:1a:00:00:01\n", "] GattSession: MaintainConnection=true\n",
+        "] PMD discovery attempt 1: Success, 1 svc, conn=1\n", "] settings response received\n",
+        "] ECG start command sent\n", "] stop() enter\n"})
+    EXPECT_NE(l.find(step), std::string::npos) << step << "\n" << l;
+}
+
+TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
+  stack->s.pmd_found_on_attempt = 0;
+  PolarBle ble(stack, quick());
+  ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
+  const std::string failure =
+      "Could not reach the Polar ECG service (Unreachable). Moisten the strap, keep it close, and "
+      "in Windows Bluetooth settings pair the H10, then try again.";
+  ASSERT_TRUE(sink.wait_for(failure));
+  EXPECT_EQ(sink.statuses, (std::vector<std::string>{"Connecting…", "Connecting… (attempt 2 of 4)",
+                                                     "Connecting… (attempt 3 of 4)",
+                                                     "Connecting… (attempt 4 of 4)", failure}));
+  std::string l = log();
+  EXPECT_NE(l.find("] PMD discovery attempt 2: exception\n"), std::string::npos) << l;
+  std::size_t full = l.find("] full discovery: Success, 6 services\n");
+  ASSERT_NE(full, std::string::npos) << l;
+  EXPECT_LT(full, l.find("] PMD discovery attempt 3: Unreachable, 0 svc, conn=1\n"));
+  EXPECT_NE(l.find("] PMD service not found after retries (Unreachable)\n"), std::string::npos);
+  EXPECT_EQ(stack->link()->attempts, 4);
+}
+
+TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
+  stack->s.pmd_found_on_attempt = 3;
+  stack->s.settings_reply = false;
+  PolarBle ble(stack, quick());
+  ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
+  ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
+  EXPECT_NE(log().find("] no settings response (sending start anyway)\n"), std::string::npos);
+  EXPECT_EQ(stack->link()->writes.back(), pmd_start_ecg());
+}
+
+TEST_F(PolarBleTest, MissingDeviceOrCharacteristics) {
+  {
+    stack->s.device_exists = false;
+    PolarBle ble(stack, quick());
+    ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
+    EXPECT_TRUE(sink.wait_for(
+        "Device not found. Try scanning again, or pair the H10 in Windows Bluetooth settings "
+        "first."));
+  }
+  {
+    stack->s.device_exists = true;
+    stack->s.characteristics = false;
+    PolarBle ble(stack, quick());
+    ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
+    EXPECT_TRUE(sink.wait_for("Polar ECG characteristics missing."));
+    EXPECT_NE(log().find("] control/data char missing\n"), std::string::npos);
+  }
+}
+
+TEST_F(PolarBleTest, StopWhileConnectingIsHarmlessAndSilencesEverything) {
+  stack->s.open_delay = 100ms;
+  PolarBle ble(stack, quick());
+  ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
+  std::this_thread::sleep_for(20ms);
+  ble.stop();
+  ble.stop();
+  std::size_t seen = sink.statuses.size();
+  std::this_thread::sleep_for(300ms);  // the worker finishes against a closed link
+  EXPECT_EQ(sink.statuses.size(), seen);
+  auto link = stack->link();
+  ASSERT_TRUE(link);
+  EXPECT_TRUE(link->closed);  // opened after stop(): closed at once
+  EXPECT_TRUE(link->writes.empty());
+}
+
+TEST(SimulatedStrap, LiveSessionReceivesTheRecordingInOrder) {
+  test::TempDir data;
+  BleTimings t = quick();
+  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_strap(), t));
+  std::string error;
+  auto devices = engine.sensor()->scan(error);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].name, "Polar H10 SIM00001");
+  engine.start_live(devices[0].address, {{"device", devices[0].name}});
+  // Two notifications of 73 samples arrive in a little over a second.
+  auto until = std::chrono::steady_clock::now() + 5s;
+  while (engine.current_samples().size() < 2 * kSimulatedFrameSamples &&
+         std::chrono::steady_clock::now() < until)
+    std::this_thread::sleep_for(20ms);
+  engine.stop();
+  std::vector<double> got = engine.current_samples();
+  ASSERT_GE(got.size(), 2u * kSimulatedFrameSamples);
+  EXPECT_EQ(got.size() % kSimulatedFrameSamples, 0u);
+  std::vector<double> want = read_recording(*find_asset("Sample 1.txt"));
+  want.resize(got.size());
+  EXPECT_EQ(got, want);
+  EXPECT_NE(engine.status_json().find(R"("bt_status":"Streaming ECG…")"), std::string::npos);
+  std::this_thread::sleep_for(700ms);  // after stop nothing more arrives
+  EXPECT_EQ(engine.current_samples().size(), got.size());
+}
+
+}  // namespace
+}  // namespace cvn
