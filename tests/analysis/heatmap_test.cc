@@ -67,7 +67,7 @@ TEST(Heatmap, ColourScaleAndRowOrder) {
 
 TEST(Heatmap, WideMatricesAreSampledNotAveraged) {
   // {columns, stride}; stride 0: columns not a multiple of the width.
-  for (const auto [cols, stride] : {std::pair<std::size_t, std::size_t>{1000, 1},
+  for (const auto& [cols, stride] : {std::pair<std::size_t, std::size_t>{1000, 1},
                                     {1201, 0},
                                     {2400, 2},
                                     {3600, 3},
