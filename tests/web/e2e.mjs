@@ -1,0 +1,339 @@
+// The page in headless Chromium against the real program (started by run.sh).
+// Every test fails on a console error, an uncaught exception, a failed
+// request or an error answer that it did not ask for.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import { chromium } from 'playwright-core';
+
+const BASE = process.env.CVN_URL;
+const ARTIFACTS = process.env.CVN_ARTIFACTS || os.tmpdir();
+if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
+
+let browser;
+before(async () => {
+  browser = await chromium.launch({
+    executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
+    headless: true,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+  });
+});
+after(async () => { if (browser) await browser.close(); });
+
+// A fresh profile per test and no session left running by an earlier one (the
+// page would resume it); `expected(path)` names answers the test provokes.
+async function openPage(width, height, expected = () => false) {
+  for (const c of browser.contexts()) await c.close();
+  await fetch(BASE + 'stop');
+  const context = await browser.newContext({ viewport: { width, height } });
+  const page = await context.newPage();
+  const problems = [];
+  const pathOf = (u) => { try { return new URL(u).pathname; } catch { return u; } };
+  page.on('console', (m) => {
+    if (m.type() === 'error' && !expected(pathOf(m.location().url || ''))) problems.push('console: ' + m.text());
+  });
+  page.on('pageerror', (e) => problems.push('exception: ' + e.message));
+  page.on('requestfailed', (r) => {
+    // Leaving the live screen closes the event stream on purpose.
+    if (pathOf(r.url()) === '/stream' && r.failure()?.errorText === 'net::ERR_ABORTED') return;
+    problems.push(`failed: ${r.url()} ${r.failure()?.errorText}`);
+  });
+  page.on('response', (r) => {
+    if (r.status() >= 400 && !expected(pathOf(r.url()))) problems.push(`HTTP ${r.status()}: ${r.url()}`);
+  });
+  const requests = [];
+  page.on('request', (r) => requests.push(new URL(r.url())));
+  await page.goto(BASE);
+  return {
+    page, requests,
+    calls: (p) => requests.filter((u) => u.pathname === p),
+    async done() {
+      assert.deepEqual(problems, [], 'the page reported problems');
+      await context.close();
+    },
+  };
+}
+
+const shot = (page, name, fullPage = false) =>
+  page.screenshot({ path: path.join(ARTIFACTS, name), fullPage });
+const text = (page, sel) => page.$eval(sel, (e) => e.textContent.trim());
+const waitText = (page, sel, re, timeout = 10000) =>
+  page.waitForFunction(([s, src]) => {
+    const e = document.querySelector(s);
+    return e && new RegExp(src).test(e.textContent.trim());
+  }, [sel, re.source], { timeout });
+
+// Pixels of a canvas matching a colour test, right of `fromX` CSS pixels.
+const countInk = (page, sel, kind, fromX = 0) => page.$eval(sel, (c, [kind, fromX]) => {
+  const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
+  const x0 = Math.round(fromX * (window.devicePixelRatio || 1));
+  let n = 0;
+  for (let i = 0; i < d.length; i += 4) {
+    if ((i / 4) % c.width < x0) continue;
+    const [r, g, b, a] = [d[i], d[i + 1], d[i + 2], d[i + 3]];
+    if (a < 200) continue;
+    if (kind === 'dark' ? r < 110 && g < 150 && b < 160 : r > 170 && g < 120 && b < 130) n++;
+  }
+  return n;
+}, [kind, fromX]);
+
+const ballScale = (page) => page.$eval('#ball', (b) => parseFloat(/scale\(([\d.]+)\)/.exec(b.style.transform)?.[1] ?? 'NaN'));
+
+async function startReplay(page, file, { name = '', sex = 'M', age = '40' } = {}) {
+  await page.fill('#name', name);
+  await page.selectOption('#sex', sex);
+  await page.fill('#age', age);
+  await page.click('#sourceSwitch >> text=Open a recording');
+  await page.selectOption('#recording', { label: file });
+  await page.click('#speedSwitch >> text=8×');
+  await page.click('#startBtn');
+  await page.waitForSelector('#live', { state: 'visible' });
+}
+
+test('setup: periods and presets, keys in fields, no Bluetooth, start without a device, About', async () => {
+  const { page, calls, done } = await openPage(1024, 768);
+  await waitText(page, '#scanNote', /^Bluetooth is not available on this computer\. Use “Open a recording” to replay or import files\.$/);
+  assert.equal(await page.isDisabled('#scanBtn'), true);
+  assert.match(await text(page, '#cyclePill'), /^Cycle 16 s · 0\.0625 Hz$/);
+  assert.deepEqual(await page.$$eval('.chip.on', (c) => c.map((e) => e.textContent)), ['16 s cycle']);
+
+  await page.click('#name');
+  await page.keyboard.type('NIJ000123 456789');
+  assert.equal(calls('/mark').length, 0, 'digits typed into the name field placed markers');
+
+  await page.fill('#indur', '');
+  await page.type('#indur', '1,95');
+  assert.equal(await text(page, '#cyclePill'), 'Cycle 12.95 s · 0.0772 Hz');
+  assert.equal(await page.$$eval('.chip.on', (c) => c.length), 0);
+  await page.click('text=10 s cycle');
+  assert.equal(await page.inputValue('#indur'), '2');
+  assert.equal(await page.inputValue('#outdur'), '8');
+  assert.equal(await text(page, '#cyclePill'), 'Cycle 10 s · 0.1000 Hz');
+  await page.click('text=16 s cycle');
+
+  await page.click('#startBtn');
+  assert.equal(await text(page, '#startNote'), 'Scan and select your Polar H10 first.');
+  assert.equal(await page.isHidden('#live'), true);
+
+  await page.click('#sourceSwitch >> text=Open a recording');
+  const groups = await page.$$eval('#recording optgroup', (gs) => gs.map((g) => [g.label, [...g.children].map((o) => o.value)]));
+  assert.deepEqual(groups, [['Bundled samples', ['Sample 1.txt', 'Sample 2.txt']]]);
+  await shot(page, 'setup-1024.png');
+  await page.setViewportSize({ width: 1920, height: 1080 });
+  await shot(page, 'setup-1920.png');
+
+  await page.click('#aboutBtn');
+  await page.waitForSelector('#about[open]');
+  assert.equal(await text(page, '#aboutVersion'), '1.0.0');
+  await page.click('#aboutClose');
+  await page.waitForSelector('#about:not([open])', { state: 'attached' });
+  await done();
+});
+
+test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TFR, stop', async () => {
+  const { page, calls, done } = await openPage(1920, 1080);
+  // Countdown texts as the page shows them, so none is missed between polls.
+  await page.evaluate(() => {
+    window.countdown = [];
+    new MutationObserver(() => window.countdown.push(document.getElementById('cdText').textContent))
+      .observe(document.getElementById('cdText'), { childList: true, characterData: true, subtree: true });
+  });
+  await startReplay(page, 'Sample 1.txt', { name: 'NIJ000123', sex: 'F', age: '52' });
+
+  assert.equal(await text(page, '#liveTitle'), 'Playback · NIJ000123');
+  assert.equal(await text(page, '#liveMeta'), 'Sex F · Age 52 · In 5 s / Out 11 s · Cycle 16s · Expected 0.0625 Hz');
+  await waitText(page, '#hrVal', /^\d{2,3}\.\d$/);
+  await waitText(page, '#cdText', /^CVN active$/, 15000);
+  const seen = await page.evaluate(() => window.countdown);
+  const left = seen.map((t) => /^CVN in (\d+) s$/.exec(t)?.[1]).filter(Boolean).map(Number);
+  assert.ok(left.length >= 3, 'countdown texts seen: ' + seen.join(' | '));
+  assert.deepEqual(left, [...left].sort((a, b) => b - a), 'the countdown went backwards');
+  assert.ok(left.includes(1));
+  await page.waitForSelector('#cdBar.gone');
+
+  assert.ok(await countInk(page, '#ecg', 'dark') > 800, 'the ECG scope is blank');
+  assert.ok(await countInk(page, '#chart', 'red', 60) > 300, 'no heart-rate line in the chart');
+
+  const scales = [];
+  for (let i = 0; i < 5; i++) { scales.push(await ballScale(page)); await page.waitForTimeout(120); }
+  assert.ok(scales.every((s) => s >= 0.42 && s <= 1), 'ball scale out of range: ' + scales);
+  assert.ok(new Set(scales.map((s) => s.toFixed(3))).size >= 4, 'the pacer ball does not move: ' + scales);
+  assert.match(await text(page, '#cue'), /^Breathe (in|out)$/);
+  // At 8× each snapshot moves 0.4 s on; the pacer's own clock must stay close.
+  for (let i = 0; i < 8; i++) {
+    const [shown, elapsed] = await page.evaluate(() =>
+      [parseFloat(document.getElementById('pacer').dataset.t), parseFloat(document.getElementById('elapsedVal').textContent)]);
+    assert.ok(Math.abs(shown - elapsed) < 0.8, `pacer at ${shown} s, session at ${elapsed} s`);
+    await page.waitForTimeout(110);
+  }
+
+  await page.keyboard.press('3');
+  await page.waitForSelector('#markerLine .mk');
+  assert.equal(calls('/mark').length, 1);
+  assert.equal(calls('/mark')[0].searchParams.get('key'), '3');
+  assert.match(await text(page, '#markerLine .mk'), /^3\d+\.\d s$/);
+  await shot(page, 'live-1920.png');
+  await page.setViewportSize({ width: 1024, height: 768 });
+  await page.waitForTimeout(300);
+  await shot(page, 'live-1024.png');
+  await page.setViewportSize({ width: 1920, height: 1080 });
+
+  // Clicking the middle of the scrubber seeks to about half of 264 s.
+  const box = await page.locator('#scrubber').boundingBox();
+  await page.mouse.click(box.x + box.width / 2, box.y + box.height / 2);
+  await page.waitForFunction(() => parseFloat(document.getElementById('elapsedVal').textContent) >= 125, null, { timeout: 5000 });
+  assert.equal(calls('/seek').length, 1);
+  assert.ok(Math.abs(Number(calls('/seek')[0].searchParams.get('frac')) - 0.5) < 0.05);
+  await page.waitForFunction(() => parseInt(document.getElementById('pacerCycle').textContent.replace('Cycle ', ''), 10) >= 8);
+
+  await page.click('#tfrBtn');
+  await page.waitForFunction(() => !document.getElementById('tfrFigs').hidden ||
+    document.getElementById('tfrNote').textContent.startsWith('Could not compute TFR: '), null, { timeout: 30000 });
+  const tfr = await (await page.request.get(BASE + 'tfr_status')).json();
+  if (tfr.status === 'done') {
+    assert.deepEqual(await page.$$eval('#tfrFigs figcaption', (f) => f.map((e) => e.textContent)),
+      ['High frequency resolution (n = 10)', 'High time resolution (n = 3)']);
+    for (const id of ['#tfr10', '#tfr3']) {
+      await page.waitForFunction((s) => document.querySelector(s).naturalWidth > 0, id);
+    }
+  } else {
+    assert.equal(tfr.status, 'error');
+    assert.equal(await text(page, '#tfrNote'), 'Could not compute TFR: ' + tfr.error);
+  }
+
+  await page.click('#stopBtn');
+  await waitText(page, '#runState', /^Stopped$/);
+  assert.equal(calls('/stop').length, 1);
+  // Stopped, the replay can still be moved; the ball must sit where the
+  // elapsed time puts it in the 16 s cycle (5 s in, 11 s out, eased).
+  for (const [at, cue, scale] of [[162.5, 'Breathe in', 0.71], [168, 'Breathe out', 0.90], [174.25, 'Breathe out', 0.455]]) {
+    await page.request.get(BASE + 'seek?frac=' + at / 264);
+    await page.waitForFunction((e) => Math.abs(parseFloat(document.getElementById('elapsedVal').textContent) - e) < 0.11, at);
+    await page.waitForTimeout(250);
+    assert.equal(await text(page, '#cue'), cue, 'at ' + at + ' s');
+    assert.ok(Math.abs(await ballScale(page) - scale) < 0.02, `ball at ${at} s: ${await ballScale(page)}, expected ${scale}`);
+  }
+  await shot(page, 'live-stopped-1920-full.png', true);
+  await done();
+});
+
+// The routes below come with a later version of the program; the test answers
+// them itself, first as a build without them (bare 404), then as they will.
+const LATER = ['/import', '/batch_new', '/batch_upload', '/batch_run', '/batch_status', '/export', '/export_status'];
+
+function tempTree(files) {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'cvn-web-'));
+  for (const [rel, body] of Object.entries(files)) {
+    fs.mkdirSync(path.dirname(path.join(dir, rel)), { recursive: true });
+    fs.writeFileSync(path.join(dir, rel), body);
+  }
+  return dir;
+}
+
+async function choose(page, button, files) {
+  const [chooser] = await Promise.all([page.waitForEvent('filechooser'), page.click(button)]);
+  await chooser.setFiles(files);
+}
+
+test('a build without import, batch and export says so, and Save still keeps the recording', async () => {
+  const { page, calls, done } = await openPage(1024, 768, (p) => LATER.includes(p));
+  await page.route((u) => LATER.includes(u.pathname), (r) => r.fulfill({ status: 404, body: '' }));
+  const tree = tempTree({ 'study/p1/rec.txt': '1\n2\n3\n', 'notes/readme.md': 'x', 'notes/x_HRV.txt': '1\n' });
+  try {
+    await page.click('#sourceSwitch >> text=Open a recording');
+    await choose(page, '#importFileBtn', path.join(tree, 'study/p1/rec.txt'));
+    await waitText(page, '#importNote', /^Import is not available in this version yet\.$/);
+    await choose(page, '#batchBtn', path.join(tree, 'notes'));
+    await waitText(page, '#importNote', /^No recordings \(\.txt raw ECG or \.csv Kubios\) found in that folder\.$/);
+    await choose(page, '#importFolderBtn', path.join(tree, 'study'));
+    await waitText(page, '#importNote', /^Import is not available in this version yet\.$/);
+    assert.equal(calls('/batch_upload').length, 0);
+  } finally {
+    fs.rmSync(tree, { recursive: true, force: true });
+  }
+
+  await startReplay(page, 'Sample 2.txt', { name: 'Anna' });
+  await page.waitForFunction(() => parseFloat(document.getElementById('elapsedVal').textContent) >= 3);
+  await page.click('#saveBtn');
+  await waitText(page, '#exportBox', /^Export is not available in this version yet\.The recording was saved as recordings\/Anna_on5_off11_M40_\d{8}-\d{6}\.csv\.$/);
+  const saved = /recordings\/(.*)\.$/.exec(await text(page, '#exportBox'))[1];
+  assert.equal(await page.isEnabled('#saveBtn'), true);
+
+  await page.click('#newBtn');
+  await page.waitForSelector('#setup', { state: 'visible' });
+  await page.waitForFunction(() => document.querySelector('#recording optgroup[label="Saved recordings"]'));
+  assert.deepEqual(await page.$$eval('#recording optgroup[label="Saved recordings"] option', (o) => o.map((e) => e.value)), [saved]);
+  await done();
+});
+
+test('import, batch and export flows against answers shaped like the later routes', async () => {
+  const { page, calls, done } = await openPage(1024, 768);
+  const json = (body) => ({ status: 200, contentType: 'application/json', body: JSON.stringify(body) });
+  const script = {
+    '/import': [{ ok: true, kubios: true, beats: 812 }],
+    '/batch_new': [{ ok: true }, { ok: true }],
+    '/batch_upload': [{ ok: true }],
+    '/batch_run': [{ ok: true }],
+    '/batch_status': [
+      { status: 'running', total: 0, done: 0, msg: '', result: null },
+      { status: 'done', total: 1, done: 1, msg: 'Report written for Kubios.csv', result: {} },
+      { status: 'running', total: 2, done: 1, msg: 'Analysing p2/c.CSV', result: null },
+      { status: 'error', total: 2, done: 1, msg: 'No R-peaks found in p2/c.CSV', result: null }],
+    '/export': [{ ok: true, status: 'exporting' }],
+    '/export_status': [
+      { status: 'exporting', result: null, error: '' },
+      { status: 'done', result: { folder: '/h/Documents/CVN-Live/exports/Ben_export', files: ['Ben_ECG.txt', 'Ben_report.pdf'], errors: ['Ben.edf: disk full'] }, error: '' }],
+  };
+  const bodies = [];
+  await page.route((u) => u.pathname in script, (r) => {
+    const list = script[new URL(r.request().url()).pathname];
+    if (r.request().method() === 'POST') bodies.push(r.request().postDataBuffer()?.toString() ?? '');
+    r.fulfill(json(list.length > 1 ? list.shift() : list[0]));
+  });
+  const notes = [];
+  await page.exposeFunction('noteChanged', (t) => notes.push(t));
+  await page.evaluate(() => new MutationObserver(() => window.noteChanged(document.getElementById('importNote').textContent))
+    .observe(document.getElementById('importNote'), { childList: true, characterData: true, subtree: true }));
+
+  const tree = tempTree({
+    'Kubios.csv': 'RR\n0.8\n', 'study/p1/a.txt': '5\n', 'study/p1/b_hrv.txt': '1\n', 'study/p2/c.CSV': '6\n', 'study/notes.md': '-',
+  });
+  try {
+    await page.fill('#name', 'Ben');
+    await page.click('text=10 s cycle');
+    await page.click('#sourceSwitch >> text=Open a recording');
+    await choose(page, '#importFileBtn', path.join(tree, 'Kubios.csv'));
+    await waitText(page, '#importNote', /^✓ Report written for Kubios\.csv$/);
+    assert.ok(notes.includes('Processing Kubios RR (812 beats)…'), notes.join(' | '));
+    const imp = calls('/import')[0].searchParams;
+    assert.deepEqual([imp.get('fname'), imp.get('speed'), imp.get('name'), imp.get('indur'), imp.get('outdur'), imp.get('sex'), imp.get('age'), imp.get('fs')],
+      ['Kubios.csv', '2', 'Ben', '2', '8', 'M', '40', '130']);
+    assert.equal(bodies.shift(), 'RR\n0.8\n');
+
+    await choose(page, '#batchBtn', path.join(tree, 'study'));
+    await waitText(page, '#importNote', /^No R-peaks found in p2\/c\.CSV$/);
+    assert.ok(notes.includes('Uploading… 2/2'), notes.join(' | '));
+    assert.ok(notes.includes('Analysing p2/c.CSV — 1/2 files'), notes.join(' | '));
+    assert.deepEqual(calls('/batch_upload').map((u) => u.searchParams.get('rel')).sort(), ['p1/a.txt', 'p2/c.CSV']);
+    assert.deepEqual(bodies.sort(), ['5\n', '6\n']);
+    assert.equal(calls('/batch_run')[0].searchParams.get('mode'), 'batch');
+  } finally {
+    fs.rmSync(tree, { recursive: true, force: true });
+  }
+
+  await page.selectOption('#recording', { label: 'Sample 2.txt' });
+  await page.click('#startBtn');
+  await page.waitForSelector('#live', { state: 'visible' });
+  await page.click('#saveBtn');
+  assert.equal(await page.isDisabled('#saveBtn'), true);
+  await waitText(page, '#exportBox', /^Exported to exports\/Ben_export/);
+  assert.deepEqual(await page.$$eval('#exportBox li', (l) => l.map((e) => e.textContent)), ['Ben_ECG.txt', 'Ben_report.pdf']);
+  assert.match(await text(page, '#exportBox'), /Skipped: Ben\.edf: disk full$/);
+  assert.equal(await page.isEnabled('#saveBtn'), true);
+  await page.click('#stopBtn');
+  await waitText(page, '#runState', /^Stopped$/);
+  await done();
+});
