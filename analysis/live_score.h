@@ -11,9 +11,9 @@ inline constexpr int kLiveScoreCycles = 2;
 /// Step of the live-score grid, seconds.
 inline constexpr double kLiveScoreStep = 0.1;
 
-/// Live CVN scores in -1..1, one per grid point 0 .. G inclusive, where G is
-/// the length of time_grid(sample_count, sample_rate, grid_step); element G
-/// is the score of the window ending at the last grid point.
+/// Live CVN scores, one per grid point 0 .. G inclusive, where G is the
+/// length of time_grid(sample_count, sample_rate, grid_step); element G is
+/// the score of the window ending at the last grid point.
 ///
 /// Beat k sits at the running sum of rr[0..k] (the first beat at rr[0]) and
 /// carries its interval in ms. The interval series on the grid is linearly
@@ -23,7 +23,10 @@ inline constexpr double kLiveScoreStep = 0.1;
 /// trunc(cycle_seconds / grid_step * cycles_per_window): with R the length of
 /// the two correlations, the score is (R - 0.6) / 0.4 above R = 0.6 and
 /// R / 0.6 - 1 below. NaN for i < W, for a window without variation, and for
-/// every point when the cycle length is not positive and finite.
+/// every point when the cycle length is not positive and finite. Scores lie
+/// in -1..1 when the window spans whole cycles; a window cut short at the
+/// first beat leaves sine and cosine correlated, and R (so the score) can then
+/// exceed 1.
 ///
 /// Intervals are used up to the first one that is not positive and finite.
 /// Empty when the rate or step is not positive and finite.
