@@ -9,6 +9,7 @@ import path from 'node:path';
 import { chromium } from 'playwright-core';
 
 const BASE = process.env.CVN_URL;
+const STRAP = process.env.CVN_STRAP_URL;  // a program with the simulated strap
 const ARTIFACTS = process.env.CVN_ARTIFACTS || os.tmpdir();
 if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
 
@@ -25,9 +26,9 @@ after(async () => { if (browser) await browser.close(); });
 
 // A fresh profile per test and no session left running by an earlier one (the
 // page would resume it); `expected(path)` names answers the test provokes.
-async function openPage(width, height, expected = () => false) {
+async function openPage(width, height, expected = () => false, base = BASE) {
   for (const c of browser.contexts()) await c.close();
-  await fetch(BASE + 'stop');
+  await fetch(base + 'stop');
   const context = await browser.newContext({ viewport: { width, height } });
   const page = await context.newPage();
   const problems = [];
@@ -46,7 +47,7 @@ async function openPage(width, height, expected = () => false) {
   });
   const requests = [];
   page.on('request', (r) => requests.push(new URL(r.url())));
-  await page.goto(BASE);
+  await page.goto(base);
   return {
     page, requests,
     calls: (p) => requests.filter((u) => u.pathname === p),
@@ -143,6 +144,7 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   });
   await startReplay(page, 'Sample 1.txt', { name: 'NIJ000123', sex: 'F', age: '52' });
 
+  await waitText(page, '#liveTitle', /./);
   assert.equal(await text(page, '#liveTitle'), 'Playback · NIJ000123');
   assert.equal(await text(page, '#liveMeta'), 'Sex F · Age 52 · In 5 s / Out 11 s · Cycle 16s · Expected 0.0625 Hz');
   await waitText(page, '#hrVal', /^\d{2,3}\.\d$/);
@@ -335,5 +337,40 @@ test('import, batch and export flows against answers shaped like the later route
   assert.equal(await page.isEnabled('#saveBtn'), true);
   await page.click('#stopBtn');
   await waitText(page, '#runState', /^Stopped$/);
+  await done();
+});
+
+test('live from the simulated strap: scan, pick, record, mark, new session', { skip: !STRAP && 'CVN_STRAP_URL not set' }, async () => {
+  const { page, calls, done } = await openPage(1280, 800, () => false, STRAP);
+  await page.waitForFunction(() => !document.getElementById('scanBtn').disabled);
+  await page.click('#scanBtn');
+  assert.equal(await text(page, '#scanNote'), 'Scanning for Bluetooth devices (~10 s)…');
+  assert.equal(await page.isDisabled('#scanBtn'), true);
+  await waitText(page, '#scanNote', /^Found 1 device\(s\)\. Select your Polar H10\.$/, 20000);
+  assert.equal(await page.isEnabled('#scanBtn'), true);
+  assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['Polar H10 SIM00001 — A0:9E:1A:00:00:01']);
+
+  await page.fill('#name', 'LIVE01');
+  await page.click('#startBtn');
+  await page.waitForSelector('#live', { state: 'visible' });
+  const start = calls('/start_live')[0].searchParams;
+  assert.deepEqual([start.get('address'), start.get('device'), start.get('name'), start.get('indur'), start.get('outdur')],
+    ['A0:9E:1A:00:00:01', 'Polar H10 SIM00001', 'LIVE01', '5', '11']);
+  await waitText(page, '#liveTitle', /./);
+  assert.equal(await text(page, '#liveTitle'), 'Live recording · LIVE01');
+  assert.equal(await page.isDisabled('#scrubber'), true);
+  await waitText(page, '#hrVal', /^\d{2,3}\.\d$/, 15000);
+  assert.ok(await countInk(page, '#ecg', 'dark') > 400, 'the ECG scope is blank');
+  assert.match(await text(page, '#cdText'), /^CVN in \d+ s$/);
+
+  await page.keyboard.press('5');
+  await page.waitForSelector('#markerLine .mk');
+  assert.match(await text(page, '#markerLine .mk'), /^5\d+\.\d s$/);
+
+  await page.click('#newBtn');
+  await page.waitForSelector('#setup', { state: 'visible' });
+  assert.equal(calls('/stop').length, 1);
+  const status = await (await page.request.get(STRAP + 'status')).json();
+  assert.equal(status.running, false);
   await done();
 });

@@ -32,41 +32,56 @@ export CVN_ARTIFACTS="$root/test-artifacts"
 mkdir -p "$CVN_ARTIFACTS"
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/cvn-web.XXXXXX")"
-pid=""
+pids=()
 cleanup() {
-  if [[ -n "$pid" ]] && kill -0 "$pid" 2>/dev/null; then
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  fi
+  for p in "${pids[@]}"; do
+    if kill -0 "$p" 2>/dev/null; then
+      kill "$p" 2>/dev/null || true
+      wait "$p" 2>/dev/null || true
+    fi
+  done
   rm -rf "$work"
 }
 trap cleanup EXIT
 
-# A random first port keeps parallel runs apart; the program walks on from
-# there when a port is taken and prints the one it got.
-mkdir -p "$work/home"
-env -u CVN_BASE -u CVN_DATA -u USERPROFILE HOME="$work/home" CVN_NO_BROWSER=1 \
-  "$bin" "$((20000 + RANDOM % 30000))" >"$work/out.log" 2>"$work/err.log" &
-pid=$!
-
-port=""
-for _ in $(seq 1 150); do
-  port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$work/out.log")"
-  [[ -n "$port" ]] && break
-  kill -0 "$pid" 2>/dev/null || break
-  sleep 0.1
-done
-if [[ -z "$port" ]]; then
-  echo "web tests: the program did not print its address" >&2
-  cat "$work/out.log" "$work/err.log" >&2
+# start_program NAME [VAR=value...]: runs the program with its own home
+# folder and sets $port to the port it printed. A random first port keeps
+# parallel runs apart; the program walks on from there when one is taken.
+start_program() {
+  local name="$1"
+  shift
+  mkdir -p "$work/$name/home"
+  : >"$work/$name/out.log"  # exists before the program gets to write it
+  env -u CVN_BASE -u CVN_DATA -u USERPROFILE -u CVN_SIMULATED_STRAP \
+    HOME="$work/$name/home" CVN_NO_BROWSER=1 "$@" \
+    "$bin" "$((20000 + RANDOM % 30000))" >"$work/$name/out.log" 2>"$work/$name/err.log" &
+  local pid=$!
+  pids+=("$pid")
+  port=""
+  for _ in $(seq 1 150); do
+    port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$work/$name/out.log")"
+    [[ -n "$port" ]] && return 0
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  echo "web tests: the program ($name) did not print its address" >&2
+  cat "$work/$name/out.log" "$work/$name/err.log" >&2
   exit 1
-fi
+}
 
+# One program as most machines run it (no Bluetooth), one with the
+# simulated strap for the live path.
+start_program plain
 export CVN_URL="http://127.0.0.1:$port/"
+start_program strap CVN_SIMULATED_STRAP=1
+export CVN_STRAP_URL="http://127.0.0.1:$port/"
+
 status=0
 (cd "$here" && node --test --test-reporter=spec e2e.mjs) || status=$?
 if [[ $status -ne 0 ]]; then
-  echo "--- program output ---" >&2
-  cat "$work/out.log" "$work/err.log" >&2
+  for name in plain strap; do
+    echo "--- program output ($name) ---" >&2
+    cat "$work/$name/out.log" "$work/$name/err.log" >&2
+  done
 fi
 exit "$status"
