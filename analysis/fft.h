@@ -1,0 +1,47 @@
+// Complex fast Fourier transform of power-of-two length: a plan is built once per length and
+// then executed many times, in place and without allocating.
+#pragma once
+#include <complex>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace cvn {
+
+/// Radix-2 transform plan for one length. The bit-reversal permutation and the twiddle
+/// factors are computed when the plan is built; forward() and backward() are const and
+/// allocation-free, so one plan can serve many rows and several threads at once.
+class FftPlan {
+ public:
+  /// Plan for `n` points. A length that is not a power of two gives an empty plan: size()
+  /// is 0 and the transforms leave their input alone.
+  explicit FftPlan(std::size_t n);
+
+  std::size_t size() const { return n_; }
+
+  /// X[k] = sum_j x[j] exp(-2 pi i j k / n), in place. Does nothing unless
+  /// data.size() == size().
+  void forward(std::span<std::complex<double>> data) const;
+
+  /// x[j] = sum_k X[k] exp(+2 pi i j k / n), in place and unscaled: backward(forward(x))
+  /// gives n x. Does nothing unless data.size() == size().
+  void backward(std::span<std::complex<double>> data) const;
+
+ private:
+  template <bool kBackward>
+  void run(std::complex<double>* data) const;
+
+  std::size_t n_ = 0;
+  int log2n_ = 0;
+  // Index pairs (i, j), i < j, that the bit-reversal permutation swaps.
+  std::vector<std::uint32_t> swaps_;
+  // For each radix-2 stage of half-width m (1, 2, 4, ..., n/2), the factors
+  // exp(-i pi j / m), j < m, stored at [m, 2m).
+  std::vector<std::complex<double>> twiddles_;
+};
+
+/// Smallest power of two that is at least `n` (1 for n <= 1); 0 when there is none.
+std::size_t fft_length_for(std::size_t n);
+
+}  // namespace cvn

@@ -1,0 +1,130 @@
+#include "analysis/fft.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace cvn {
+namespace {
+
+using Signal = std::vector<std::complex<double>>;
+
+Signal random_signal(std::size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> normal(0.0, 1.0);
+  Signal x(n);
+  for (auto& v : x) v = {normal(rng), normal(rng)};
+  return x;
+}
+
+// The defining sum, in long double, as the independent reference.
+Signal direct_dft(const Signal& x) {
+  const std::size_t n = x.size();
+  Signal out(n);
+  for (std::size_t k = 0; k < n; ++k) {
+    std::complex<long double> sum = 0;
+    for (std::size_t j = 0; j < n; ++j) {
+      const long double angle = -2 * std::numbers::pi_v<long double> *
+                                static_cast<long double>((j * k) % n) / static_cast<long double>(n);
+      sum += std::complex<long double>(x[j]) * std::polar(1.0L, angle);
+    }
+    out[k] = std::complex<double>(sum);
+  }
+  return out;
+}
+
+double max_error(const Signal& a, const Signal& b) {
+  double worst = 0.0;
+  for (std::size_t i = 0; i < a.size(); ++i) worst = std::max(worst, std::abs(a[i] - b[i]));
+  return worst;
+}
+
+TEST(Fft, MatchesTheDefiningSum) {
+  // Odd and even powers of two take different first stages.
+  for (std::size_t n : {1u, 2u, 4u, 8u, 32u, 128u, 512u}) {
+    const Signal x = random_signal(n, static_cast<unsigned>(n));
+    Signal y = x;
+    FftPlan(n).forward(y);
+    EXPECT_LT(max_error(y, direct_dft(x)), 1e-12 * std::sqrt(static_cast<double>(n)) * 4)
+        << "n = " << n;
+  }
+}
+
+TEST(Fft, KnownTransforms) {
+  const std::size_t n = 64;
+  const FftPlan plan(n);
+  Signal impulse(n, 0.0);
+  impulse[0] = 1.0;
+  plan.forward(impulse);
+  for (const auto& v : impulse) EXPECT_NEAR(std::abs(v - 1.0), 0.0, 1e-15);
+
+  // exp(2 pi i 5 j / n) puts all of its energy, n, into bin 5; backward puts it back in bin -5.
+  Signal tone(n);
+  for (std::size_t j = 0; j < n; ++j)
+    tone[j] = std::polar(1.0, 2 * std::numbers::pi * 5.0 * static_cast<double>(j) / n);
+  Signal forward = tone, backward = tone;
+  plan.forward(forward);
+  plan.backward(backward);
+  for (std::size_t k = 0; k < n; ++k) {
+    EXPECT_NEAR(std::abs(forward[k]), k == 5 ? 64.0 : 0.0, 1e-12) << k;
+    EXPECT_NEAR(std::abs(backward[k]), k == n - 5 ? 64.0 : 0.0, 1e-12) << k;
+  }
+}
+
+TEST(Fft, RoundTripGivesNTimesTheInput) {
+  for (std::size_t n : {2u, 1024u, 8192u, 65536u}) {
+    const Signal x = random_signal(n, 7);
+    Signal y = x;
+    const FftPlan plan(n);
+    plan.forward(y);
+    plan.backward(y);
+    for (auto& v : y) v /= static_cast<double>(n);
+    EXPECT_LT(max_error(x, y), 1e-13) << "n = " << n;
+  }
+}
+
+TEST(Fft, OnePlanServesManyRowsAndThreads) {
+  const std::size_t n = 4096;
+  const FftPlan shared(n);
+  std::vector<Signal> rows;
+  for (unsigned r = 0; r < 6; ++r) rows.push_back(random_signal(n, 100 + r));
+
+  std::vector<Signal> fresh = rows;
+  for (auto& row : fresh) FftPlan(n).forward(row);
+
+  // Interleaved forward and backward use of one plan, from two threads at once.
+  std::vector<Signal> reused = rows;
+  auto work = [&](std::size_t first) {
+    for (std::size_t r = first; r < reused.size(); r += 2) {
+      Signal scratch = rows[r];
+      shared.backward(scratch);
+      shared.forward(reused[r]);
+    }
+  };
+  std::thread other(work, 1);
+  work(0);
+  other.join();
+  for (std::size_t r = 0; r < rows.size(); ++r) EXPECT_EQ(reused[r], fresh[r]) << "row " << r;
+}
+
+TEST(Fft, RefusesWhatItCannotTransform) {
+  for (std::size_t n : {0u, 3u, 12u, 1000u}) EXPECT_EQ(FftPlan(n).size(), 0u) << n;
+  Signal x = random_signal(8, 3);
+  const Signal before = x;
+  FftPlan(12).forward(x);
+  FftPlan(16).forward(x);  // wrong length for the plan
+  EXPECT_EQ(x, before);
+
+  EXPECT_EQ(fft_length_for(0), 1u);
+  EXPECT_EQ(fft_length_for(1), 1u);
+  EXPECT_EQ(fft_length_for(1025), 2048u);
+  EXPECT_EQ(fft_length_for(2048), 2048u);
+}
+
+}  // namespace
+}  // namespace cvn
