@@ -1,0 +1,364 @@
+#include "analysis/tfr.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <vector>
+
+#include "analysis/cycles.h"
+#include "analysis/fft.h"
+#include "analysis/heatmap.h"
+
+namespace cvn {
+namespace {
+
+constexpr double kRate = 130.0;
+
+// Beat-to-beat intervals of a paced breather: 65 bpm, 5 bpm of sinus arrhythmia at 1/16 Hz, a
+// slower wave, deterministic jitter and one premature beat with its pause.
+std::vector<double> breathing_rr(double seconds) {
+  std::vector<double> rr;
+  double t = 0.0;
+  for (int i = 0; t < seconds; ++i) {
+    const double bpm = 65 + 5 * std::sin(2 * std::numbers::pi * t / 16) +
+                       1.5 * std::sin(2 * std::numbers::pi * 0.23 * t) + 0.8 * std::sin(i * 2.7);
+    double r = 60 / bpm;
+    if (i == 40) r *= 0.6;
+    if (i == 41) r *= 1.4;
+    rr.push_back(r);
+    t += r;
+  }
+  return rr;
+}
+
+// The heart-rate signal of `seconds` of recording, extended by its cycles as the analysis does.
+ExtendedSignal heart_rate(std::size_t samples, double cycle_seconds) {
+  const std::vector<double> hr =
+      heart_rate_signal(breathing_rr(static_cast<double>(samples) / kRate + 5), samples, kRate);
+  return extend_by_cycles(hr, cycle_bounds(samples, cycle_seconds, kRate), cycle_seconds, kRate);
+}
+
+// The definition, computed the slow way: the literal wavelet convolved with the whole
+// extended signal by one long FFT, power at every signal sample.
+std::vector<double> full_resolution_row(const ExtendedSignal& x, std::size_t length, double freq,
+                                        double cycles) {
+  const std::vector<std::complex<double>> psi = morlet_wavelet(freq, cycles, kRate);
+  const std::size_t n = fft_length_for(x.samples.size() + psi.size() - 1);
+  const FftPlan plan(n);
+  std::vector<std::complex<double>> a(n), b(n);
+  std::copy(x.samples.begin(), x.samples.end(), a.begin());
+  std::copy(psi.begin(), psi.end(), b.begin());
+  plan.forward(a);
+  plan.forward(b);
+  for (std::size_t i = 0; i < n; ++i) a[i] *= b[i] / static_cast<double>(n);
+  plan.backward(a);
+  std::vector<double> power(length);
+  for (std::size_t k = 0; k < length; ++k)
+    power[k] = std::norm(a[x.offset + k + (psi.size() - 1) / 2]);
+  return power;
+}
+
+TfrSpec spec_for(std::vector<double> freqs, std::vector<double> widths,
+                 std::vector<std::int32_t> columns) {
+  TfrSpec spec;
+  spec.frequencies = std::move(freqs);
+  spec.widths = std::move(widths);
+  spec.columns = std::move(columns);
+  return spec;
+}
+
+TEST(Tfr, FrequencyAxisAndWaveletLengths) {
+  const std::vector<double> f = tfr_frequencies();
+  ASSERT_EQ(f.size(), 320u);
+  EXPECT_EQ(f.front(), 0.02);
+  EXPECT_EQ(f[85], 0.0625);
+  EXPECT_EQ(f.back(), 0.1795);
+  for (std::size_t i = 1; i < f.size(); ++i) EXPECT_NEAR(f[i] - f[i - 1], 0.0005, 1e-12);
+
+  // 0.02 Hz, 10 cycles: sigma = 79.577 s, 5 sigma = 397.9 s = 51725.3 samples.
+  EXPECT_EQ(morlet_half_length(0.02, 10, kRate), 51726u);
+  EXPECT_EQ(morlet_wavelet(0.02, 10, kRate).size(), 103452u);
+  // The shortest: 0.1795 Hz, 3 cycles, sigma = 2.660 s.
+  EXPECT_EQ(morlet_half_length(0.1795, 3, kRate), 1729u);
+  EXPECT_EQ(morlet_half_length(0.0, 3, kRate), 0u);
+  EXPECT_EQ(morlet_half_length(0.1, -3, kRate), 0u);
+  EXPECT_TRUE(morlet_wavelet(0.1, 3, 0.0).empty());
+}
+
+TEST(Tfr, WaveletShapeAndNormalisation) {
+  for (const double cycles : {kNarrowWaveletCycles, kWideWaveletCycles}) {
+    for (const double f : {0.02, 0.0625, 0.1795}) {
+      const auto psi = morlet_wavelet(f, cycles, kRate);
+      const std::size_t half = psi.size() / 2;
+      ASSERT_EQ(psi.size() % 2, 0u);
+      EXPECT_EQ(psi[half - 1], psi[half]);  // t = 0 twice
+      EXPECT_EQ(psi[half - 5], std::conj(psi[half + 4]));
+      double energy = 0.0, magnitude = 0.0;
+      std::complex<double> sum = 0.0;
+      for (const auto& v : psi) {
+        energy += std::norm(v);
+        magnitude += std::abs(v);
+        sum += v;
+      }
+      // Divided by sqrt(0.5 sum |psi|^2): the energy is 2.
+      EXPECT_NEAR(energy, 2.0, 1e-12) << f << " Hz, " << cycles << " cycles";
+      // The carrier's mean is removed: only the repeated t = 0 is left over.
+      EXPECT_LT(std::abs(sum - psi[half]), 1e-5 * magnitude) << f << " Hz, " << cycles;
+    }
+  }
+}
+
+// A pure heart-rate oscillation A cos(2 pi f0 t): a wavelet of width n at f gives
+// y = (A / 2) sum_t g(t) e^{2 pi i (f - f0) t} / Z with g the Gaussian envelope (sigma samples)
+// and Z^2 = 0.5 sum |psi|^2 = 0.5 sigma sqrt(pi), so
+//   |y|^2 = A^2 sqrt(pi) sigma exp(-n^2 (1 - f0 / f)^2),  sigma = n rate / (2 pi f).
+// The sigma factor tilts the peak a little below f0: to f0 (1 - 1 / (2 n^2)).
+TEST(Tfr, PureOscillationHasThePredictedPower) {
+  const double f0 = 0.0625, amplitude = 5.0;
+  const std::size_t total = 1000 * 130, length = 64 * 130, offset = (total - length) / 2;
+  for (const double mean : {0.0, 65.0}) {
+    ExtendedSignal x;
+    x.offset = offset;
+    for (std::size_t i = 0; i < total; ++i)
+      x.samples.push_back(mean + amplitude * std::cos(2 * std::numbers::pi * f0 * i / kRate));
+    const std::vector<double> freqs = tfr_frequencies();
+    const std::int32_t middle = static_cast<std::int32_t>(length / 2);
+    const WaveletPower p =
+        wavelet_power(x.samples, offset, length, spec_for(freqs, {3.0, 10.0}, {middle}));
+    ASSERT_EQ(p.matrices.size(), 2u);
+    for (int w = 0; w < 2; ++w) {
+      const double n = w == 0 ? 3.0 : 10.0;
+      std::vector<double> model(freqs.size()), sigma(freqs.size());
+      for (std::size_t r = 0; r < freqs.size(); ++r) {
+        sigma[r] = n * kRate / (2 * std::numbers::pi * freqs[r]);
+        model[r] = amplitude * amplitude * std::sqrt(std::numbers::pi) * sigma[r] *
+                   std::exp(-n * n * std::pow(1 - f0 / freqs[r], 2));
+      }
+      const std::size_t model_peak = std::max_element(model.begin(), model.end()) - model.begin();
+      std::size_t peak = 0;
+      for (std::size_t r = 0; r < freqs.size(); ++r) {
+        const double got = p.matrices[w].at(r, 0);
+        if (got > p.matrices[w].at(peak, 0)) peak = r;
+        if (model[r] < 0.01 * model[model_peak]) continue;
+        // The repeated t = 0 lets the signal itself in with the weight of about one sample,
+        // psi(0) = 1 / Z, Z^2 = 0.5 sigma sqrt(pi): allow (mean + a few A) / Z.
+        const double leak =
+            (mean + 5 * amplitude) / std::sqrt(0.5 * sigma[r] * std::sqrt(std::numbers::pi));
+        EXPECT_NEAR(std::sqrt(got), std::sqrt(model[r]), 1e-3 * std::sqrt(model[r]) + leak)
+            << n << " cycles, " << freqs[r] << " Hz, mean " << mean;
+      }
+      EXPECT_EQ(peak, model_peak) << n << " cycles, mean " << mean;
+    }
+    // 10 cycles: the peak is the 0.0625 Hz row or its neighbour below (0.062 Hz, +0.15 %).
+    std::size_t peak10 = 0;
+    for (std::size_t r = 0; r < freqs.size(); ++r)
+      if (p.matrices[1].at(r, 0) > p.matrices[1].at(peak10, 0)) peak10 = r;
+    EXPECT_TRUE(peak10 == 84 || peak10 == 85) << peak10;
+  }
+}
+
+// The decimated route against the literal convolution, on a heart-rate signal with a
+// premature beat, for rows across the axis and one row at every sample.
+void expect_matches_full_resolution(std::size_t samples, double cycle_seconds,
+                                    double tail_tolerance) {
+  const ExtendedSignal x = heart_rate(samples, cycle_seconds);
+  ASSERT_FALSE(x.samples.empty());
+  std::vector<std::int32_t> columns;
+  for (std::size_t j = 0; j < 1200; ++j)
+    columns.push_back(static_cast<std::int32_t>(j * samples / 1200));
+  columns.push_back(static_cast<std::int32_t>(samples - 1));
+  const std::vector<double> freqs = {0.02, 0.041, 0.0625, 0.1, 0.145, 0.1795};
+  TfrSpec spec = spec_for(freqs, {3.0, 10.0}, columns);
+  spec.dense_width = 1;
+  spec.dense_row = 3;
+  const WaveletPower fast = wavelet_power(x.samples, x.offset, samples, spec);
+  ASSERT_EQ(fast.matrices.size(), 2u);
+  ASSERT_EQ(fast.dense.size(), samples);
+
+  for (int w = 0; w < 2; ++w) {
+    for (std::size_t r = 0; r < freqs.size(); ++r) {
+      const std::vector<double> full = full_resolution_row(x, samples, freqs[r], spec.widths[w]);
+      const double peak = *std::max_element(full.begin(), full.end());
+      for (std::size_t c = 0; c < columns.size(); ++c) {
+        const double want = full[columns[c]], got = fast.matrices[w].at(r, c);
+        // Near the end of the recording the extension may be short, and the signal's jump to
+        // zero beyond it is felt through the wavelet's repeated t = 0.
+        const bool tail = columns[c] + 130 >= static_cast<std::int32_t>(samples);
+        const double relative = tail ? tail_tolerance : 1e-4;
+        ASSERT_NEAR(got, want, 2e-5 * peak + relative * want)
+            << spec.widths[w] << " cycles, " << freqs[r] << " Hz, sample " << columns[c];
+      }
+      if (w == spec.dense_width && static_cast<int>(r) == spec.dense_row) {
+        // The cycle measure averages ln(power) of this row: within 1e-4 wherever the power
+        // is not negligible.
+        for (std::size_t k = 0; k < samples; ++k) {
+          if (full[k] < 1e-3 * peak) continue;
+          ASSERT_NEAR(std::log(fast.dense[k]), std::log(full[k]), 1e-4) << "sample " << k;
+        }
+      }
+    }
+  }
+}
+
+TEST(Tfr, DecimatedRouteMatchesFullResolution) {
+  expect_matches_full_resolution(120 * 130, 10.0, 1e-4);
+}
+
+TEST(Tfr, DecimatedRouteMatchesFullResolutionWithAOneSampleLastCycle) {
+  // b_K one sample before the end: the back extension is 50 samples long.
+  expect_matches_full_resolution(12 * 1300 + 1, 10.0, 2e-4);
+}
+
+// Pixel (x, y) as three ints.
+std::array<int, 3> pixel(const RgbImage& image, int x, int y) {
+  const std::size_t i = (static_cast<std::size_t>(y) * image.width + x) * 3;
+  return {image.rgb[i], image.rgb[i + 1], image.rgb[i + 2]};
+}
+
+// The maps keep only the columns a picture shows; drawn through render_tfr they must give the
+// picture render_heatmap draws from the full-resolution matrix: at most 1 apart per channel,
+// except where the power sits on the grey threshold itself. 72.6 s with a 6.05 s cycle is a
+// length at which the cycle lines' floating-point positions fall exactly on pixel edges.
+TEST(TfrImage, MatchesTheFullResolutionPicture) {
+  const std::size_t samples = 9438;
+  const double cycle = 6.05;
+  const std::vector<double> rr = breathing_rr(80);
+  const CycleAnalysis a = analyze_cycles(std::vector<double>(samples), rr, cycle, kRate);
+  ASSERT_FALSE(a.empty());
+  const ExtendedSignal x =
+      extend_by_cycles(heart_rate_signal(rr, samples, kRate), a.bounds, cycle, kRate);
+
+  // Every 16th row and the expected one; the full-resolution rows are the slow part.
+  std::vector<std::size_t> rows;
+  for (std::size_t r = 0; r < 320; r += 16) rows.push_back(r);
+  rows.push_back(static_cast<std::size_t>(a.expected_row));
+  std::sort(rows.begin(), rows.end());
+  rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+  const int expected = static_cast<int>(
+      std::find(rows.begin(), rows.end(), static_cast<std::size_t>(a.expected_row)) - rows.begin());
+
+  CycleAnalysis picked = a;
+  picked.expected_row = expected;
+  for (const TfrWidth which : {TfrWidth::kNarrow, TfrWidth::kWide}) {
+    const bool wide = which == TfrWidth::kWide;
+    const TfrMatrix& m = wide ? a.tfr10 : a.tfr3;
+    TfrMatrix kept{rows.size(), m.cols, {}};
+    std::vector<float> full;
+    for (const std::size_t r : rows) {
+      kept.power.insert(kept.power.end(), m.power.begin() + r * m.cols,
+                        m.power.begin() + (r + 1) * m.cols);
+      const std::vector<double> row =
+          full_resolution_row(x, samples, a.frequencies[r], wide ? 10 : 3);
+      full.insert(full.end(), row.begin(), row.end());
+    }
+    (wide ? picked.tfr10 : picked.tfr3) = kept;
+    const HeatmapScale& scale = wide ? a.stats.scale10 : a.stats.scale3;
+
+    for (const bool blend : {false, true}) {
+      const RgbImage got = render_tfr(picked, which, 'F', 30, blend);
+      HeatmapParams p;
+      p.power = full;
+      p.rows = rows.size();
+      p.cols = samples;
+      p.centre = scale.centre;
+      p.half_range = scale.half_range;
+      p.expected_row = expected;
+      p.sex = 'F';
+      p.age = 30;
+      p.cycle_seconds = cycle;
+      p.sampling_rate = kRate;
+      p.blend = blend;
+      const RgbImage want = render_heatmap(p);
+      ASSERT_EQ(got.width, want.width);
+      ASSERT_EQ(got.height, want.height);
+      const double level = reference_level('F', 30);
+      int on_threshold = 0;
+      for (int py = 0; py < want.height; ++py) {
+        for (int px = 0; px < want.width; ++px) {
+          const std::array<int, 3> g = pixel(got, px, py), w = pixel(want, px, py);
+          const double power = full[(rows.size() - 1 - py) * samples + px * samples / want.width];
+          if (std::abs(std::log(power) - level) < 1e-4) {
+            ++on_threshold;
+            continue;
+          }
+          for (int c = 0; c < 3; ++c) {
+            ASSERT_LE(std::abs(g[c] - w[c]), 1)
+                << (wide ? "10" : "3") << " cycles, blend " << blend << ", pixel " << px << ", "
+                << py << ", power " << power;
+          }
+        }
+      }
+      EXPECT_LT(on_threshold, want.width);  // a handful at most
+    }
+  }
+}
+
+// Cycle lines over lengths and cycles whose positions round differently on the kept columns
+// than on the full count (and a few ordinary ones).
+TEST(TfrImage, CycleLinesLandWhereTheFullResolutionPictureHasThem) {
+  const struct {
+    std::size_t samples;
+    double cycle;
+  } cases[] = {{7020, 6.0}, {14560, 4.0}, {15912, 4.08}, {9438, 6.05}, {8450, 6.5},
+               {34320, 16}, {23920, 10},  {1300, 10},    {900, 6},     {2000, 0.2}};
+  for (const auto& c : cases) {
+    CycleAnalysis a;
+    a.cvn = {0.0};
+    a.sample_count = c.samples;
+    a.cycle_seconds = c.cycle;
+    a.sample_rate = kRate;
+    a.expected_row = -10;
+    const std::size_t cols = std::min<std::size_t>(c.samples, kHeatmapMaxWidth);
+    a.tfr3 = {1, cols, std::vector<float>(cols, 1e6f)};
+    a.stats.scale3 = {1e6, 1e5};
+    const RgbImage got = render_tfr(a, TfrWidth::kNarrow, 'M', 40, false);
+
+    const std::vector<float> full(c.samples, 1e6f);
+    HeatmapParams p;
+    p.power = full;
+    p.rows = 1;
+    p.cols = c.samples;
+    p.centre = 1e6;
+    p.half_range = 1e5;
+    p.expected_row = -10;
+    p.cycle_seconds = c.cycle;
+    p.sampling_rate = kRate;
+    const RgbImage want = render_heatmap(p);
+    ASSERT_EQ(got.rgb.size(), want.rgb.size());
+    EXPECT_EQ(got.rgb, want.rgb) << c.samples << " samples, cycle " << c.cycle;
+  }
+}
+
+TEST(Tfr, RefusesInvalidRequests) {
+  const std::vector<double> x(5000, 70.0);
+  const TfrSpec good = spec_for({0.1}, {3.0}, {0, 10, 999});
+  ASSERT_EQ(wavelet_power(x, 2000, 1000, good).matrices.size(), 1u);
+  EXPECT_TRUE(wavelet_power(x, 4500, 1000, good).matrices.empty());  // past the end
+  EXPECT_TRUE(wavelet_power(x, 2000, 0, good).matrices.empty());
+  struct Case {
+    const char* what;
+    TfrSpec spec;
+  };
+  std::vector<Case> cases = {{"column beyond the signal", spec_for({0.1}, {3.0}, {1000})},
+                             {"columns descending", spec_for({0.1}, {3.0}, {10, 9})},
+                             {"negative column", spec_for({0.1}, {3.0}, {-1})},
+                             {"zero frequency", spec_for({0.0}, {3.0}, {0})},
+                             {"NaN width", spec_for({0.1}, {std::nan("")}, {0})}};
+  cases.push_back({"rate 0", good});
+  cases.back().spec.sample_rate = 0.0;
+  cases.push_back({"dense row out of range", good});
+  cases.back().spec.dense_width = 0;
+  cases.back().spec.dense_row = 1;
+  cases.push_back({"no threads", good});
+  cases.back().spec.threads = 0;
+  for (const Case& c : cases) {
+    EXPECT_TRUE(wavelet_power(x, 2000, 1000, c.spec).matrices.empty()) << c.what;
+  }
+}
+
+}  // namespace
+}  // namespace cvn
