@@ -1,0 +1,171 @@
+#!/usr/bin/python3
+"""Reference CVN values (breathing-cycle log-power) for the two sample recordings.
+
+An independent, deliberately literal implementation of the chain from RR intervals to
+per-cycle values, with numpy and scipy: the stepped heart rate at 130 Hz, its 2 s Hann
+smoothing (normalised by the weights inside the recording), artefact removal with
+scipy.signal.find_peaks / peak_prominences, the end extension by 50 alternately mirrored
+copies of the first and last cycle, the Morlet wavelet on its literal grid (t = 0 listed
+twice), one full-length convolution (scipy.signal.fftconvolve) giving power at every
+sample, and the mean of ln(power) over each cycle. The C++ analysis computes the same
+numbers on a decimated grid; tests/analysis/cycles_test.cc compares them to 1e-4.
+
+The RR intervals come from our own R-peak detector, by way of corvane-analyze's JSON
+output, so that the reference tests the cycle and time-frequency chain on its own:
+
+    /usr/bin/python3 tools/make_cvn_reference.py build/corvane-analyze
+
+Run it with Debian's python3 (python3-numpy, python3-scipy). It rewrites
+tests/analysis/golden/cvn_sample1.txt and cvn_sample2.txt: "<key> <value>" lines and
+"series <key> <count>" blocks of numbers (full precision), as read by
+tests/support/golden_file.h.
+"""
+
+import json
+import math
+import os
+import subprocess
+import sys
+
+import numpy as np
+from scipy import signal
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+GOLDEN = os.path.join(ROOT, "tests", "analysis", "golden")
+FS = 130.0
+ROUNDS = 50
+SAMPLES = ((1, "assets/Sample 1.txt", 5.0, 11.0), (2, "assets/Sample 2.txt", 2.0, 8.0))
+
+
+def round_half_away(x):
+    return math.floor(x + 0.5) if x >= 0 else -math.floor(-x + 0.5)
+
+
+def frequency_axis():
+    out, f = [], 0.02
+    while f < 0.179999999999:
+        out.append(round_half_away(f * 10000) / 10000)
+        f += 0.0005
+    return np.array(out)
+
+
+def cycle_bounds(n, cycle):
+    per_cycle = cycle * FS
+    count = max(int(math.floor(n / per_cycle)), 1)
+    return [int(k * per_cycle) for k in range(count + 1)]
+
+
+def fill_gaps(x):
+    bad = np.isnan(x)
+    if bad.all() or not bad.any():
+        return x
+    idx = np.arange(len(x))
+    x = x.copy()
+    x[bad] = np.interp(idx[bad], idx[~bad], x[~bad])
+    return x
+
+
+def heart_rate_signal(rr, n):
+    positions = np.floor(np.cumsum(rr * FS)).astype(np.int64)
+    rate = 60.0 / rr
+    rate = np.append(rate, rate[-1] + (rate[-1] - rate[-2]))
+    step = rate[np.searchsorted(positions, np.arange(n), side="right")]
+    taps = int(2 * FS)
+    k = np.arange(taps)
+    w = 0.5 - 0.5 * np.cos(2 * np.pi * k / (taps - 1))
+    centre = (taps - 1) // 2
+    # out[i] = sum_k w[k] step[i - centre + k] / (the same sum over a signal of ones)
+    start = taps - 1 - centre
+    num = np.convolve(step, w[::-1])[start:start + n]
+    den = np.convolve(np.ones(n), w[::-1])[start:start + n]
+    hr = num / den
+    sd = hr.std()
+    if sd <= 12.0 and sd > 0:
+        score = np.abs(hr - hr.mean()) / sd
+        peaks, _ = signal.find_peaks(score)
+        prom, left, right = signal.peak_prominences(score, peaks, wlen=int(5.0 * FS))
+        hr = hr.copy()
+        marked = False
+        for p, lo, hi in zip(prom, left, right):
+            if p >= 4.0:
+                hr[lo:hi] = np.nan
+                marked = True
+        if marked:
+            hr = fill_gaps(hr)
+    return hr
+
+
+def extend(x, bounds, cycle):
+    n = len(x)
+    front = x[bounds[0]:bounds[1]]
+    back = x[bounds[-1]:] if bounds[-1] < n else x[n - int(cycle * FS):]
+    before, after = [], []
+    for r in range(ROUNDS):
+        before.insert(0, front[::-1] if r % 2 == 0 else front)
+        after.append(back[::-1] if r % 2 == 0 else back)
+    return np.concatenate(before + [x] + after), ROUNDS * len(front)
+
+
+def morlet(freq, cycles):
+    sigma = cycles / (2 * np.pi * freq)
+    limit = 5 * sigma
+    j = int(math.ceil(limit * FS))
+    while j > 0 and (j - 1) / FS >= limit:
+        j -= 1
+    while j / FS < limit:
+        j += 1
+    t = np.arange(j) / FS
+    t = np.concatenate([-t[::-1], t])  # t = 0 twice
+    c = math.exp(-2 * (math.pi * freq * sigma) ** 2)
+    psi = (np.cos(2 * np.pi * freq * t) - c + 1j * np.sin(2 * np.pi * freq * t)) * np.exp(
+        -t ** 2 / (2 * sigma ** 2))
+    return psi / (math.sqrt(np.sum(np.abs(psi) ** 2)) * math.sqrt(0.5))
+
+
+def cvn_values(rr, n, cycle):
+    bounds = cycle_bounds(n, cycle)
+    hr = heart_rate_signal(np.asarray(rr, dtype=float), n)
+    work, offset = extend(hr, bounds, cycle)
+    freqs = frequency_axis()
+    expected = round_half_away(1.0 / cycle * 10000) / 10000
+    row = int(np.argmin(np.abs(freqs - expected)))
+    psi = morlet(freqs[row], 10.0)
+    y = signal.fftconvolve(work, psi)
+    at = offset + (len(psi) - 1) // 2
+    power = (np.abs(y[at:at + n]) ** 2).astype(np.float32).astype(float)
+    logs = np.log(np.maximum(1e-30, power))
+    cvn = [np.nanmean(logs[bounds[k]:bounds[k + 1]]) for k in range(len(bounds) - 1)]
+    return cvn, row
+
+
+def fmt(v):
+    return "nan" if math.isnan(v) else repr(float(v))
+
+
+def main(argv):
+    if len(argv) != 2:
+        print("usage: make_cvn_reference.py PATH/TO/corvane-analyze", file=sys.stderr)
+        return 2
+    analyzer = argv[1]
+    for number, rel, indur, outdur in SAMPLES:
+        out = subprocess.run([analyzer, "--indur", str(indur), "--outdur", str(outdur),
+                              os.path.join(ROOT, rel)], check=True, capture_output=True)
+        result = json.loads(out.stdout)
+        rr, n, cycle = result["rr"], result["samples"], result["cycle_seconds"]
+        cvn, row = cvn_values(rr, n, cycle)
+        lines = ["# generated by tools/make_cvn_reference.py", f"input {rel}", f"samples {n}",
+                 f"cycle_seconds {fmt(cycle)}", f"expected_row {row}", f"series rr {len(rr)}"]
+        lines += [fmt(v) for v in rr]
+        lines.append(f"series cvn {len(cvn)}")
+        lines += [fmt(v) for v in cvn]
+        path = os.path.join(GOLDEN, f"cvn_sample{number}.txt")
+        with open(path, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        ours = np.array([np.nan if v is None else v for v in result["cvn"]], dtype=float)
+        print(f"{rel}: {len(cvn)} cycles, row {row}, largest difference from corvane-analyze "
+              f"{np.nanmax(np.abs(ours - np.array(cvn))):.3g}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
