@@ -906,9 +906,11 @@ class BluezBackend : public BleBackend {
   // A scan belongs to the thread that started it, so the warm-up's
   // stop_scan cannot end the user's scan running at the same time.
   void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    auto scanner = std::make_unique<Scanner>(
-        bus(), [seen = std::move(seen)](const std::string&, std::uint64_t address,
-                                        const std::string& name) { seen(address, name); });
+    std::unique_ptr<Scanner> scanner = logged("cannot scan", [&] {
+      return std::make_unique<Scanner>(
+          bus(), [seen = std::move(seen)](const std::string&, std::uint64_t address,
+                                          const std::string& name) { seen(address, name); });
+    });
     std::unique_ptr<Scanner> previous;
     std::lock_guard<std::mutex> g(mu_);
     previous = std::move(scans_[std::this_thread::get_id()]);
@@ -927,20 +929,33 @@ class BluezBackend : public BleBackend {
   }
 
   std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
-    std::shared_ptr<Bus> b = bus();
-    std::string path = device_path(b->managed_objects(), address);
-    if (path.empty()) path = look_for(b, address);
-    if (path.empty()) {
-      logLine("BlueZ: " + format_ble_address(address) + " not found");
-      return nullptr;
-    }
-    logLine("BlueZ: device " + path);
-    auto link = std::make_shared<BluezLink>(b, path);
-    link->start();
-    return link;
+    return logged("cannot open the device", [&]() -> std::shared_ptr<BleConnection> {
+      std::shared_ptr<Bus> b = bus();
+      std::string path = device_path(b->managed_objects(), address);
+      if (path.empty()) path = look_for(b, address);
+      if (path.empty()) {
+        logLine("BlueZ: " + format_ble_address(address) + " not found");
+        return nullptr;
+      }
+      logLine("BlueZ: device " + path);
+      auto link = std::make_shared<BluezLink>(b, path);
+      link->start();
+      return link;
+    });
   }
 
  private:
+  // The procedure logs that a step failed; this line says why.
+  template <class F>
+  static auto logged(const char* what, F&& f) -> decltype(f()) {
+    try {
+      return f();
+    } catch (const std::exception& e) {
+      logLine(std::string("BlueZ: ") + what + ": " + e.what());
+      throw;
+    }
+  }
+
   std::shared_ptr<Bus> bus() {
     std::lock_guard<std::mutex> g(mu_);
     if (!bus_ || !bus_->alive()) bus_ = std::make_shared<Bus>();

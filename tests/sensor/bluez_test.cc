@@ -242,6 +242,9 @@ TEST_F(BluezTest, AdapterMissingSwitchedOffOrUnreachable) {
   ASSERT_NO_FATAL_FAILURE(start_fake({"--powered-off"}));
   check(true, "adapter switched off");
   EXPECT_TRUE(contains(fake_log(), "StartDiscovery refused: powered off"));
+  // The log says why, in BlueZ's words.
+  EXPECT_TRUE(contains(test::slurp(log_path()),
+                       "] BlueZ: cannot scan: org.bluez.Error.NotReady: Resource Not Ready\n"));
   // Unsure is not "no": without BlueZ, or without a bus, the page still
   // offers the scan, which then says what is wrong.
   fake_.reset();
