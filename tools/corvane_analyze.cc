@@ -1,0 +1,333 @@
+// corvane-analyze: the whole analysis of one raw ECG text file, without the browser. Prints
+// one JSON object (R-peak intervals, heart rate, cycles, CVN values, statistics, heat-map
+// scales and stage timings) and optionally writes both heat-maps as PNG files.
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "analysis/cycles.h"
+#include "analysis/ecg.h"
+#include "analysis/heart_rate.h"
+#include "analysis/png.h"
+#include "engine/import.h"
+#include "engine/recording.h"
+#include "server/json.h"
+
+namespace {
+
+using namespace cvn;
+
+constexpr const char* kProgram = "corvane-analyze";
+
+// Exit codes.
+constexpr int kExitOk = 0;
+constexpr int kExitNotAnalysable = 1;  // too short, no beats
+constexpr int kExitUsage = 2;
+constexpr int kExitIo = 3;
+
+// Session parameter rules: periods of at least 0.05 s, kept to 2 decimals.
+constexpr double kMinPeriod = 0.05;
+constexpr int kPeriodDecimals = 2;
+constexpr double kDefaultInhale = 5.0;
+constexpr double kDefaultExhale = 11.0;
+constexpr int kDefaultAge = 40;
+constexpr int kMaxAge = 150;
+// Source rates the importer accepts.
+constexpr double kMinSourceRate = 20.0;
+constexpr double kMaxSourceRate = 20000.0;
+// The heat-maps blend grey into the colour below the reference level, so the breathing band
+// keeps its shape where it is weak (same choice as the browser's images).
+constexpr bool kBlendGrey = true;
+
+constexpr const char* kUsage =
+    "usage: corvane-analyze [--indur S] [--outdur S] [--sex M|F] [--age N] [--fs HZ]\n"
+    "                       [--png-dir DIR] FILE\n"
+    "Analyses a raw ECG text file (one sample per line, 130 per second unless --fs is\n"
+    "given) and prints one JSON object. --indur and --outdur are the breathing periods in\n"
+    "seconds (defaults 5 and 11; a decimal comma is accepted); --sex and --age choose the\n"
+    "heat-maps' reference level (defaults M and 40); --png-dir also writes tfr3.png and\n"
+    "tfr10.png there.\n"
+    "Exit status: 0 done, 1 recording not analysable, 2 bad command line, 3 file error.\n";
+
+struct Options {
+  double indur = kDefaultInhale;
+  double outdur = kDefaultExhale;
+  char sex = 'M';
+  int age = kDefaultAge;
+  double fs = 0.0;  // 0: the file is at 130 per second
+  std::string png_dir;
+  std::string file;
+};
+
+int fail(int code, const std::string& message) {
+  std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
+  if (code == kExitUsage) std::fputs(kUsage, stderr);
+  return code;
+}
+
+// A number as the session parameters take it (decimal comma accepted), but strict: the
+// whole text must be one finite number.
+bool parse_number(std::string text, double& value) {
+  for (char& c : text) {
+    if (c == ',') c = '.';
+  }
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  value = std::strtod(text.c_str(), &end);
+  return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
+}
+
+double period(double seconds) {
+  return round_to(std::max(seconds, kMinPeriod), kPeriodDecimals);
+}
+
+// Returns an exit code when the command line is not usable, -1 otherwise.
+int parse_options(int argc, char** argv, Options& o) {
+  std::vector<std::pair<std::string, std::string>> opts;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "-h" || arg == "--help") {
+      std::fputs(kUsage, stdout);
+      return kExitOk;
+    }
+    if (arg.rfind("--", 0) != 0 || arg == "--") {
+      if (arg == "--" && i + 1 < argc) arg = argv[++i];
+      if (!o.file.empty()) return fail(kExitUsage, "more than one FILE given");
+      o.file = arg;
+      continue;
+    }
+    std::string value;
+    if (const auto eq = arg.find('='); eq != std::string::npos) {
+      value = arg.substr(eq + 1);
+      arg.resize(eq);
+    } else if (i + 1 < argc) {
+      value = argv[++i];
+    } else {
+      return fail(kExitUsage, "option " + arg + " needs a value");
+    }
+    double v = 0.0;
+    if (arg == "--indur" || arg == "--outdur") {
+      if (!parse_number(value, v)) return fail(kExitUsage, arg + ": not a number: " + value);
+      (arg == "--indur" ? o.indur : o.outdur) = v;
+    } else if (arg == "--sex") {
+      if (value != "M" && value != "F" && value != "m" && value != "f")
+        return fail(kExitUsage, "--sex must be M or F, not " + value);
+      o.sex = value == "F" || value == "f" ? 'F' : 'M';
+    } else if (arg == "--age") {
+      if (!parse_number(value, v) || v != std::floor(v) || v < 0 || v > kMaxAge)
+        return fail(kExitUsage,
+                    "--age must be a whole number of years from 0 to 150, not " + value);
+      o.age = static_cast<int>(v);
+    } else if (arg == "--fs") {
+      if (!parse_number(value, v) || v < kMinSourceRate || v > kMaxSourceRate)
+        return fail(kExitUsage, "--fs must be a sample rate from 20 to 20000 Hz, not " + value);
+      o.fs = v;
+    } else if (arg == "--png-dir") {
+      if (value.empty()) return fail(kExitUsage, "--png-dir needs a folder");
+      o.png_dir = value;
+    } else {
+      return fail(kExitUsage, "unknown option " + arg);
+    }
+  }
+  if (o.file.empty()) return fail(kExitUsage, "no FILE given");
+  o.indur = period(o.indur);
+  o.outdur = period(o.outdur);
+  if (!std::isfinite(o.indur + o.outdur)) return fail(kExitUsage, "breathing periods too long");
+  return -1;
+}
+
+bool read_file(const std::string& path, std::string& text, std::string& error) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) {
+    error = "cannot read " + path + ": it is a folder";
+    return false;
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot open " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  if (in.bad()) {
+    error = "cannot read " + path;
+    return false;
+  }
+  text = std::move(buffer).str();
+  return true;
+}
+
+bool write_file(const std::string& path, const std::vector<std::uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+  return static_cast<bool>(out.flush());
+}
+
+// JSON numbers with every digit a double holds; NaN and infinities are null.
+void append_number(std::string& out, double v) {
+  if (!std::isfinite(v)) {
+    out += "null";
+    return;
+  }
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.17g", v);
+  out += buf;
+}
+
+template <typename T>
+void append_array(std::string& out, const std::vector<T>& values) {
+  out += '[';
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (i) out += ',';
+    append_number(out, static_cast<double>(values[i]));
+  }
+  out += ']';
+}
+
+class Stopwatch {
+ public:
+  double lap() {
+    const auto now = std::chrono::steady_clock::now();
+    const double ms = std::chrono::duration<double, std::milli>(now - last_).count();
+    last_ = now;
+    return ms;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  if (const int code = parse_options(argc, argv, o); code >= 0) return code;
+  const double cycle = round_to(o.indur + o.outdur, kPeriodDecimals);
+
+  std::vector<std::pair<std::string, double>> timings;
+  Stopwatch total, watch;
+  std::string text, error;
+  if (!read_file(o.file, text, error)) return fail(kExitIo, error);
+  std::vector<double> samples = read_recording(text);
+  text = std::string();
+  timings.emplace_back("read", watch.lap());
+  if (o.fs > 0) {
+    samples = resample(samples, o.fs);
+    timings.emplace_back("resample", watch.lap());
+  }
+  if (samples.empty()) return fail(kExitNotAnalysable, o.file + ": no ECG samples in the file");
+
+  const std::vector<double> rr = analyze_ecg(samples, kEcgSampleRate, kMaxHeartRate);
+  timings.emplace_back("r_peaks", watch.lap());
+  if (rr.empty()) {
+    return fail(kExitNotAnalysable, o.file +
+                                        ": fewer than two R-peaks found (recording too "
+                                        "short, or not an ECG)");
+  }
+  const std::vector<double> hr = regular_hr(rr, samples.size(), kEcgSampleRate);
+  timings.emplace_back("heart_rate", watch.lap());
+  const CycleAnalysis a = analyze_cycles(samples, rr, cycle, kEcgSampleRate);
+  timings.emplace_back("cycles_and_tfr", watch.lap());
+  if (a.empty()) {
+    const double seconds = static_cast<double>(samples.size()) / kEcgSampleRate;
+    if (seconds < cycle) {
+      return fail(kExitNotAnalysable, o.file + ": " + short_number(round_to(seconds, 1)) +
+                                          " s of ECG is shorter than one breathing cycle (" +
+                                          short_number(cycle) + " s)");
+    }
+    return fail(kExitNotAnalysable, o.file + ": only " + std::to_string(rr.size()) +
+                                        " RR intervals found; the cycle analysis needs 3");
+  }
+
+  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, o.sex, o.age, kBlendGrey);
+  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, o.sex, o.age, kBlendGrey);
+  timings.emplace_back("heatmaps", watch.lap());
+  const std::vector<std::uint8_t> png3 = encode_png_rgb(image3);
+  const std::vector<std::uint8_t> png10 = encode_png_rgb(image10);
+  timings.emplace_back("png", watch.lap());
+  if (!o.png_dir.empty()) {
+    for (const auto& [name, bytes] :
+         {std::pair{"tfr3.png", &png3}, std::pair{"tfr10.png", &png10}}) {
+      const std::string path = o.png_dir + "/" + name;
+      if (bytes->empty() || !write_file(path, *bytes)) return fail(kExitIo, "cannot write " + path);
+    }
+    timings.emplace_back("write_png", watch.lap());
+  }
+  timings.emplace_back("total", total.lap());
+
+  const CycleStats& st = a.stats;
+  std::string j;
+  j.reserve(64 * (rr.size() + hr.size() + a.cvn.size()) + 4096);
+  j += "{\"file\":" + json_text(o.file);
+  j += ",\"samples\":" + std::to_string(samples.size());
+  j += ",\"indur\":";
+  append_number(j, o.indur);
+  j += ",\"outdur\":";
+  append_number(j, o.outdur);
+  j += ",\"cycle_seconds\":";
+  append_number(j, cycle);
+  j += ",\"sex\":\"";
+  j += o.sex;
+  j += "\",\"age\":" + std::to_string(o.age);
+  j += ",\"rr\":";
+  append_array(j, rr);
+  j += ",\"hr\":";
+  append_array(j, hr);
+  j += ",\"cycle_bounds\":";
+  append_array(j, a.bounds);
+  j += ",\"cvn\":";
+  append_array(j, a.cvn);
+  j += ",\"expected_freq\":";
+  append_number(j, a.expected_freq);
+  j += ",\"expected_row\":" + std::to_string(a.expected_row);
+  j += ",\"stats\":{\"cvn_count\":" + std::to_string(st.cvn_count);
+  for (const auto& [key, v] : {std::pair{"cvn_mean", st.cvn_mean},
+                               {"cvn_sd", st.cvn_sd},
+                               {"hr_mean", st.hr_mean},
+                               {"hr_sd", st.hr_sd},
+                               {"band_mean3", st.band_mean3},
+                               {"band_sd3", st.band_sd3},
+                               {"band_mean10", st.band_mean10},
+                               {"band_sd10", st.band_sd10},
+                               {"map_mean3", st.map_mean3},
+                               {"map_sd3", st.map_sd3},
+                               {"map_mean10", st.map_mean10},
+                               {"map_sd10", st.map_sd10}}) {
+    j += ",\"";
+    j += key;
+    j += "\":";
+    append_number(j, v);
+  }
+  j += "},\"scale\":{";
+  for (const auto& [key, s] : {std::pair{"tfr3", st.scale3}, {"tfr10", st.scale10}}) {
+    if (key[3] == '1') j += ',';
+    j += "\"";
+    j += key;
+    j += "\":{\"centre\":";
+    append_number(j, s.centre);
+    j += ",\"half_range\":";
+    append_number(j, s.half_range);
+    j += '}';
+  }
+  j += "},\"png_bytes\":[" + std::to_string(png3.size()) + "," + std::to_string(png10.size()) + "]";
+  j += ",\"timings\":{";
+  for (std::size_t i = 0; i < timings.size(); ++i) {
+    if (i) j += ',';
+    j += "\"" + timings[i].first + "\":";
+    append_number(j, timings[i].second);
+  }
+  j += "}}\n";
+  std::fwrite(j.data(), 1, j.size(), stdout);
+  return std::fflush(stdout) == 0 ? kExitOk : kExitIo;
+}
