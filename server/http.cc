@@ -176,7 +176,8 @@ void handle_connection(SocketHandle s, const RequestHandler& handler) {
   close_socket(s);
 }
 
-void serve(SocketHandle listener, RequestHandler handler, const std::atomic<bool>* stop) {
+void serve(SocketHandle listener, RequestHandler handler, const std::atomic<bool>* stop,
+           std::atomic<int>* in_flight) {
   auto shared = std::make_shared<const RequestHandler>(std::move(handler));
   for (;;) {
     SocketHandle c = accept_on(listener);
@@ -185,7 +186,11 @@ void serve(SocketHandle listener, RequestHandler handler, const std::atomic<bool
       return;
     }
     if (c == kInvalidSocket) continue;
-    std::thread([c, shared] { handle_connection(c, *shared); }).detach();
+    if (in_flight) ++*in_flight;
+    std::thread([c, shared, in_flight] {
+      handle_connection(c, *shared);
+      if (in_flight) --*in_flight;
+    }).detach();
   }
 }
 

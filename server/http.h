@@ -64,6 +64,9 @@ void handle_connection(SocketHandle s, const RequestHandler& handler);
 
 /// Accepts connections until `stop` is set and the listener is shut down,
 /// each on its own detached thread. Failed accepts are retried at once.
-void serve(SocketHandle listener, RequestHandler handler, const std::atomic<bool>* stop = nullptr);
+/// `in_flight`, when given, counts the connection threads still running, so
+/// an owner that goes away first can wait for them.
+void serve(SocketHandle listener, RequestHandler handler, const std::atomic<bool>* stop = nullptr,
+           std::atomic<int>* in_flight = nullptr);
 
 }  // namespace cvn

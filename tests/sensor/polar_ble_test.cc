@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -28,8 +29,6 @@ using Bytes = std::vector<std::uint8_t>;
 // What the fake stack does; tests change it before connecting.
 struct Script {
   std::vector<std::pair<std::uint64_t, std::string>> adverts;
-  bool adapter = true;
-  bool scan_throws = false;
   bool device_exists = true;
   int pmd_found_on_attempt = 1;  // 0: never
   bool characteristics = true;
@@ -89,11 +88,14 @@ struct FakeLink : BleConnection {
 
 struct FakeStack : BleBackend {
   Script s;
+  // Read by the warm-up thread while a test flips them.
+  std::atomic<bool> adapter{true};
+  std::atomic<bool> scan_throws{false};
   std::shared_ptr<FakeLink> last;
   std::mutex mu;
-  bool has_adapter() override { return s.adapter; }
+  bool has_adapter() override { return adapter; }
   void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    if (s.scan_throws) throw std::runtime_error("radio off");
+    if (scan_throws) throw std::runtime_error("radio off");
     for (const auto& [a, n] : s.adverts) seen(a, n);
   }
   void stop_scan() override {}
@@ -196,12 +198,12 @@ TEST_F(PolarBleTest, ScanFailuresAreMessagesNotExceptions) {
   EXPECT_EQ(error,
             "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
             "close.");
-  stack->s.scan_throws = true;
+  stack->scan_throws = true;
   error.clear();
   EXPECT_TRUE(ble.scan(error).empty());
   EXPECT_EQ(error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.");
   EXPECT_TRUE(ble.available());
-  stack->s.adapter = false;
+  stack->adapter = false;
   EXPECT_FALSE(ble.available());
 }
 

@@ -66,7 +66,8 @@ TestServer::TestServer(RequestHandler handler) {
   int first = 20000 + static_cast<int>(::getpid() % 2000) * 10;
   listener_ = bind_loopback(first, 200, &port_);
   if (listener_ == kInvalidSocket || !listen_on(listener_, 128)) std::abort();
-  thread_ = std::thread([this, h = std::move(handler)] { serve(listener_, h, &stop_); });
+  thread_ =
+      std::thread([this, h = std::move(handler)] { serve(listener_, h, &stop_, &in_flight_); });
 }
 
 TestServer::~TestServer() {
@@ -74,6 +75,7 @@ TestServer::~TestServer() {
   shutdown_socket(listener_);
   thread_.join();
   close_socket(listener_);
+  while (in_flight_.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
 }
 
 }  // namespace cvn::test

@@ -28,6 +28,8 @@ int thread_count();
 bool wait_for_thread_count(int target, int ms);
 
 /// A real server on a free loopback port, running `handler` until destroyed.
+/// The destructor waits for connections still being handled (an event
+/// stream ends at its next send after the client left).
 class TestServer {
  public:
   explicit TestServer(RequestHandler handler);
@@ -38,6 +40,7 @@ class TestServer {
   SocketHandle listener_ = kInvalidSocket;
   int port_ = 0;
   std::atomic<bool> stop_{false};
+  std::atomic<int> in_flight_{0};
   std::thread thread_;
 };
 
