@@ -9,9 +9,10 @@
 
 namespace cvn {
 
-/// Radix-2 transform plan for one length. The bit-reversal permutation and the twiddle
-/// factors are computed when the plan is built; forward() and backward() are const and
-/// allocation-free, so one plan can serve many rows and several threads at once.
+/// Radix-2 transform plan for one length (two stages at a time, as radix-4 butterflies). The
+/// bit-reversal permutation and the twiddle factors are computed when the plan is built; the
+/// transforms are const and allocation-free, so one plan can serve many rows and several
+/// threads at once.
 class FftPlan {
  public:
   /// Plan for `n` points. A length that is not a power of two gives an empty plan: size()
@@ -28,16 +29,27 @@ class FftPlan {
   /// gives n x. Does nothing unless data.size() == size().
   void backward(std::span<std::complex<double>> data) const;
 
+  /// forward() leaving X[k] at index bitreverse(k). A convolution only multiplies spectra
+  /// point by point, so it can skip both permutations: forward_bit_reversed on each input,
+  /// the products, then backward_bit_reversed.
+  void forward_bit_reversed(std::span<std::complex<double>> data) const;
+
+  /// backward() of a spectrum held in bit-reversed order (as forward_bit_reversed leaves
+  /// it); the result is in natural order, unscaled.
+  void backward_bit_reversed(std::span<std::complex<double>> data) const;
+
  private:
+  void permute(std::complex<double>* data) const;
   template <bool kBackward>
-  void run(std::complex<double>* data) const;
+  void time_stages(std::complex<double>* data) const;
+  void frequency_stages(std::complex<double>* data) const;
 
   std::size_t n_ = 0;
   int log2n_ = 0;
   // Index pairs (i, j), i < j, that the bit-reversal permutation swaps.
   std::vector<std::uint32_t> swaps_;
-  // For each radix-2 stage of half-width m (1, 2, 4, ..., n/2), the factors
-  // exp(-i pi j / m), j < m, stored at [m, 2m).
+  // For each radix-4 block of 4q points, w^j, w^2j, w^3j (w = exp(-2 pi i / 4q), j < q) at
+  // [3 (q + j), 3 (q + j) + 3).
   std::vector<std::complex<double>> twiddles_;
 };
 

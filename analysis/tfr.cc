@@ -299,7 +299,12 @@ bool Engine::prepare() {
     seg.plan = &plan;
     const auto from = lowpassed.begin() + (seg.first - base);
     seg.spectrum.assign(from, from + static_cast<std::ptrdiff_t>(job.length));
-    plan.forward(seg.spectrum);
+    plan.forward_bit_reversed(seg.spectrum);
+    // A grid value is step x the circular convolution, the interpolation weights carry
+    // another step, and the backward transform needs 1 / n: all folded in here.
+    const double gain =
+        static_cast<double>(step_) * static_cast<double>(step_) / static_cast<double>(job.length);
+    for (Complex& v : seg.spectrum) v *= gain;
     segments_.emplace(job.length, std::move(seg));
   }
   return true;
@@ -417,19 +422,19 @@ void Engine::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
   const auto n = static_cast<std::int64_t>(job.length);
   s.buffer.assign(job.length, 0.0);
   for (std::int64_t q = job.q_min; q <= job.q_max; ++q) {
-    s.buffer[static_cast<std::size_t>((q % n + n) % n)] = s.kernel[q - job.q_min];
+    s.buffer[static_cast<std::size_t>(q < 0 ? q + n : q)] = s.kernel[q - job.q_min];
   }
-  seg.plan->forward(s.buffer);
-  // Grid value = step x circular convolution; interpolation weights carry another step, and
-  // the backward transform needs 1 / n.
-  const double gain =
-      static_cast<double>(step_) * static_cast<double>(step_) / static_cast<double>(n);
-  for (std::size_t i = 0; i < job.length; ++i) {
-    const Complex a = s.buffer[i], b = seg.spectrum[i];
-    s.buffer[i] = {gain * (a.real() * b.real() - a.imag() * b.imag()),
-                   gain * (a.real() * b.imag() + a.imag() * b.real())};
+  seg.plan->forward_bit_reversed(s.buffer);
+  // Both spectra are in the same (bit-reversed) order; plain doubles keep the product in
+  // registers.
+  double* y = reinterpret_cast<double*>(s.buffer.data());
+  const double* x = reinterpret_cast<const double*>(seg.spectrum.data());
+  for (std::size_t i = 0; i < 2 * job.length; i += 2) {
+    const double ar = y[i], ai = y[i + 1], br = x[i], bi = x[i + 1];
+    y[i] = ar * br - ai * bi;
+    y[i + 1] = ar * bi + ai * br;
   }
-  seg.plan->backward(s.buffer);
+  seg.plan->backward_bit_reversed(s.buffer);
 
   TfrMatrix& m = out.matrices[job.width];
   float* row = m.power.data() + static_cast<std::size_t>(job.row) * m.cols;
