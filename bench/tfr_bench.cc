@@ -59,11 +59,12 @@ BENCHMARK(BM_FftForward)->RangeMultiplier(4)->Range(1 << 12, 1 << 20);
 void BM_FftConvolutionRow(benchmark::State& state) {
   const auto n = static_cast<std::size_t>(state.range(0));
   const cvn::FftPlan plan(n);
-  std::vector<std::complex<double>> signal(n), row(n);
+  std::vector<std::complex<double>> signal(n), kernel(n, 0.0), row(n);
   for (std::size_t i = 0; i < n; ++i) signal[i] = {std::sin(0.1 * i), 0.0};
+  for (std::size_t i = 0; i < n / 4; ++i) kernel[i] = {std::cos(0.37 * i), std::sin(0.37 * i)};
   plan.forward_bit_reversed(signal);
   for (auto _ : state) {
-    for (std::size_t i = 0; i < n; ++i) row[i] = {std::cos(0.37 * i), 0.0};
+    row = kernel;
     plan.forward_bit_reversed(row);
     for (std::size_t i = 0; i < n; ++i) row[i] *= signal[i];
     plan.backward_bit_reversed(row);
