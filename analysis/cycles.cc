@@ -237,15 +237,15 @@ CycleAnalysis analyze_cycles(const std::vector<double>& samples, const std::vect
     a.column_samples[j] = static_cast<std::int32_t>(j * n / cols);
   a.sample_rate = sample_rate;
 
-  TfrSpec spec;
-  spec.sample_rate = sample_rate;
-  spec.frequencies = a.frequencies;
-  spec.widths = {kNarrowWaveletCycles, kWideWaveletCycles};
-  spec.columns = a.column_samples;
-  spec.dense_width = 1;
-  spec.dense_row = a.expected_row;
-  spec.threads = kWorkerThreads;
-  WaveletPower power = wavelet_power(ext.samples, ext.offset, n, spec);
+  TfrRequest request;
+  request.sample_rate = sample_rate;
+  request.frequencies = a.frequencies;
+  request.widths = {kNarrowWaveletCycles, kWideWaveletCycles};
+  request.columns = a.column_samples;
+  request.dense_width = 1;
+  request.dense_row = a.expected_row;
+  request.threads = kWorkerThreads;
+  WaveletPower power = wavelet_power(ext.samples, ext.offset, n, request);
   if (power.matrices.size() != 2) return {};
   a.tfr3 = std::move(power.matrices[0]);
   a.tfr10 = std::move(power.matrices[1]);

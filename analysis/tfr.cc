@@ -191,11 +191,11 @@ struct Segment {
 class Engine {
  public:
   Engine(const std::vector<double>& extended, std::size_t offset, std::size_t length,
-         const TfrSpec& spec)
+         const TfrRequest& request)
       : ext_(extended),
         offset_(static_cast<std::int64_t>(offset)),
         length_(static_cast<std::int64_t>(length)),
-        spec_(spec) {}
+        request_(request) {}
 
   bool prepare();
   WaveletPower run();
@@ -215,7 +215,7 @@ class Engine {
 
   const std::vector<double>& ext_;
   std::int64_t offset_, length_;
-  const TfrSpec& spec_;
+  const TfrRequest& request_;
 
   std::int64_t step_ = 1;  // ECG samples per grid point
   Lowpass lp_;
@@ -231,7 +231,7 @@ class Engine {
 };
 
 bool Engine::prepare() {
-  const double rate = spec_.sample_rate;
+  const double rate = request_.sample_rate;
   step_ = std::max<std::int64_t>(1, static_cast<std::int64_t>(std::floor(rate / kGridRate)));
   if (step_ > 1) lp_ = kaiser_lowpass(kPassBandHz, rate / (2 * static_cast<double>(step_)), rate);
   const std::int64_t hl = lp_.half;
@@ -257,19 +257,19 @@ bool Engine::prepare() {
   m_last_ = floor_div(p_hi, step_) + *max_tap + taps_ - 1;
   const std::int64_t span = m_last_ - m_first_ + 1;
 
-  for (int w = 0; w < static_cast<int>(spec_.widths.size()); ++w) {
-    for (int r = 0; r < static_cast<int>(spec_.frequencies.size()); ++r) {
+  for (int w = 0; w < static_cast<int>(request_.widths.size()); ++w) {
+    for (int r = 0; r < static_cast<int>(request_.frequencies.size()); ++r) {
       RowJob job;
       job.width = w;
       job.row = r;
-      job.wavelet = make_morlet(spec_.frequencies[r], spec_.widths[w], rate);
+      job.wavelet = make_morlet(request_.frequencies[r], request_.widths[w], rate);
       if (job.wavelet.half == 0) return false;
       job.q_min = -floor_div(job.wavelet.half - 1 + hl, step_);
       job.q_max = floor_div(job.wavelet.half + hl, step_);
       const std::int64_t reach = std::max(job.q_max, -job.q_min);
       job.length = fft_length_for(static_cast<std::size_t>(span + 2 * reach + 1));
       if (job.length == 0) return false;
-      if (w == spec_.dense_width && r == spec_.dense_row) {
+      if (w == request_.dense_width && r == request_.dense_row) {
         jobs_.insert(jobs_.begin(), job);  // the longest job starts first
       } else {
         jobs_.push_back(job);
@@ -439,10 +439,10 @@ void Engine::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
   TfrMatrix& m = out.matrices[job.width];
   float* row = m.power.data() + static_cast<std::size_t>(job.row) * m.cols;
   for (std::size_t c = 0; c < m.cols; ++c) {
-    const Complex y = interpolate(s.buffer, seg.first, offset_ + spec_.columns[c]);
+    const Complex y = interpolate(s.buffer, seg.first, offset_ + request_.columns[c]);
     row[c] = static_cast<float>(std::norm(y));
   }
-  if (job.width == spec_.dense_width && job.row == spec_.dense_row) {
+  if (job.width == request_.dense_width && job.row == request_.dense_row) {
     for (std::int64_t k = 0; k < length_; ++k) {
       const Complex y = interpolate(s.buffer, seg.first, offset_ + k);
       out.dense[k] = static_cast<float>(std::norm(y));
@@ -452,13 +452,13 @@ void Engine::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
 
 WaveletPower Engine::run() {
   WaveletPower out;
-  out.matrices.resize(spec_.widths.size());
+  out.matrices.resize(request_.widths.size());
   for (TfrMatrix& m : out.matrices) {
-    m.rows = spec_.frequencies.size();
-    m.cols = spec_.columns.size();
+    m.rows = request_.frequencies.size();
+    m.cols = request_.columns.size();
     m.power.assign(m.rows * m.cols, 0.0f);
   }
-  if (spec_.dense_width >= 0) out.dense.assign(static_cast<std::size_t>(length_), 0.0f);
+  if (request_.dense_width >= 0) out.dense.assign(static_cast<std::size_t>(length_), 0.0f);
 
   std::atomic<std::size_t> next{0};
   const auto worker = [&] {
@@ -466,33 +466,36 @@ WaveletPower Engine::run() {
     for (std::size_t j; (j = next.fetch_add(1)) < jobs_.size();) do_row(jobs_[j], scratch, out);
   };
   std::vector<std::thread> pool;
-  for (int t = 1; t < spec_.threads; ++t) pool.emplace_back(worker);
+  for (int t = 1; t < request_.threads; ++t) pool.emplace_back(worker);
   worker();
   for (std::thread& t : pool) t.join();
   return out;
 }
 
 bool valid(const std::vector<double>& extended, std::size_t offset, std::size_t length,
-           const TfrSpec& spec) {
-  if (!(spec.sample_rate > 0) || !std::isfinite(spec.sample_rate)) return false;
+           const TfrRequest& request) {
+  if (!(request.sample_rate > 0) || !std::isfinite(request.sample_rate)) return false;
   if (length == 0 || offset > extended.size() || length > extended.size() - offset) return false;
-  for (double f : spec.frequencies) {
+  for (double f : request.frequencies) {
     if (!(f > 0) || !std::isfinite(f)) return false;
   }
-  for (double w : spec.widths) {
+  for (double w : request.widths) {
     if (!(w > 0) || !std::isfinite(w)) return false;
   }
-  for (std::size_t c = 0; c < spec.columns.size(); ++c) {
-    if (spec.columns[c] < 0 || static_cast<std::size_t>(spec.columns[c]) >= length) return false;
-    if (c > 0 && spec.columns[c] < spec.columns[c - 1]) return false;
-  }
-  if (spec.dense_width >= 0 || spec.dense_row >= 0) {
-    if (spec.dense_width < 0 || static_cast<std::size_t>(spec.dense_width) >= spec.widths.size())
+  for (std::size_t c = 0; c < request.columns.size(); ++c) {
+    if (request.columns[c] < 0 || static_cast<std::size_t>(request.columns[c]) >= length)
       return false;
-    if (spec.dense_row < 0 || static_cast<std::size_t>(spec.dense_row) >= spec.frequencies.size())
+    if (c > 0 && request.columns[c] < request.columns[c - 1]) return false;
+  }
+  if (request.dense_width >= 0 || request.dense_row >= 0) {
+    if (request.dense_width < 0 ||
+        static_cast<std::size_t>(request.dense_width) >= request.widths.size())
+      return false;
+    if (request.dense_row < 0 ||
+        static_cast<std::size_t>(request.dense_row) >= request.frequencies.size())
       return false;
   }
-  return spec.threads >= 1;
+  return request.threads >= 1;
 }
 
 }  // namespace
@@ -541,9 +544,9 @@ std::vector<std::complex<double>> morlet_wavelet(double freq, double cycles, dou
 }
 
 WaveletPower wavelet_power(const std::vector<double>& extended, std::size_t offset,
-                           std::size_t length, const TfrSpec& spec) {
-  if (!valid(extended, offset, length, spec)) return {};
-  Engine engine(extended, offset, length, spec);
+                           std::size_t length, const TfrRequest& request) {
+  if (!valid(extended, offset, length, request)) return {};
+  Engine engine(extended, offset, length, request);
   if (!engine.prepare()) return {};
   return engine.run();
 }

@@ -41,7 +41,7 @@ struct TfrMatrix {
 };
 
 /// What wavelet_power computes.
-struct TfrSpec {
+struct TfrRequest {
   double sample_rate = 130.0;
   /// Hz, one matrix row each.
   std::vector<double> frequencies;
@@ -68,8 +68,8 @@ struct WaveletPower {
 /// `extended` continues on both sides (zero beyond it): for signal sample k and wavelet psi of
 /// length M, |sum_m extended[offset + k + (M - 1) / 2 - m] psi[m]|^2. Computed on a decimated
 /// grid (docs/analysis.md); the result stays within about 1e-5 of this convolution relative to
-/// the row's peak power. Empty when the spec or the ranges are not valid.
+/// the row's peak power. Empty when the request or the ranges are not valid.
 WaveletPower wavelet_power(const std::vector<double>& extended, std::size_t offset,
-                           std::size_t length, const TfrSpec& spec);
+                           std::size_t length, const TfrRequest& request);
 
 }  // namespace cvn

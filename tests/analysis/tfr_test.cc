@@ -62,13 +62,13 @@ std::vector<double> full_resolution_row(const ExtendedSignal& x, std::size_t len
   return power;
 }
 
-TfrSpec spec_for(std::vector<double> freqs, std::vector<double> widths,
-                 std::vector<std::int32_t> columns) {
-  TfrSpec spec;
-  spec.frequencies = std::move(freqs);
-  spec.widths = std::move(widths);
-  spec.columns = std::move(columns);
-  return spec;
+TfrRequest request_for(std::vector<double> freqs, std::vector<double> widths,
+                       std::vector<std::int32_t> columns) {
+  TfrRequest request;
+  request.frequencies = std::move(freqs);
+  request.widths = std::move(widths);
+  request.columns = std::move(columns);
+  return request;
 }
 
 TEST(Tfr, FrequencyAxisAndWaveletLengths) {
@@ -128,7 +128,7 @@ TEST(Tfr, PureOscillationHasThePredictedPower) {
     const std::vector<double> freqs = tfr_frequencies();
     const std::int32_t middle = static_cast<std::int32_t>(length / 2);
     const WaveletPower p =
-        wavelet_power(x.samples, offset, length, spec_for(freqs, {3.0, 10.0}, {middle}));
+        wavelet_power(x.samples, offset, length, request_for(freqs, {3.0, 10.0}, {middle}));
     ASSERT_EQ(p.matrices.size(), 2u);
     for (int w = 0; w < 2; ++w) {
       const double n = w == 0 ? 3.0 : 10.0;
@@ -172,16 +172,16 @@ void expect_matches_full_resolution(std::size_t samples, double cycle_seconds,
     columns.push_back(static_cast<std::int32_t>(j * samples / 1200));
   columns.push_back(static_cast<std::int32_t>(samples - 1));
   const std::vector<double> freqs = {0.02, 0.041, 0.0625, 0.1, 0.145, 0.1795};
-  TfrSpec spec = spec_for(freqs, {3.0, 10.0}, columns);
-  spec.dense_width = 1;
-  spec.dense_row = 3;
-  const WaveletPower fast = wavelet_power(x.samples, x.offset, samples, spec);
+  TfrRequest request = request_for(freqs, {3.0, 10.0}, columns);
+  request.dense_width = 1;
+  request.dense_row = 3;
+  const WaveletPower fast = wavelet_power(x.samples, x.offset, samples, request);
   ASSERT_EQ(fast.matrices.size(), 2u);
   ASSERT_EQ(fast.dense.size(), samples);
 
   for (int w = 0; w < 2; ++w) {
     for (std::size_t r = 0; r < freqs.size(); ++r) {
-      const std::vector<double> full = full_resolution_row(x, samples, freqs[r], spec.widths[w]);
+      const std::vector<double> full = full_resolution_row(x, samples, freqs[r], request.widths[w]);
       const double peak = *std::max_element(full.begin(), full.end());
       for (std::size_t c = 0; c < columns.size(); ++c) {
         const double want = full[columns[c]], got = fast.matrices[w].at(r, c);
@@ -190,9 +190,9 @@ void expect_matches_full_resolution(std::size_t samples, double cycle_seconds,
         const bool tail = columns[c] + 130 >= static_cast<std::int32_t>(samples);
         const double relative = tail ? tail_tolerance : 1e-4;
         ASSERT_NEAR(got, want, 2e-5 * peak + relative * want)
-            << spec.widths[w] << " cycles, " << freqs[r] << " Hz, sample " << columns[c];
+            << request.widths[w] << " cycles, " << freqs[r] << " Hz, sample " << columns[c];
       }
-      if (w == spec.dense_width && static_cast<int>(r) == spec.dense_row) {
+      if (w == request.dense_width && static_cast<int>(r) == request.dense_row) {
         // The cycle measure averages ln(power) of this row: within 1e-4 wherever the power
         // is not negligible.
         for (std::size_t k = 0; k < samples; ++k) {
@@ -335,28 +335,28 @@ TEST(TfrImage, CycleLinesLandWhereTheFullResolutionPictureHasThem) {
 
 TEST(Tfr, RefusesInvalidRequests) {
   const std::vector<double> x(5000, 70.0);
-  const TfrSpec good = spec_for({0.1}, {3.0}, {0, 10, 999});
+  const TfrRequest good = request_for({0.1}, {3.0}, {0, 10, 999});
   ASSERT_EQ(wavelet_power(x, 2000, 1000, good).matrices.size(), 1u);
   EXPECT_TRUE(wavelet_power(x, 4500, 1000, good).matrices.empty());  // past the end
   EXPECT_TRUE(wavelet_power(x, 2000, 0, good).matrices.empty());
   struct Case {
     const char* what;
-    TfrSpec spec;
+    TfrRequest request;
   };
-  std::vector<Case> cases = {{"column beyond the signal", spec_for({0.1}, {3.0}, {1000})},
-                             {"columns descending", spec_for({0.1}, {3.0}, {10, 9})},
-                             {"negative column", spec_for({0.1}, {3.0}, {-1})},
-                             {"zero frequency", spec_for({0.0}, {3.0}, {0})},
-                             {"NaN width", spec_for({0.1}, {std::nan("")}, {0})}};
+  std::vector<Case> cases = {{"column beyond the signal", request_for({0.1}, {3.0}, {1000})},
+                             {"columns descending", request_for({0.1}, {3.0}, {10, 9})},
+                             {"negative column", request_for({0.1}, {3.0}, {-1})},
+                             {"zero frequency", request_for({0.0}, {3.0}, {0})},
+                             {"NaN width", request_for({0.1}, {std::nan("")}, {0})}};
   cases.push_back({"rate 0", good});
-  cases.back().spec.sample_rate = 0.0;
+  cases.back().request.sample_rate = 0.0;
   cases.push_back({"dense row out of range", good});
-  cases.back().spec.dense_width = 0;
-  cases.back().spec.dense_row = 1;
+  cases.back().request.dense_width = 0;
+  cases.back().request.dense_row = 1;
   cases.push_back({"no threads", good});
-  cases.back().spec.threads = 0;
+  cases.back().request.threads = 0;
   for (const Case& c : cases) {
-    EXPECT_TRUE(wavelet_power(x, 2000, 1000, c.spec).matrices.empty()) << c.what;
+    EXPECT_TRUE(wavelet_power(x, 2000, 1000, c.request).matrices.empty()) << c.what;
   }
 }
 
