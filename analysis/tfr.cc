@@ -188,10 +188,10 @@ struct Segment {
   std::vector<Complex> spectrum;
 };
 
-class Engine {
+class PowerPass {
  public:
-  Engine(const std::vector<double>& extended, std::size_t offset, std::size_t length,
-         const TfrRequest& request)
+  PowerPass(const std::vector<double>& extended, std::size_t offset, std::size_t length,
+            const TfrRequest& request)
       : ext_(extended),
         offset_(static_cast<std::int64_t>(offset)),
         length_(static_cast<std::int64_t>(length)),
@@ -230,7 +230,7 @@ class Engine {
   std::int64_t taps_ = 0;
 };
 
-bool Engine::prepare() {
+bool PowerPass::prepare() {
   const double rate = request_.sample_rate;
   step_ = std::max<std::int64_t>(1, static_cast<std::int64_t>(std::floor(rate / kGridRate)));
   if (step_ > 1) lp_ = kaiser_lowpass(kPassBandHz, rate / (2 * static_cast<double>(step_)), rate);
@@ -310,7 +310,7 @@ bool Engine::prepare() {
   return true;
 }
 
-double Engine::lowpassed_signal(std::int64_t x) const {
+double PowerPass::lowpassed_signal(std::int64_t x) const {
   const std::int64_t hl = lp_.half;
   const auto size = static_cast<std::int64_t>(ext_.size());
   const std::int64_t lo = std::max<std::int64_t>(x - hl, 0);
@@ -324,7 +324,7 @@ double Engine::lowpassed_signal(std::int64_t x) const {
 // Where the filter window lies inside one smooth piece of the kernel, filtering changes
 // nothing (the pieces are band-limited far below the pass band), so the sample is taken as
 // is; windows that straddle the start, the end or the repeated t = 0 are filtered outright.
-void Engine::decimated_kernel(const RowJob& job, Scratch& s) const {
+void PowerPass::decimated_kernel(const RowJob& job, Scratch& s) const {
   const Morlet& w = job.wavelet;
   const std::int64_t J = w.half, hl = lp_.half;
   const std::size_t count = static_cast<std::size_t>(job.q_max - job.q_min + 1);
@@ -394,8 +394,8 @@ void Engine::decimated_kernel(const RowJob& job, Scratch& s) const {
   }
 }
 
-Complex Engine::interpolate(const std::vector<Complex>& grid, std::int64_t first,
-                            std::int64_t p) const {
+Complex PowerPass::interpolate(const std::vector<Complex>& grid, std::int64_t first,
+                               std::int64_t p) const {
   const std::int64_t a = floor_div(p, step_);
   const std::int64_t phase = p - a * step_;
   const double* wts = interp_.data() + phase * taps_;
@@ -416,7 +416,7 @@ Complex Engine::interpolate(const std::vector<Complex>& grid, std::int64_t first
   return {re0 + re1, im0 + im1};
 }
 
-void Engine::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
+void PowerPass::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
   decimated_kernel(job, s);
   const Segment& seg = segments_.at(job.length);
   const auto n = static_cast<std::int64_t>(job.length);
@@ -450,7 +450,7 @@ void Engine::do_row(const RowJob& job, Scratch& s, WaveletPower& out) const {
   }
 }
 
-WaveletPower Engine::run() {
+WaveletPower PowerPass::run() {
   WaveletPower out;
   out.matrices.resize(request_.widths.size());
   for (TfrMatrix& m : out.matrices) {
@@ -546,9 +546,9 @@ std::vector<std::complex<double>> morlet_wavelet(double freq, double cycles, dou
 WaveletPower wavelet_power(const std::vector<double>& extended, std::size_t offset,
                            std::size_t length, const TfrRequest& request) {
   if (!valid(extended, offset, length, request)) return {};
-  Engine engine(extended, offset, length, request);
-  if (!engine.prepare()) return {};
-  return engine.run();
+  PowerPass pass(extended, offset, length, request);
+  if (!pass.prepare()) return {};
+  return pass.run();
 }
 
 }  // namespace cvn
