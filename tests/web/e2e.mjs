@@ -83,6 +83,23 @@ const countInk = (page, sel, kind, fromX = 0) => page.$eval(sel, (c, [kind, from
 
 const ballScale = (page) => page.$eval('#ball', (b) => parseFloat(/scale\(([\d.]+)\)/.exec(b.style.transform)?.[1] ?? 'NaN'));
 
+// "Compute TFR" ends with both heat-maps shown: 1200 columns at most, one
+// pixel row per frequency (320).
+async function computeTfr(page) {
+  await page.click('#tfrBtn');
+  await page.waitForFunction(() => !document.getElementById('tfrFigs').hidden ||
+    document.getElementById('tfrNote').textContent.startsWith('Could not compute TFR: '), null, { timeout: 30000 });
+  assert.equal(await page.isHidden('#tfrFigs'), false, await text(page, '#tfrNote'));
+  assert.deepEqual(await page.$$eval('#tfrFigs figcaption', (f) => f.map((e) => e.textContent)),
+    ['High frequency resolution (n = 10)', 'High time resolution (n = 3)']);
+  for (const id of ['#tfr10', '#tfr3']) {
+    await page.waitForFunction((s) => document.querySelector(s).naturalWidth > 0, id);
+    const [w, h] = await page.$eval(id, (i) => [i.naturalWidth, i.naturalHeight]);
+    assert.ok(w > 100 && w <= 1200, `${id} is ${w} pixels wide`);
+    assert.equal(h, 320);
+  }
+}
+
 async function startReplay(page, file, { name = '', sex = 'M', age = '40' } = {}) {
   await page.fill('#name', name);
   await page.selectOption('#sex', sex);
@@ -191,20 +208,7 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   assert.ok(Math.abs(Number(calls('/seek')[0].searchParams.get('frac')) - 0.5) < 0.05);
   await page.waitForFunction(() => parseInt(document.getElementById('pacerCycle').textContent.replace('Cycle ', ''), 10) >= 8);
 
-  await page.click('#tfrBtn');
-  await page.waitForFunction(() => !document.getElementById('tfrFigs').hidden ||
-    document.getElementById('tfrNote').textContent.startsWith('Could not compute TFR: '), null, { timeout: 30000 });
-  const tfr = await (await page.request.get(BASE + 'tfr_status')).json();
-  if (tfr.status === 'done') {
-    assert.deepEqual(await page.$$eval('#tfrFigs figcaption', (f) => f.map((e) => e.textContent)),
-      ['High frequency resolution (n = 10)', 'High time resolution (n = 3)']);
-    for (const id of ['#tfr10', '#tfr3']) {
-      await page.waitForFunction((s) => document.querySelector(s).naturalWidth > 0, id);
-    }
-  } else {
-    assert.equal(tfr.status, 'error');
-    assert.equal(await text(page, '#tfrNote'), 'Could not compute TFR: ' + tfr.error);
-  }
+  await computeTfr(page);
 
   await page.click('#stopBtn');
   await waitText(page, '#runState', /^Stopped$/);
@@ -340,7 +344,7 @@ test('import, batch and export flows against answers shaped like the later route
   await done();
 });
 
-test('live from the simulated strap: scan, pick, record, mark, new session', { skip: !STRAP && 'CVN_STRAP_URL not set' }, async () => {
+test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new session', { skip: !STRAP && 'CVN_STRAP_URL not set' }, async () => {
   const { page, calls, done } = await openPage(1280, 800, () => false, STRAP);
   await page.waitForFunction(() => !document.getElementById('scanBtn').disabled);
   await page.click('#scanBtn');
@@ -351,11 +355,12 @@ test('live from the simulated strap: scan, pick, record, mark, new session', { s
   assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['Polar H10 SIM00001 — A0:9E:1A:00:00:01']);
 
   await page.fill('#name', 'LIVE01');
+  await page.click('.chip >> text=10 s cycle');
   await page.click('#startBtn');
   await page.waitForSelector('#live', { state: 'visible' });
   const start = calls('/start_live')[0].searchParams;
   assert.deepEqual([start.get('address'), start.get('device'), start.get('name'), start.get('indur'), start.get('outdur')],
-    ['A0:9E:1A:00:00:01', 'Polar H10 SIM00001', 'LIVE01', '5', '11']);
+    ['A0:9E:1A:00:00:01', 'Polar H10 SIM00001', 'LIVE01', '2', '8']);
   await waitText(page, '#liveTitle', /./);
   assert.equal(await text(page, '#liveTitle'), 'Live recording · LIVE01');
   assert.equal(await page.isDisabled('#scrubber'), true);
@@ -367,9 +372,15 @@ test('live from the simulated strap: scan, pick, record, mark, new session', { s
   await page.waitForSelector('#markerLine .mk');
   assert.match(await text(page, '#markerLine .mk'), /^5\d+\.\d s$/);
 
+  // One whole 10 s cycle recorded live is enough for the time-frequency maps.
+  await page.waitForFunction(() => parseFloat(document.getElementById('elapsedVal').textContent) >= 11, null, { timeout: 20000 });
+  await page.click('#stopBtn');
+  await waitText(page, '#runState', /^Stopped$/);
+  await computeTfr(page);
+
   await page.click('#newBtn');
   await page.waitForSelector('#setup', { state: 'visible' });
-  assert.equal(calls('/stop').length, 1);
+  assert.equal(calls('/stop').length, 2);
   const status = await (await page.request.get(STRAP + 'status')).json();
   assert.equal(status.running, false);
   await done();
