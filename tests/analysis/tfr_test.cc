@@ -202,9 +202,6 @@ void expect_matches_full_resolution(std::size_t samples, double cycle_seconds,
 
 TEST(Tfr, DecimatedRouteMatchesFullResolution) {
   expect_matches_full_resolution(120 * 130, 10.0, 1e-4);
-}
-
-TEST(Tfr, DecimatedRouteMatchesFullResolutionWithAOneSampleLastCycle) {
   // b_K one sample before the end: the back extension is 50 samples long.
   expect_matches_full_resolution(12 * 1300 + 1, 10.0, 2e-4);
 }
@@ -213,6 +210,24 @@ TEST(Tfr, DecimatedRouteMatchesFullResolutionWithAOneSampleLastCycle) {
 std::array<int, 3> pixel(const RgbImage& image, int x, int y) {
   const std::size_t i = (static_cast<std::size_t>(y) * image.width + x) * 3;
   return {image.rgb[i], image.rgb[i + 1], image.rgb[i + 2]};
+}
+
+// The picture render_heatmap draws from a full-resolution matrix.
+RgbImage full_picture(const std::vector<float>& power, std::size_t rows, std::size_t cols,
+                      const HeatmapScale& scale, int expected_row, double cycle, bool blend) {
+  HeatmapParams p;
+  p.power = power;
+  p.rows = rows;
+  p.cols = cols;
+  p.centre = scale.centre;
+  p.half_range = scale.half_range;
+  p.expected_row = expected_row;
+  p.sex = 'F';
+  p.age = 30;
+  p.cycle_seconds = cycle;
+  p.sampling_rate = kRate;
+  p.blend = blend;
+  return render_heatmap(p);
 }
 
 // The maps keep only the columns a picture shows; drawn through render_tfr they must give the
@@ -256,19 +271,7 @@ TEST(TfrImage, MatchesTheFullResolutionPicture) {
 
     for (const bool blend : {false, true}) {
       const RgbImage got = render_tfr(picked, which, 'F', 30, blend);
-      HeatmapParams p;
-      p.power = full;
-      p.rows = rows.size();
-      p.cols = samples;
-      p.centre = scale.centre;
-      p.half_range = scale.half_range;
-      p.expected_row = expected;
-      p.sex = 'F';
-      p.age = 30;
-      p.cycle_seconds = cycle;
-      p.sampling_rate = kRate;
-      p.blend = blend;
-      const RgbImage want = render_heatmap(p);
+      const RgbImage want = full_picture(full, rows.size(), samples, scale, expected, cycle, blend);
       ASSERT_EQ(got.width, want.width);
       ASSERT_EQ(got.height, want.height);
       const double level = reference_level('F', 30);
@@ -313,17 +316,8 @@ TEST(TfrImage, CycleLinesLandWhereTheFullResolutionPictureHasThem) {
     a.stats.scale3 = {1e6, 1e5};
     const RgbImage got = render_tfr(a, TfrWidth::kNarrow, 'M', 40, false);
 
-    const std::vector<float> full(c.samples, 1e6f);
-    HeatmapParams p;
-    p.power = full;
-    p.rows = 1;
-    p.cols = c.samples;
-    p.centre = 1e6;
-    p.half_range = 1e5;
-    p.expected_row = -10;
-    p.cycle_seconds = c.cycle;
-    p.sampling_rate = kRate;
-    const RgbImage want = render_heatmap(p);
+    const RgbImage want = full_picture(std::vector<float>(c.samples, 1e6f), 1, c.samples,
+                                       a.stats.scale3, -10, c.cycle, false);
     ASSERT_EQ(got.rgb.size(), want.rgb.size());
     EXPECT_EQ(got.rgb, want.rgb) << c.samples << " samples, cycle " << c.cycle;
   }
