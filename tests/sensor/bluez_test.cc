@@ -253,7 +253,7 @@ TEST_F(BluezTest, AdapterMissingSwitchedOffOrUnreachable) {
   check(true, "no bus");
 }
 
-TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrder) {
+TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) {
   ASSERT_NO_FATAL_FAILURE(start_fake({"--frame-ms", "2"}));
   const std::vector<double> want = recorded();
   ASSERT_GT(want.size(), 10000u);
@@ -277,6 +277,34 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrder) {
         "WriteValue " + control + " 0200000182000101" + "0e00 type=request",
         "StopNotify " + data_char, "StopNotify " + control, "Disconnect " + std::string(kStrap)})
     EXPECT_EQ(count_lines(calls, line), 1) << line << "\n" << calls;
+
+  // The log tells the story of the session.
+  std::vector<std::string> lines = lines_of(test::slurp(log_path()));
+  const std::regex line_form(R"(\d\d:\d\d:\d\d  \[BLE\] \S.*)");
+  for (const auto& line : lines) EXPECT_TRUE(std::regex_match(line, line_form)) << line;
+  // Each step once, in this order.
+  const std::vector<std::string> story = {
+      "connect F0:13:C3:AB:CD:12",
+      "BlueZ: device /org/bluez/hci0/dev_F0_13_C3_AB_CD_12",
+      "GattSession: MaintainConnection=true",
+      "PMD discovery attempt 1: Success, 1 svc, conn=1",
+      "settings response received",
+      "ECG start command sent",
+      "stop() enter",
+      "BlueZ: disconnecting",
+  };
+  std::size_t at = 0;
+  for (const auto& step : story) {
+    auto is_step = [&](const std::string& l) { return l.size() > 16 && l.substr(16) == step; };
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_step), 1) << step;
+    auto it = std::find_if(lines.begin() + std::min(at, lines.size()), lines.end(), is_step);
+    EXPECT_NE(it, lines.end()) << step << " is out of order";
+    at = it - lines.begin();
+  }
+  for (const auto& line : lines) {
+    EXPECT_FALSE(contains(line, "exception")) << line;
+    EXPECT_FALSE(contains(line, "failed")) << line;
+  }
 }
 
 TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {
@@ -322,11 +350,9 @@ TEST_F(BluezTest, DeviceWithoutThePmdServiceFailsAfterFourAttempts) {
   const std::string failure =
       "Could not reach the Polar ECG service (Success). Moisten the strap, keep it close, and in "
       "Windows Bluetooth settings pair the H10, then try again.";
+  // The status sequence is PolarBle's own (checked in polar_ble_test); here the reason
+  // in the failure and the log's counts come from BlueZ.
   ASSERT_TRUE(sink_.wait_for(failure));
-  EXPECT_EQ(sink_.status_list(),
-            (std::vector<std::string>{"Connecting…", "Connecting… (attempt 2 of 4)",
-                                      "Connecting… (attempt 3 of 4)",
-                                      "Connecting… (attempt 4 of 4)", failure}));
   std::string log = test::slurp(log_path());
   for (int n = 1; n <= 4; ++n)
     EXPECT_TRUE(contains(
@@ -375,42 +401,6 @@ TEST_F(BluezTest, StopWhileConnectingIsHarmlessAndTheNextSessionStreams) {
   want.resize(delivered);
   std::lock_guard<std::mutex> g(second.mu);
   EXPECT_EQ(second.samples, want);
-}
-
-TEST_F(BluezTest, TheLogTellsTheStoryOfASession) {
-  ASSERT_NO_FATAL_FAILURE(start_fake({"--frame-ms", "5"}));
-  PolarBle ble(make_platform_backend(), quick());
-  ble.connectAndStream(kStrap, sink_.samples_cb(), sink_.status_cb());
-  ASSERT_TRUE(sink_.wait_for("Streaming ECG…"));
-  ASSERT_TRUE(wait_until([&] { return sink_.sample_count() >= kFrameSamples; }, 5s));
-  ble.stop();
-
-  std::vector<std::string> lines = lines_of(test::slurp(log_path()));
-  const std::regex line_form(R"(\d\d:\d\d:\d\d  \[BLE\] \S.*)");
-  for (const auto& line : lines) EXPECT_TRUE(std::regex_match(line, line_form)) << line;
-  // Each step once, in this order.
-  const std::vector<std::string> story = {
-      "connect F0:13:C3:AB:CD:12",
-      "BlueZ: device /org/bluez/hci0/dev_F0_13_C3_AB_CD_12",
-      "GattSession: MaintainConnection=true",
-      "PMD discovery attempt 1: Success, 1 svc, conn=1",
-      "settings response received",
-      "ECG start command sent",
-      "stop() enter",
-      "BlueZ: disconnecting",
-  };
-  std::size_t at = 0;
-  for (const auto& step : story) {
-    auto is_step = [&](const std::string& l) { return l.size() > 16 && l.substr(16) == step; };
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_step), 1) << step;
-    auto it = std::find_if(lines.begin() + std::min(at, lines.size()), lines.end(), is_step);
-    EXPECT_NE(it, lines.end()) << step << " is out of order";
-    at = it - lines.begin();
-  }
-  for (const auto& line : lines) {
-    EXPECT_FALSE(contains(line, "exception")) << line;
-    EXPECT_FALSE(contains(line, "failed")) << line;
-  }
 }
 
 }  // namespace
