@@ -67,12 +67,8 @@ TEST(Heatmap, ColourScaleAndRowOrder) {
 
 TEST(Heatmap, WideMatricesAreSampledNotAveraged) {
   // {columns, stride}; stride 0: columns not a multiple of the width.
-  for (const auto& [cols, stride] : {std::pair<std::size_t, std::size_t>{1000, 1},
-                                    {1201, 0},
-                                    {2400, 2},
-                                    {3600, 3},
-                                    {234000, 195},
-                                    {470011, 0}}) {
+  for (const auto& [cols, stride] :
+       {std::pair<std::size_t, std::size_t>{1000, 1}, {1201, 0}, {2400, 2}, {470011, 0}}) {
     std::mt19937 rng(static_cast<std::uint32_t>(cols));
     std::vector<float> v(cols);
     for (auto& x : v) x = rng() % 2 ? kLo + 1600 : kLo;  // neighbours differ half the time
