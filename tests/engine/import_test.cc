@@ -29,10 +29,7 @@ TEST(Resample, LinearInterpolationTo130PerSecond) {
   const std::vector<double> fast = resample(ramp(1000), 1000);
   ASSERT_EQ(fast.size(), 130u);
   EXPECT_NEAR(fast[1], 1000.0 / 130, 1e-12);
-}
-
-TEST(Resample, CountRoundsHalvesAwayFromZero) {
-  EXPECT_EQ(resample(ramp(5), 260).size(), 3u);  // 2.5 samples
+  EXPECT_EQ(resample(ramp(5), 260).size(), 3u);  // 2.5 samples: halves round away from zero
 }
 
 TEST(Resample, LeavesTheInputAloneWhenThereIsNothingToDo) {
