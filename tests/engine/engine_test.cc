@@ -13,6 +13,7 @@
 #include "assets/assets.h"
 #include "sensor/ble_manager.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 
@@ -45,6 +46,7 @@ using test::slurp;
 using test::spit;
 using test::TempDir;
 using A = EngineTestAccess;
+using test::wait_until;
 
 // A value out of the snapshot by key: the raw JSON token that follows it.
 std::string field(const std::string& json, const std::string& key) {
@@ -72,15 +74,6 @@ std::string field(const std::string& json, const std::string& key) {
     }
   }
   return json.substr(at, end - at);
-}
-
-bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  auto until = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
 }
 
 class EngineTest : public testing::Test {

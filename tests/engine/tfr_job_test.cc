@@ -19,20 +19,13 @@
 #include "engine/engine.h"
 #include "engine/recording.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 namespace {
 
 using namespace std::chrono_literals;
-
-bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  const auto until = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
+using test::wait_until;
 
 // Standard base64 with padding; empty on any stray character.
 std::string base64_decode(std::string_view text) {

@@ -25,9 +25,13 @@
 #include "tests/support/golden_file.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 namespace {
+
+using test::Sink;
+using test::wait_until;
 
 using namespace std::chrono_literals;
 
@@ -46,15 +50,6 @@ BleTimings quick() {
   t.settings_poll = 10ms;
   t.before_start = 10ms;
   return t;
-}
-
-bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  auto until = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -94,42 +89,6 @@ std::string python_with_dbus() {
   }
   return {};
 }
-
-// What reaches the callbacks.
-struct Sink {
-  std::mutex mu;
-  std::vector<std::string> statuses;
-  std::vector<double> samples;
-
-  SamplesCallback samples_cb() {
-    return [this](const std::vector<double>& b) {
-      std::lock_guard<std::mutex> g(mu);
-      samples.insert(samples.end(), b.begin(), b.end());
-    };
-  }
-  StatusCallback status_cb() {
-    return [this](const std::string& s) {
-      std::lock_guard<std::mutex> g(mu);
-      statuses.push_back(s);
-    };
-  }
-  std::vector<std::string> status_list() {
-    std::lock_guard<std::mutex> g(mu);
-    return statuses;
-  }
-  std::size_t sample_count() {
-    std::lock_guard<std::mutex> g(mu);
-    return samples.size();
-  }
-  bool wait_for(const std::string& status, std::chrono::milliseconds limit = 10s) {
-    return wait_until(
-        [&] {
-          std::lock_guard<std::mutex> g(mu);
-          return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
-        },
-        limit);
-  }
-};
 
 class BluezTest : public testing::Test {
  protected:

@@ -19,12 +19,14 @@
 #include "sensor/pmd.h"
 #include "sensor/simulated_strap.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 namespace {
 
 using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
+using test::Sink;
 
 // What the fake stack does; tests change it before connecting.
 struct Script {
@@ -121,41 +123,6 @@ BleTimings quick() {
   t.before_start = 1ms;
   return t;
 }
-
-// Collects what reaches the callbacks.
-struct Sink {
-  std::mutex mu;
-  std::vector<std::string> statuses;
-  std::vector<double> samples;
-  SamplesCallback samples_cb() {
-    return [this](const std::vector<double>& b) {
-      std::lock_guard<std::mutex> g(mu);
-      samples.insert(samples.end(), b.begin(), b.end());
-    };
-  }
-  StatusCallback status_cb() {
-    return [this](const std::string& s) {
-      std::lock_guard<std::mutex> g(mu);
-      statuses.push_back(s);
-    };
-  }
-  std::string last() {
-    std::lock_guard<std::mutex> g(mu);
-    return statuses.empty() ? "" : statuses.back();
-  }
-  bool wait_for(const std::string& status, std::chrono::milliseconds limit = 3s) {
-    auto until = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < until) {
-      {
-        std::lock_guard<std::mutex> g(mu);
-        for (const auto& s : statuses)
-          if (s == status) return true;
-      }
-      std::this_thread::sleep_for(2ms);
-    }
-    return false;
-  }
-};
 
 class PolarBleTest : public testing::Test {
  protected:
