@@ -140,52 +140,38 @@ Value read_variant(sd_bus_message* m) {
   return std::monostate{};
 }
 
+// A D-Bus dictionary a{<key><value>} into a map: `entry` is the signature
+// of one entry without braces, `read_value` reads its value.
+template <typename Map, typename ReadValue>
+Map read_dict(sd_bus_message* m, char key_type, const char* entry, ReadValue read_value) {
+  const std::string array = std::string("{") + entry + "}";
+  Map out;
+  check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, array.c_str()), "enter dictionary");
+  int r;
+  while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, entry)) > 0) {
+    const char* key = nullptr;
+    check(sd_bus_message_read_basic(m, key_type, &key), "read key");
+    out[key] = read_value(m);
+    check(sd_bus_message_exit_container(m), "exit entry");
+  }
+  check(r, "enter entry");
+  check(sd_bus_message_exit_container(m), "exit dictionary");
+  return out;
+}
+
 // a{sv}
 Props read_props(sd_bus_message* m) {
-  Props props;
-  check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}"), "enter a{sv}");
-  int r;
-  while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
-    const char* key = nullptr;
-    check(sd_bus_message_read_basic(m, 's', &key), "read key");
-    props[key] = read_variant(m);
-    check(sd_bus_message_exit_container(m), "exit {sv}");
-  }
-  check(r, "enter {sv}");
-  check(sd_bus_message_exit_container(m), "exit a{sv}");
-  return props;
+  return read_dict<Props>(m, 's', "sv", read_variant);
 }
 
 // a{sa{sv}}
 Interfaces read_interfaces(sd_bus_message* m) {
-  Interfaces interfaces;
-  check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sa{sv}}"), "enter a{sa{sv}}");
-  int r;
-  while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}")) > 0) {
-    const char* name = nullptr;
-    check(sd_bus_message_read_basic(m, 's', &name), "read interface");
-    interfaces[name] = read_props(m);
-    check(sd_bus_message_exit_container(m), "exit {sa{sv}}");
-  }
-  check(r, "enter {sa{sv}}");
-  check(sd_bus_message_exit_container(m), "exit a{sa{sv}}");
-  return interfaces;
+  return read_dict<Interfaces>(m, 's', "sa{sv}", read_props);
 }
 
 // a{oa{sa{sv}}}, the answer of GetManagedObjects
 Objects read_objects(sd_bus_message* m) {
-  Objects objects;
-  check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}"), "enter objects");
-  int r;
-  while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}")) > 0) {
-    const char* path = nullptr;
-    check(sd_bus_message_read_basic(m, 'o', &path), "read path");
-    objects[path] = read_interfaces(m);
-    check(sd_bus_message_exit_container(m), "exit object");
-  }
-  check(r, "enter object");
-  check(sd_bus_message_exit_container(m), "exit objects");
-  return objects;
+  return read_dict<Objects>(m, 'o', "oa{sa{sv}}", read_interfaces);
 }
 
 const std::string* text(const Props& p, const char* key) {
