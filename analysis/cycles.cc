@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include "analysis/heart_rate.h"
 #include "analysis/numeric.h"
 #include "analysis/peaks.h"
 
@@ -80,10 +81,7 @@ std::vector<double> heart_rate_signal(const std::vector<double>& rr, std::size_t
   const std::size_t n = sample_count;
 
   // Rate of each stretch: before the first beat, between beats, after the last beat.
-  std::vector<double> rate(rr.size() + 1);
-  for (std::size_t i = 0; i < rr.size(); ++i) rate[i] = 60.0 / rr[i];
-  const std::size_t last = rr.size() - 1;
-  rate[rr.size()] = rr.size() >= 2 ? rate[last] + (rate[last] - rate[last - 1]) : rate[last];
+  const std::vector<double> rate = beat_rates(rr);
   // Stretch s starts at sample start[s]; the beat positions are running sums in samples.
   std::vector<std::size_t> start(rate.size(), 0);
   double position = 0.0;

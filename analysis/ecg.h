@@ -19,6 +19,10 @@ inline constexpr int kMaxHeartRate = 300;
 std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_rate,
                                   int max_heart_rate);
 
+/// Cleaned RR intervals in seconds (clean_rr of the intervals between
+/// consecutive peaks). Empty for fewer than two peaks.
+std::vector<double> rr_from_peaks(const std::vector<int32_t>& peaks, double sample_rate);
+
 /// Cleaned RR intervals in seconds (clean_rr of the R-peak intervals), one
 /// fewer than the R-peaks. Empty when fewer than two R-peaks were found.
 std::vector<double> analyze_ecg(const std::vector<double>& ecg, double sample_rate,

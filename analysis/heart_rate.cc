@@ -81,16 +81,21 @@ std::vector<double> time_grid(std::size_t sample_count, double sample_rate, doub
   return grid;
 }
 
+std::vector<double> beat_rates(const std::vector<double>& rr) {
+  if (rr.empty()) return {};
+  std::vector<double> rate(rr.size() + 1);
+  for (std::size_t k = 0; k < rr.size(); ++k) rate[k] = 60.0 / rr[k];
+  const std::size_t last = rr.size() - 1;
+  rate[rr.size()] = rr.size() >= 2 ? rate[last] + (rate[last] - rate[last - 1]) : rate[last];
+  return rate;
+}
+
 std::vector<double> regular_hr(const std::vector<double>& rr, std::size_t sample_count,
                                double sample_rate) {
   if (rr.empty()) return {};
   const std::size_t beats = rr.size() + 1;
 
-  // Every beat time needs a rate, so one extrapolated rate is appended.
-  std::vector<double> rate(beats);
-  for (std::size_t k = 0; k < rr.size(); ++k) rate[k] = 60.0 / rr[k];
-  rate[beats - 1] =
-      rr.size() >= 2 ? rate[beats - 2] + (rate[beats - 2] - rate[beats - 3]) : rate[beats - 2];
+  const std::vector<double> rate = beat_rates(rr);
   std::vector<double> beat_time(beats);
   beat_time[0] = 0.0;
   for (std::size_t k = 0; k < rr.size(); ++k) beat_time[k + 1] = beat_time[k] + rr[k];

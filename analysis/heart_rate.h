@@ -17,6 +17,11 @@ inline constexpr double kHrGridStep = 0.1;
 /// Empty when the rate or step is not positive and finite.
 std::vector<double> time_grid(std::size_t sample_count, double sample_rate, double step);
 
+/// 60 / RR for every interval, plus one rate a linear step beyond the last
+/// (or a repeat of it for a single interval), so that every beat, the last
+/// one included, has a rate. Empty when `rr` is empty.
+std::vector<double> beat_rates(const std::vector<double>& rr);
+
 /// Heart rate in beats per minute (60 / RR) on the kHrGridStep grid of
 /// time_grid: interpolated between beat times (the first beat at 0 s),
 /// smoothed by an 8-point Hann window over a mirror-extended series, and

@@ -17,6 +17,10 @@ double population_std(const std::vector<double>& values);
 /// empty series or when any value is NaN.
 double median(const std::vector<double>& values);
 
+/// Scales a median absolute deviation to the standard deviation of a normal
+/// distribution, for robust outlier scores |kMadToSd (x - median) / MAD|.
+inline constexpr double kMadToSd = 0.6745;
+
 /// Replaces NaN entries in place by linear interpolation (over the index)
 /// between the nearest non-NaN neighbours. Leading NaNs take the first valid
 /// value, trailing NaNs the last; a series without any valid value is left

@@ -22,10 +22,8 @@ constexpr double kAbsoluteThresholdSd = 4.0;
 // The absolute threshold is trusted when it finds at least one beat per 3 s
 // (20 bpm); otherwise the recording is too noisy or too weak for it.
 constexpr double kMinSecondsPerBeat = 3.0;
-// Robust outlier score: 0.6745 scales a median absolute deviation to the
-// SD of a normal distribution. R waves are outliers of the prominence
+// Robust outlier score (kMadToSd): R waves are outliers of the prominence
 // distribution (above 3); beyond 7 a candidate is an artefact, not a beat.
-constexpr double kMadToSd = 0.6745;
 constexpr double kMinRobustScore = 3.0;
 constexpr double kMaxRobustScore = 7.0;
 // Amplitude screen on the kept peaks, in SD of their heights. The lower

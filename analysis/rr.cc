@@ -13,7 +13,6 @@ namespace {
 // taken over these only so that missed or extra beats do not skew them.
 constexpr double kMinPlausibleRr = 0.2;
 constexpr double kMaxPlausibleRr = 2.0;
-constexpr double kMadToSd = 0.6745;
 // A steady rhythm (variance at most 0.01 s^2, SD 100 ms) gets the wider
 // limit: its MAD is small, and ordinary variation would otherwise score high.
 constexpr double kSteadyVariance = 0.01;

@@ -5,7 +5,6 @@
 #include "analysis/ecg.h"
 #include "analysis/heart_rate.h"
 #include "analysis/live_score.h"
-#include "analysis/rr.h"
 
 namespace cvn {
 
@@ -13,16 +12,13 @@ LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_secon
   LiveAnalysis a;
   a.hr = std::nan("");
   a.cvn = std::nan("");
-  // The same chain as analyze_ecg, keeping the peaks it finds on the way.
+  // analyze_ecg in its two steps, keeping the peaks found on the way.
   a.peaks = find_r_peaks(samples, kEcgSampleRate, kMaxHeartRate);
-  if (a.peaks.size() < 2) {
+  const std::vector<double> rr = rr_from_peaks(a.peaks, kEcgSampleRate);
+  if (rr.empty()) {
     a.peaks.clear();
     return a;
   }
-  std::vector<double> rr(a.peaks.size() - 1);
-  for (std::size_t i = 1; i < a.peaks.size(); ++i)
-    rr[i - 1] = (a.peaks[i] - a.peaks[i - 1]) / kEcgSampleRate;
-  rr = clean_rr(rr);
   a.rr_count = static_cast<std::int32_t>(rr.size());
 
   std::vector<double> hr = regular_hr(rr, samples.size(), kEcgSampleRate);
