@@ -63,6 +63,10 @@ double number_param(const Params& p, const std::string& key, double fallback) {
   return end == text.c_str() ? fallback : v;
 }
 
+double breathing_period(double seconds) {
+  return round_to(std::max(seconds, kMinPeriod), 2);
+}
+
 Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble)
     : data_folder_(std::move(data_folder)),
       ble_(std::move(ble)),
@@ -77,8 +81,8 @@ Engine::~Engine() {
 
 void Engine::set_parameters(const Params& p) {
   if (auto it = p.find("name"); it != p.end()) name_id_ = it->second;
-  indur_ = round_to(std::max(number_param(p, "indur", 5.0), kMinPeriod), 2);
-  outdur_ = round_to(std::max(number_param(p, "outdur", 11.0), kMinPeriod), 2);
+  indur_ = breathing_period(number_param(p, "indur", 5.0));
+  outdur_ = breathing_period(number_param(p, "outdur", 11.0));
   cycle_seconds_ = round_to(outdur_ + indur_, 2);
   auto sex = p.find("sex");
   sex_ =

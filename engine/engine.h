@@ -29,6 +29,10 @@ using Params = std::map<std::string, std::string>;
 /// decimal comma is accepted ("5,5" is 5.5).
 double number_param(const Params& p, const std::string& key, double fallback);
 
+/// A breathing period as sessions keep it: at least 0.05 s, rounded to two
+/// decimals (halves away from zero).
+double breathing_period(double seconds);
+
 /// Target number of breathing cycles of a session (progress bar, "frac").
 inline constexpr int kCyclesTarget = 16;
 

@@ -2,11 +2,12 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 
 namespace cvn {
 
-void append_json_text(std::string& out, std::string_view s) {
+std::string json_text(std::string_view s) {
+  std::string out;
+  out.reserve(s.size() + 2);
   out.push_back('"');
   for (char c : s) {
     if (c == '"' || c == '\\') {
@@ -19,12 +20,6 @@ void append_json_text(std::string& out, std::string_view s) {
     }
   }
   out.push_back('"');
-}
-
-std::string json_text(std::string_view s) {
-  std::string out;
-  out.reserve(s.size() + 2);
-  append_json_text(out, s);
   return out;
 }
 
@@ -45,19 +40,6 @@ std::string json_number(double v) {
   std::string out;
   append_json_number(out, v);
   return out;
-}
-
-std::string json_int(long long v) {
-  return std::to_string(v);
-}
-
-std::string fixed_decimals(double v, int decimals) {
-  char buf[64];
-  if (decimals <= 0)
-    std::snprintf(buf, sizeof buf, "%.0f", v);
-  else
-    std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
-  return buf;
 }
 
 double round_to(double v, int decimals) {

@@ -15,14 +15,8 @@ std::string json_text(std::string_view s);
 /// 1.23457e+06); "null" when not finite.
 std::string json_number(double v);
 
-std::string json_int(long long v);
-
-/// Appending forms of the writers above, for large arrays built in place.
+/// json_number appended in place, for large arrays.
 void append_json_number(std::string& out, double v);
-void append_json_text(std::string& out, std::string_view s);
-
-/// "%.*f" with `decimals` decimals (used by the export and report writers).
-std::string fixed_decimals(double v, int decimals);
 
 /// round(v * 10^n) / 10^n, halves away from zero.
 double round_to(double v, int decimals);

@@ -7,8 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -18,6 +17,8 @@
 #include "analysis/ecg.h"
 #include "analysis/heart_rate.h"
 #include "analysis/png.h"
+#include "app/file_util.h"
+#include "engine/engine.h"
 #include "engine/import.h"
 #include "engine/recording.h"
 #include "server/json.h"
@@ -34,9 +35,6 @@ constexpr int kExitNotAnalysable = 1;  // too short, no beats
 constexpr int kExitUsage = 2;
 constexpr int kExitIo = 3;
 
-// Session parameter rules: periods of at least 0.05 s, kept to 2 decimals.
-constexpr double kMinPeriod = 0.05;
-constexpr int kPeriodDecimals = 2;
 constexpr double kDefaultInhale = 5.0;
 constexpr double kDefaultExhale = 11.0;
 constexpr int kDefaultAge = 40;
@@ -85,10 +83,6 @@ bool parse_number(std::string text, double& value) {
   errno = 0;
   value = std::strtod(text.c_str(), &end);
   return end == text.c_str() + text.size() && errno == 0 && std::isfinite(value);
-}
-
-double period(double seconds) {
-  return round_to(std::max(seconds, kMinPeriod), kPeriodDecimals);
 }
 
 // Returns an exit code when the command line is not usable, -1 otherwise.
@@ -140,38 +134,23 @@ int parse_options(int argc, char** argv, Options& o) {
     }
   }
   if (o.file.empty()) return fail(kExitUsage, "no FILE given");
-  o.indur = period(o.indur);
-  o.outdur = period(o.outdur);
+  o.indur = breathing_period(o.indur);
+  o.outdur = breathing_period(o.outdur);
   if (!std::isfinite(o.indur + o.outdur)) return fail(kExitUsage, "breathing periods too long");
   return -1;
 }
 
-bool read_file(const std::string& path, std::string& text, std::string& error) {
+// The whole file, or a message naming why it cannot be had.
+std::optional<std::string> read_input(const std::string& path, std::string& error) {
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) {
     error = "cannot read " + path + ": it is a folder";
-    return false;
+    return std::nullopt;
   }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error = "cannot open " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  if (in.bad()) {
-    error = "cannot read " + path;
-    return false;
-  }
-  text = std::move(buffer).str();
-  return true;
-}
-
-bool write_file(const std::string& path, const std::vector<std::uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-  return static_cast<bool>(out.flush());
+  errno = 0;
+  std::optional<std::string> text = cvn::read_file(path);
+  if (!text) error = "cannot open " + path + ": " + std::strerror(errno);
+  return text;
 }
 
 // JSON numbers with every digit a double holds; NaN and infinities are null.
@@ -213,14 +192,17 @@ class Stopwatch {
 int main(int argc, char** argv) {
   Options o;
   if (const int code = parse_options(argc, argv, o); code >= 0) return code;
-  const double cycle = round_to(o.indur + o.outdur, kPeriodDecimals);
+  const double cycle = round_to(o.indur + o.outdur, 2);
 
   std::vector<std::pair<std::string, double>> timings;
   Stopwatch total, watch;
-  std::string text, error;
-  if (!read_file(o.file, text, error)) return fail(kExitIo, error);
-  std::vector<double> samples = read_recording(text);
-  text = std::string();
+  std::vector<double> samples;
+  {
+    std::string error;
+    std::optional<std::string> text = read_input(o.file, error);
+    if (!text) return fail(kExitIo, error);
+    samples = read_recording(*text);
+  }
   timings.emplace_back("read", watch.lap());
   if (o.fs > 0) {
     samples = resample(samples, o.fs);
@@ -260,7 +242,9 @@ int main(int argc, char** argv) {
     for (const auto& [name, bytes] :
          {std::pair{"tfr3.png", &png3}, std::pair{"tfr10.png", &png10}}) {
       const std::string path = o.png_dir + "/" + name;
-      if (bytes->empty() || !write_file(path, *bytes)) return fail(kExitIo, "cannot write " + path);
+      const std::string_view data(reinterpret_cast<const char*>(bytes->data()), bytes->size());
+      if (bytes->empty() || !cvn::write_file(path, data))
+        return fail(kExitIo, "cannot write " + path);
     }
     timings.emplace_back("write_png", watch.lap());
   }
@@ -310,8 +294,10 @@ int main(int argc, char** argv) {
     append_number(j, v);
   }
   j += "},\"scale\":{";
+  bool first = true;
   for (const auto& [key, s] : {std::pair{"tfr3", st.scale3}, {"tfr10", st.scale10}}) {
-    if (key[3] == '1') j += ',';
+    if (!first) j += ',';
+    first = false;
     j += "\"";
     j += key;
     j += "\":{\"centre\":";

@@ -39,9 +39,7 @@ TEST(JsonText, EscapesOnlyQuoteBackslashAndLineFeed) {
   EXPECT_EQ(json_text(""), "\"\"");
 }
 
-TEST(FixedDecimals, RoundingHelpers) {
-  EXPECT_EQ(fixed_decimals(2.0, 3), "2.000");
-  EXPECT_EQ(fixed_decimals(2.5, 0), "2");  // printf's own rounding
+TEST(RoundTo, HalvesAwayFromZero) {
   EXPECT_EQ(round_to(71.96, 1), 72.0);
   EXPECT_EQ(round_to(0.12345, 3), 0.123);
   EXPECT_EQ(round_to(-2.25, 1), -2.3);  // halves away from zero
