@@ -6,7 +6,8 @@
 namespace cvn {
 namespace {
 
-// Reflected form of the CRC-32 polynomial x^32 + x^26 + ... + 1 (W3C PNG specification, annex D).
+// Reflected form of the CRC-32 polynomial x^32 + x^26 + ... + 1 (Portable Network Graphics, W3C,
+// annex D).
 constexpr std::uint32_t kCrcPolynomial = 0xEDB88320u;
 
 // Built by the compiler, so there is no first-use race between threads.

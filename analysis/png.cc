@@ -11,7 +11,7 @@
 namespace cvn {
 namespace {
 
-// W3C PNG specification (3rd ed.) section 5.2.
+// Portable Network Graphics (W3C, 3rd ed.), section 5.2.
 constexpr std::array<std::uint8_t, 8> kSignature = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
 // Section 5.3: a chunk length is at most 2^31 - 1.
 constexpr std::size_t kMaxChunkLength = 0x7FFFFFFF;

@@ -100,7 +100,7 @@ start_program strap CVN_SIMULATED_STRAP=1
 export CVN_STRAP_URL="http://127.0.0.1:$port/"
 
 status=0
-(cd "$here" && node --test --test-reporter=spec e2e.mjs) || status=$?
+(cd "$here" && node --test --test-reporter=tap e2e.mjs) || status=$?
 if [[ $status -ne 0 ]]; then
   for name in plain strap; do
     echo "--- program output ($name) ---" >&2
