@@ -30,6 +30,9 @@ import sys
 import numpy as np
 from scipy import signal
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from make_analysis_golden import fill_gaps, fmt  # noqa: E402  (shared by both references)
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 GOLDEN = os.path.join(ROOT, "tests", "analysis", "golden")
 FS = 130.0
@@ -53,16 +56,6 @@ def cycle_bounds(n, cycle):
     per_cycle = cycle * FS
     count = max(int(math.floor(n / per_cycle)), 1)
     return [int(k * per_cycle) for k in range(count + 1)]
-
-
-def fill_gaps(x):
-    bad = np.isnan(x)
-    if bad.all() or not bad.any():
-        return x
-    idx = np.arange(len(x))
-    x = x.copy()
-    x[bad] = np.interp(idx[bad], idx[~bad], x[~bad])
-    return x
 
 
 def heart_rate_signal(rr, n):
@@ -136,10 +129,6 @@ def cvn_values(rr, n, cycle):
     logs = np.log(np.maximum(1e-30, power))
     cvn = [np.nanmean(logs[bounds[k]:bounds[k + 1]]) for k in range(len(bounds) - 1)]
     return cvn, row
-
-
-def fmt(v):
-    return "nan" if math.isnan(v) else repr(float(v))
 
 
 def main(argv):
