@@ -31,10 +31,6 @@ constexpr double kArtefactMinProminence = 4.0;
 constexpr double kPowerFloor = 1e-30;
 // Standard deviations above the mean where the heat-map colour scale tops out.
 constexpr double kScaleSpread = 2.0;
-// A probe row drawn without the green line (its rows lie outside a one-row image) and its
-// background colour.
-constexpr int kProbeNoRow = 2;
-constexpr std::uint8_t kWhite = 255;
 // Rows are independent; two workers keep both cores of a small machine busy.
 constexpr int kWorkerThreads = 2;
 
@@ -300,38 +296,13 @@ RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int
   p.expected_row = analysis.expected_row;
   p.sex = sex;
   p.age = age;
-  p.cycle_seconds = 0.0;  // drawn below
+  // The matrices keep one column per pixel; the cycle lines sit where they would on
+  // the full one-column-per-sample axis.
+  p.cycle_seconds = analysis.cycle_seconds;
+  p.sampling_rate = analysis.sample_rate;
+  p.time_columns = analysis.sample_count;
   p.blend = blend;
-  RgbImage image = render_heatmap(p);
-  if (image.rgb.empty()) return image;
-
-  // The cycle lines belong where a render of the full-resolution matrix puts them; their
-  // positions come from the full column count in floating point, which no rate on the kept
-  // columns reproduces at exact multiples. So the renderer draws them on a one-row probe of
-  // full width whose every other pixel is white, and those columns are copied.
-  const std::vector<float> empty(analysis.sample_count, 0.0f);
-  HeatmapParams probe;
-  probe.power = empty;
-  probe.rows = 1;
-  probe.cols = analysis.sample_count;
-  probe.centre = 1.0;  // zero power lies below the scale: white when greyed
-  probe.half_range = 0.5;
-  probe.expected_row = -kProbeNoRow;
-  probe.cycle_seconds = analysis.cycle_seconds;
-  probe.sampling_rate = analysis.sample_rate;
-  const RgbImage lines = render_heatmap(probe);
-  if (lines.width != image.width) return image;
-  for (int x = 0; x < image.width; ++x) {
-    const std::uint8_t* c = &lines.rgb[static_cast<std::size_t>(x) * 3];
-    if (c[0] == kWhite && c[1] == kWhite && c[2] == kWhite) continue;
-    for (int y = 0; y < image.height; ++y) {
-      std::uint8_t* out = &image.rgb[(static_cast<std::size_t>(y) * image.width + x) * 3];
-      out[0] = c[0];
-      out[1] = c[1];
-      out[2] = c[2];
-    }
-  }
-  return image;
+  return render_heatmap(p);
 }
 
 }  // namespace cvn

@@ -167,7 +167,7 @@ RgbImage render_heatmap(const HeatmapParams& p) {
       for (std::size_t y = 0; y < height; ++y)
         paint(&image.rgb[(y * width + x) * 3], kCycleLineColour);
     };
-    const double cols = static_cast<double>(p.cols);
+    const double cols = static_cast<double>(p.time_columns ? p.time_columns : p.cols);
     if (step * static_cast<double>(width) <= cols) {
       // A cycle no wider than a pixel: every pixel column holds a cycle start.
       for (std::size_t x = 0; x < width; ++x) paint_column(x);

@@ -26,9 +26,12 @@ struct HeatmapParams {
   /// 'F' selects the female reference level; any other code the male one.
   char sex = 'M';
   int age = 0;
-  /// Cycle length in seconds and matrix columns per second, for the cycle lines.
+  /// Cycle length in seconds and time-axis columns per second, for the cycle lines.
   double cycle_seconds = 0.0;
   double sampling_rate = 130.0;  // one column per ECG sample of the chest strap
+  /// Columns of the full time axis when the matrix keeps only some of them (one per pixel,
+  /// say); the cycle lines are placed on this axis. 0: the matrix keeps every column.
+  std::size_t time_columns = 0;
   /// Grey pixels keep 45 % of their colour instead of becoming plain grey.
   bool blend = false;
 };
