@@ -28,7 +28,6 @@ struct Request {
 
   /// The query value for `key`, or "" when absent.
   const std::string& param(const std::string& key) const;
-  bool has_param(const std::string& key) const { return query.count(key) != 0; }
 };
 
 /// Decodes %XX and '+' in a query value. Throws std::invalid_argument
