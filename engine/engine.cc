@@ -41,16 +41,17 @@ std::string series_json(const std::vector<SeriesPoint>& s) {
   return out;
 }
 
+// Monotonic seconds, the time base of the acquisition clock.
+double steady_seconds() {
+  using namespace std::chrono;
+  return duration<double>(steady_clock::now().time_since_epoch()).count();
+}
+
 std::int64_t unix_now() {
   return static_cast<std::int64_t>(std::time(nullptr));
 }
 
 }  // namespace
-
-double steady_seconds() {
-  using namespace std::chrono;
-  return duration<double>(steady_clock::now().time_since_epoch()).count();
-}
 
 double number_param(const Params& p, const std::string& key, double fallback) {
   auto it = p.find(key);

@@ -178,7 +178,4 @@ class Engine {
   std::string export_result, export_error;
 };
 
-/// Monotonic seconds, the time base of the acquisition clock.
-double steady_seconds();
-
 }  // namespace cvn
