@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "analysis/checksum.h"
+#include "base/byte_order.h"
 
 namespace cvn {
 namespace {
@@ -222,13 +223,6 @@ void compress_segment(const std::uint8_t* data, std::size_t size, std::uint32_t*
 
 namespace detail {
 
-void put_u32_be(std::vector<std::uint8_t>& out, std::uint32_t value) {
-  out.push_back(static_cast<std::uint8_t>(value >> 24));
-  out.push_back(static_cast<std::uint8_t>(value >> 16));
-  out.push_back(static_cast<std::uint8_t>(value >> 8));
-  out.push_back(static_cast<std::uint8_t>(value));
-}
-
 void deflate_fixed_append(std::span<const std::uint8_t> input, std::size_t segment_bytes,
                           std::vector<std::uint8_t>& out) {
   segment_bytes = std::clamp<std::size_t>(segment_bytes, 1, kDeflateSegmentBytes);
@@ -265,7 +259,7 @@ std::vector<std::uint8_t> zlib_compress(std::span<const std::uint8_t> input) {
   // no preset dictionary, check bits making 0x789C a multiple of 31.
   std::vector<std::uint8_t> out = {0x78, 0x9C};
   detail::deflate_fixed_append(input, detail::kDeflateSegmentBytes, out);
-  detail::put_u32_be(out, adler32(input));
+  put_u32_be(out, adler32(input));
   return out;
 }
 

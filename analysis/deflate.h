@@ -19,9 +19,6 @@ std::vector<std::uint8_t> zlib_compress(std::span<const std::uint8_t> input);
 
 namespace detail {
 
-/// Appends `value` most significant byte first (the byte order of zlib and PNG).
-void put_u32_be(std::vector<std::uint8_t>& out, std::uint32_t value);
-
 /// Largest span of input one match-finder state covers; positions are 32-bit inside it.
 inline constexpr std::size_t kDeflateSegmentBytes = std::size_t{1} << 30;
 

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/constants.h"
+
 namespace cvn {
 
-/// Sampling rate of the Polar H10 ECG stream, samples per second.
-inline constexpr double kEcgSampleRate = 130.0;
 /// Highest heart rate the detector accepts, beats per minute; it sets the
 /// minimum distance between two R-peaks (0.2 s).
 inline constexpr int kMaxHeartRate = 300;

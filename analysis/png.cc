@@ -7,6 +7,7 @@
 
 #include "analysis/checksum.h"
 #include "analysis/deflate.h"
+#include "base/byte_order.h"
 
 namespace cvn {
 namespace {
@@ -27,10 +28,10 @@ constexpr ChunkType kIend = {'I', 'E', 'N', 'D'};
 // Length, type, data, then the CRC-32 of type and data (section 5.3).
 void put_chunk(std::vector<std::uint8_t>& out, const ChunkType& type,
                std::span<const std::uint8_t> data) {
-  detail::put_u32_be(out, static_cast<std::uint32_t>(data.size()));
+  put_u32_be(out, static_cast<std::uint32_t>(data.size()));
   out.insert(out.end(), type.begin(), type.end());
   out.insert(out.end(), data.begin(), data.end());
-  detail::put_u32_be(out, crc32_update(crc32(type), data));
+  put_u32_be(out, crc32_update(crc32(type), data));
 }
 
 }  // namespace
@@ -56,8 +57,8 @@ std::vector<std::uint8_t> encode_png(std::span<const std::uint8_t> pixels, int w
   if (idat.size() > kMaxChunkLength) return {};
 
   std::vector<std::uint8_t> ihdr;
-  detail::put_u32_be(ihdr, static_cast<std::uint32_t>(width));
-  detail::put_u32_be(ihdr, static_cast<std::uint32_t>(height));
+  put_u32_be(ihdr, static_cast<std::uint32_t>(width));
+  put_u32_be(ihdr, static_cast<std::uint32_t>(height));
   ihdr.push_back(kBitDepth);
   ihdr.push_back(static_cast<std::uint8_t>(color));
   ihdr.push_back(0);  // compression method 0: zlib

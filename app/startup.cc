@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "app/file_util.h"
+#include "base/files.h"
+#include "base/log.h"
+#include "base/recording.h"
 #include "app/platform.h"
 #include "assets/assets.h"
 #include "engine/engine.h"
@@ -158,7 +160,12 @@ int run_app(int argc, char** argv) {
   const Folders& f = g_app.folders;
   // The engine lives as long as the process; connection threads and jobs
   // hold on to it until the very end.
-  Engine* engine = new Engine(f.data, make_sensor_link());
+  set_log_folder(f.data);
+  std::vector<double> simulated_ecg;
+  const char* sim = std::getenv("CVN_SIMULATED_STRAP");
+  const bool simulated = sim && std::string_view(sim) == "1";
+  if (simulated) simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
+  Engine* engine = new Engine(f.data, make_sensor_link(simulated ? &simulated_ecg : nullptr));
   prepare_data_folder(f);
 
   g_app.logo = load_report_logo(f.web_root);

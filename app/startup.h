@@ -5,9 +5,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/constants.h"
+
 namespace cvn {
 
-inline constexpr const char* kAppVersion = "1.0.0";
 inline constexpr int kDefaultPort = 8000;
 /// The first port and the 49 above it are tried, no wrap-around.
 inline constexpr int kPortTries = 50;

@@ -27,7 +27,7 @@ const std::vector<double>& recording(int minutes) {
   }();
   static std::vector<double> cache[3];
   std::vector<double>& out = cache[minutes <= 5 ? 0 : minutes <= 30 ? 1 : 2];
-  const auto n = static_cast<std::size_t>(minutes * 60 * cvn::kEcgSampleRate);
+  const auto n = static_cast<std::size_t>(minutes * 60 * cvn::kSampleRate);
   if (out.size() != n && !base.empty()) {
     out.resize(n);
     for (std::size_t i = 0; i < n; ++i) out[i] = base[i % base.size()];
@@ -39,8 +39,8 @@ void BM_LiveAnalysis(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   if (ecg.empty()) return state.SkipWithError("reference recording missing");
   for (auto _ : state) {
-    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate);
-    benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kEcgSampleRate));
+    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
+    benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kSampleRate));
     benchmark::DoNotOptimize(cvn::live_cvn_scores(rr, ecg.size(), kCycleSeconds));
   }
 }
@@ -56,23 +56,23 @@ BENCHMARK(BM_Bandpass)->Arg(30)->Unit(benchmark::kMillisecond);
 void BM_FindRPeaks(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   for (auto _ : state) {
-    benchmark::DoNotOptimize(cvn::find_r_peaks(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate));
+    benchmark::DoNotOptimize(cvn::find_r_peaks(ecg, cvn::kSampleRate, cvn::kMaxHeartRate));
   }
 }
 BENCHMARK(BM_FindRPeaks)->Arg(30)->Unit(benchmark::kMillisecond);
 
 void BM_RegularHr(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
   for (auto _ : state) {
-    benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kEcgSampleRate));
+    benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kSampleRate));
   }
 }
 BENCHMARK(BM_RegularHr)->Arg(30)->Unit(benchmark::kMillisecond);
 
 void BM_LiveScore(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
   for (auto _ : state) {
     benchmark::DoNotOptimize(cvn::live_cvn_scores(rr, ecg.size(), kCycleSeconds));
   }

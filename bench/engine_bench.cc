@@ -8,6 +8,7 @@
 
 #include "assets/assets.h"
 #include "engine/engine.h"
+#include "server/snapshot_json.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ struct Session {
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
     engine = new cvn::Engine(folder, nullptr);
-    engine->start_replay(folder + "/rec.txt", {{"speed", "0"}});
+    engine->start_replay(folder + "/rec.txt", {}, {0.0, ""});
     engine->seek(1.0);
     engine->update_analysis();
     engine->stop();
@@ -45,7 +46,7 @@ void BM_StatusSnapshot(benchmark::State& state) {
   Session s(static_cast<int>(state.range(0)));
   std::size_t bytes = 0;
   for (auto _ : state) {
-    std::string j = s.engine->status_json();
+    std::string j = cvn::snapshot_json(s.engine->snapshot());
     bytes = j.size();
     benchmark::DoNotOptimize(j);
   }

@@ -13,7 +13,7 @@
 #include "analysis/ecg.h"
 #include "analysis/fft.h"
 #include "analysis/png.h"
-#include "engine/recording.h"
+#include "base/recording.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ const std::vector<double>& recording(int minutes) {
   std::vector<double>& ecg = cache[minutes];
   if (ecg.empty()) {
     const std::vector<double> a = read_sample("Sample 1.txt"), b = read_sample("Sample 2.txt");
-    const auto n = static_cast<std::size_t>(minutes * 60 * cvn::kEcgSampleRate);
+    const auto n = static_cast<std::size_t>(minutes * 60 * cvn::kSampleRate);
     while (ecg.size() < n && !(a.empty() && b.empty())) {
       ecg.insert(ecg.end(), a.begin(), a.end());
       ecg.insert(ecg.end(), b.begin(), b.end());
@@ -76,9 +76,9 @@ BENCHMARK(BM_FftConvolutionRow)->Arg(1 << 14)->Arg(1 << 15);
 // Cycle measure and both maps from the RR intervals (R-peaks found beforehand).
 void BM_AnalyzeCycles(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
   for (auto _ : state) {
-    cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kEcgSampleRate);
+    cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kSampleRate);
     benchmark::DoNotOptimize(a.cvn.data());
   }
 }
@@ -88,8 +88,8 @@ BENCHMARK(BM_AnalyzeCycles)->Arg(5)->Arg(30)->Arg(60)->Unit(benchmark::kMillisec
 void BM_WholeRecording(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   for (auto _ : state) {
-    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kEcgSampleRate, cvn::kMaxHeartRate);
-    const cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kEcgSampleRate);
+    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
+    const cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kSampleRate);
     for (const cvn::TfrWidth w : {cvn::TfrWidth::kNarrow, cvn::TfrWidth::kWide}) {
       const std::vector<std::uint8_t> png =
           cvn::encode_png_rgb(cvn::render_tfr(a, w, 'M', 40, true));

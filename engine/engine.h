@@ -3,6 +3,8 @@
 // lives for the whole process; HTTP threads, the acquisition clock, the
 // analysis worker, the sensor callbacks and the jobs all meet here.
 //
+// The engine speaks in typed values; the wire format is the server's.
+//
 // Locking: one recursive lock over every non-atomic member. Long work (the
 // analysis, the TFR, saving) copies its inputs under the lock, computes
 // without it, and locks again to store its results.
@@ -10,35 +12,77 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "engine/recording.h"
+#include "base/recording.h"
+#include "engine/clock.h"
+#include "engine/live_analysis.h"
 #include "sensor/ble_manager.h"
 
 namespace cvn {
 
-/// Request parameters by name (the parsed query string).
-using Params = std::map<std::string, std::string>;
-
-/// A number parameter: absent, empty or unreadable gives `fallback`; a
-/// decimal comma is accepted ("5,5" is 5.5).
-double number_param(const Params& p, const std::string& key, double fallback);
+/// Target number of breathing cycles of a session (progress bar, "frac").
+inline constexpr int kCyclesTarget = 16;
+/// The scope shows the last six seconds of ECG.
+inline constexpr std::int64_t kScopeSamples = 780;
 
 /// A breathing period as sessions keep it: at least 0.05 s, rounded to two
 /// decimals (halves away from zero).
 double breathing_period(double seconds);
 
-/// Target number of breathing cycles of a session (progress bar, "frac").
-inline constexpr int kCyclesTarget = 16;
+enum class Mode { kIdle, kLive, kReplay };
 
-struct SeriesPoint {
-  double x = 0;  // seconds
-  double y = 0;  // value; NaN shows as null
+/// The life of a background job (TFR, export, batch).
+enum class JobState { kIdle, kRunning, kDone, kError };
+
+/// Who is breathing and how: what the page's setup screen sends.
+struct SessionSettings {
+  std::optional<std::string> name;  // absent: the previous name stays
+  double indur = 5.0;               // seconds, see breathing_period
+  double outdur = 11.0;
+  std::string sex = "M";  // "M" or "F"
+  int age = 40;
+};
+
+struct ReplayOptions {
+  double speed = 2.0;  // factor of real time, taken as given
+  std::string label;   // shown for the source; empty: the file name
+};
+
+/// One consistent view of the session, taken under the lock.
+struct Snapshot {
+  Mode mode = Mode::kIdle;
+  bool running = false;
+  std::string name_id, source_label, bt_status;
+  std::int64_t samples = 0;       // received (live) or played (replay)
+  std::int32_t replay_total = 0;  // replay only
+  double hr = 0, cvn = 0;         // NaN when not known yet
+  std::int32_t rr_count = 0;
+  std::vector<double> scope;  // the ECG the scope shows, at most kScopeSamples
+  std::shared_ptr<const std::vector<SeriesPoint>> hr_series, cvn_series;  // never null
+  double indur = 5, outdur = 11, cycle_seconds = 16;
+  std::string sex;
+  int age = 40;
+  JobState tfr = JobState::kIdle, export_job = JobState::kIdle;
+  std::string saved_as;  // empty: not saved
+  std::vector<Marker> markers;
+};
+
+struct SaveResult {
+  std::string error;  // empty on success, else for the user
+  std::string file;   // the recording's file name
+  std::size_t count = 0;
+};
+
+struct TfrResult {
+  JobState state = JobState::kIdle;
+  std::string message;              // the error, when there is one
+  std::string tfr3_uri, tfr10_uri;  // "data:image/png;base64,...", empty when none
 };
 
 /// What the jobs (save, TFR, export) need, copied under the lock in one go.
@@ -56,7 +100,9 @@ struct SessionCopy {
 class Engine {
  public:
   /// `ble` may be null: live mode then runs with no samples ever arriving.
-  Engine(std::string data_folder, std::unique_ptr<BleManager> ble);
+  /// `clock` must outlive the engine; tests pass a ManualClock.
+  Engine(std::string data_folder, std::unique_ptr<BleManager> ble,
+         Clock& clock = Clock::system());
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -64,14 +110,16 @@ class Engine {
   const std::string& data_folder() const { return data_folder_; }
   BleManager* sensor() const { return ble_.get(); }
 
-  /// Loads the recording at `path` and plays it from the start at the
-  /// `speed` parameter. False, with the engine untouched, when the file
-  /// cannot be read.
-  bool start_replay(const std::string& path, const Params& p);
+  /// Loads the recording at `path` (and its markers file) and plays it from
+  /// the start. False, with the engine untouched, when it cannot be read.
+  bool start_replay(const std::string& path, const SessionSettings& s,
+                    const ReplayOptions& options);
 
   /// Starts a live session on the strap at `address`; progress shows in
-  /// bt_status. Returns before the connection is made.
-  void start_live(const std::string& address, const Params& p);
+  /// bt_status. `device`, when given, names the strap for the user. Returns
+  /// before the connection is made.
+  void start_live(const std::string& address, const std::optional<std::string>& device,
+                  const SessionSettings& s);
 
   /// Ends any source; safe in every mode and more than once. The mode and
   /// the data stay, so a stopped session can still be saved and analysed.
@@ -84,38 +132,33 @@ class Engine {
   /// outside 1..9, or the last marker already sits on this sample.
   bool add_marker(int key);
 
-  /// Writes the recording and its markers into the recordings folder and
-  /// returns the reply JSON.
-  std::string save();
+  /// Writes the recording and its markers into the recordings folder.
+  SaveResult save();
 
-  /// The status snapshot: one consistent JSON object.
-  std::string status_json();
+  Snapshot snapshot();
+
+  /// Starts the TFR job on a thread of its own; its result shows in tfr().
+  void start_tfr();
+  TfrResult tfr();
 
   /// Runs one analysis pass over the current samples and stores the results.
   void update_analysis();
 
   /// The samples that count: played replay samples, or all live samples.
   std::vector<double> current_samples();
-  std::int64_t sample_count();
 
-  /// Copies the session's inputs for a job. Takes the lock itself.
+  /// Copies the session's inputs for a job.
   SessionCopy copy_session();
-  /// The session a SessionCopy came from is still the current one.
-  /// REQUIRES: lock() held.
-  bool same_session(std::uint64_t generation) const { return generation == generation_; }
-
-  /// Runs `job` on a detached thread that the destructor waits for.
-  void run_detached(std::function<void()> job);
 
   bool running() const { return running_; }
-  std::recursive_mutex& lock() { return mu_; }
 
  private:
-  friend struct EngineTestAccess;  // tests reach the results directly
   using Guard = std::lock_guard<std::recursive_mutex>;
 
-  void set_parameters(const Params& p);  // REQUIRES: mu_ held
-  void reset_results();                  // REQUIRES: mu_ held
+  void apply_settings(const SessionSettings& s);  // REQUIRES: mu_ held
+  void reset_results();                           // REQUIRES: mu_ held
+  std::int64_t sample_count();                    // REQUIRES: mu_ held
+  void run_detached(std::function<void()> job);
   void start_clock();
   void clock_loop();
   void maybe_start_worker(double* last_start);
@@ -125,11 +168,12 @@ class Engine {
   std::recursive_mutex mu_;
   const std::string data_folder_;
   const std::unique_ptr<BleManager> ble_;
+  Clock& clock_;
 
-  std::string mode_ = "idle";
+  Mode mode_ = Mode::kIdle;
   std::atomic<bool> running_{false};
   std::atomic<bool> stop_request_{false};
-  std::thread clock_;
+  std::thread clock_thread_;
 
   std::string name_id_;
   std::string source_label_;
@@ -140,7 +184,6 @@ class Engine {
   double cycle_seconds_ = 16.0;
   std::string sex_ = "M";
   int age_ = 40;
-  double sample_rate_ = kSampleRate;
 
   std::vector<double> replay_samples_;
   std::vector<double> live_samples_;
@@ -156,26 +199,17 @@ class Engine {
   double hr_;
   double cvn_;
   std::int32_t rr_count_ = 0;
-  std::vector<SeriesPoint> hr_series_;
-  std::vector<SeriesPoint> cvn_series_;
-  // The two series as JSON arrays, built once per analysis instead of 20
-  // times a second per open stream.
-  std::string hr_series_json_ = "[]";
-  std::string cvn_series_json_ = "[]";
+  // Shared with snapshots, which are taken 20 times a second per open
+  // stream: a snapshot holds the series without copying them.
+  std::shared_ptr<const std::vector<SeriesPoint>> hr_series_, cvn_series_;
   std::vector<std::int32_t> peaks_;
   std::vector<Marker> markers_;
   std::int64_t session_start_ = 0;
   std::uint64_t generation_ = 0;
 
- public:
-  // Job states, owned by the jobs that set them (TFR, export, batch); read
-  // and written under lock().
-  std::string tfr_status = "idle";
-  std::string tfr_message;
-  std::string tfr3_uri, tfr10_uri;
-  std::string saved_as;
-  std::string export_status = "idle";
-  std::string export_result, export_error;
+  TfrResult tfr_;
+  JobState export_state_ = JobState::kIdle;
+  std::string saved_as_;
 };
 
 }  // namespace cvn

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <limits>
 
-#include "engine/recording.h"
+#include "base/recording.h"
 
 namespace cvn {
 namespace {

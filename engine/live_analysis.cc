@@ -13,22 +13,22 @@ LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_secon
   a.hr = std::nan("");
   a.cvn = std::nan("");
   // analyze_ecg in its two steps, keeping the peaks found on the way.
-  a.peaks = find_r_peaks(samples, kEcgSampleRate, kMaxHeartRate);
-  const std::vector<double> rr = rr_from_peaks(a.peaks, kEcgSampleRate);
+  a.peaks = find_r_peaks(samples, kSampleRate, kMaxHeartRate);
+  const std::vector<double> rr = rr_from_peaks(a.peaks, kSampleRate);
   if (rr.empty()) {
     a.peaks.clear();
     return a;
   }
   a.rr_count = static_cast<std::int32_t>(rr.size());
 
-  std::vector<double> hr = regular_hr(rr, samples.size(), kEcgSampleRate);
-  std::vector<double> grid = time_grid(samples.size(), kEcgSampleRate, kHrGridStep);
+  std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);
+  std::vector<double> grid = time_grid(samples.size(), kSampleRate, kHrGridStep);
   a.hr_series.reserve(hr.size());
   for (std::size_t i = 0; i < hr.size() && i < grid.size(); ++i)
     a.hr_series.push_back({grid[i], hr[i]});
   if (!hr.empty()) a.hr = hr.back();
 
-  std::vector<double> scores = live_cvn_scores(rr, samples.size(), cycle_seconds, kEcgSampleRate);
+  std::vector<double> scores = live_cvn_scores(rr, samples.size(), cycle_seconds, kSampleRate);
   a.cvn_series.reserve(scores.size());
   for (std::size_t i = 0; i < scores.size(); ++i)
     a.cvn_series.push_back({static_cast<double>(i) * kLiveScoreStep, scores[i]});

@@ -4,9 +4,13 @@
 #include <cstdint>
 #include <vector>
 
-#include "engine/engine.h"
 
 namespace cvn {
+
+struct SeriesPoint {
+  double x = 0;  // seconds
+  double y = 0;  // value; NaN shows as null
+};
 
 struct LiveAnalysis {
   double hr;   // latest heart rate, bpm; NaN when unknown

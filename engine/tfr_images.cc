@@ -4,7 +4,7 @@
 #include "analysis/cycles.h"
 #include "analysis/ecg.h"
 #include "analysis/png.h"
-#include "engine/tfr_job.h"
+#include "engine/tfr_images.h"
 
 namespace cvn {
 namespace {
@@ -18,12 +18,12 @@ constexpr bool kBlendGrey = true;
 
 TfrImages compute_tfr_images(const TfrInput& in) {
   TfrImages out;
-  const std::vector<double> rr = analyze_ecg(in.samples, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<double> rr = analyze_ecg(in.samples, kSampleRate, kMaxHeartRate);
   if (rr.empty()) {
     out.error = "Not enough data recorded yet.";
     return out;
   }
-  const CycleAnalysis analysis = analyze_cycles(in.samples, rr, in.cycle_seconds, kEcgSampleRate);
+  const CycleAnalysis analysis = analyze_cycles(in.samples, rr, in.cycle_seconds, kSampleRate);
   if (analysis.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;

@@ -13,6 +13,12 @@ struct BleDevice {
   std::string address;  // "12:34:56:78:9A:BC", most significant byte first
 };
 
+/// What a scan found, or why it found nothing.
+struct ScanResult {
+  std::vector<BleDevice> devices;  // ascending by address
+  std::string error;               // for the user; empty on success
+};
+
 /// One batch of ECG samples in microvolts, in arrival order.
 using SamplesCallback = std::function<void(const std::vector<double>&)>;
 /// A user-facing status text (a connection step or an error).
@@ -23,9 +29,9 @@ class BleManager {
   virtual ~BleManager() = default;
   /// False only when the system plainly reports no Bluetooth adapter.
   virtual bool available() = 0;
-  /// Scans for named devices (blocks about 10 s), ascending by address. On
-  /// failure returns nothing and sets `error` to a message for the user.
-  virtual std::vector<BleDevice> scan(std::string& error) = 0;
+  /// Scans for named devices (blocks about 10 s). On failure the list is
+  /// empty and the error says why, in words for the user.
+  virtual ScanResult scan() = 0;
   /// Returns at once; connects and streams on a worker thread, reporting
   /// through the callbacks until stop().
   virtual void connectAndStream(const std::string& address, SamplesCallback on_samples,

@@ -44,7 +44,7 @@
 #include <variant>
 #include <vector>
 
-#include "app/log.h"
+#include "base/log.h"
 #include "sensor/ble_common.h"
 #include "sensor/platform_backend.h"
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/constants.h"
+
 namespace cvn {
 
 namespace {
@@ -10,7 +12,7 @@ constexpr std::uint8_t kOpGetSettings = 0x01;
 constexpr std::uint8_t kOpStart = 0x02;
 constexpr std::uint8_t kSettingSampleRate = 0x00;
 constexpr std::uint8_t kSettingResolution = 0x01;
-constexpr std::uint16_t kEcgRate = 130;
+constexpr std::uint16_t kEcgRate = kSampleRateInt;
 constexpr std::uint16_t kEcgResolutionBits = 14;
 constexpr std::uint8_t kFrameUncompressed = 0;
 constexpr std::int32_t kMax24 = (1 << 23) - 1;

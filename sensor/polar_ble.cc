@@ -4,7 +4,7 @@
 #include <map>
 #include <stdexcept>
 
-#include "app/log.h"
+#include "base/log.h"
 #include "sensor/ble_common.h"
 #include "sensor/pmd.h"
 
@@ -75,16 +75,16 @@ std::string service_failure(const std::string& status) {
 
 }  // namespace
 
-PolarBle::PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings)
-    : backend_(std::move(backend)), timings_(timings) {
-  std::thread([backend = backend_, pause = timings_.warm_up] {
+PolarBle::PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings, LogSink log)
+    : backend_(std::move(backend)), timings_(timings), log_(std::move(log)) {
+  std::thread([backend = backend_, pause = timings_.warm_up, log = log_] {
     try {
       backend->init_thread();
       backend->has_adapter();
       backend->start_scan([](std::uint64_t, const std::string&) {});
       std::this_thread::sleep_for(pause);
       backend->stop_scan();
-      logLine("BLE warm-up complete");
+      log("BLE warm-up complete");
     } catch (...) {
       // A stack that is not ready now may be by the user's first scan.
     }
@@ -105,9 +105,9 @@ bool PolarBle::available() {
   }
 }
 
-std::vector<BleDevice> PolarBle::scan(std::string& error) {
+ScanResult PolarBle::scan() {
   backend_->init_thread();
-  logLine("scan() enter");
+  log_("scan() enter");
   std::mutex mu;
   std::map<std::uint64_t, std::string> seen;  // ordered: the list comes out by address
   try {
@@ -120,21 +120,21 @@ std::vector<BleDevice> PolarBle::scan(std::string& error) {
         seen.emplace(address, std::string());
     });
   } catch (...) {
-    logLine("scan() exception starting watcher");
-    error = kScanStartFailed;
-    return {};
+    log_("scan() exception starting watcher");
+    return {{}, kScanStartFailed};
   }
   std::this_thread::sleep_for(timings_.scan);
   backend_->stop_scan();
-  std::vector<BleDevice> devices;
+  ScanResult r;
+  std::vector<BleDevice>& devices = r.devices;
   {
     std::lock_guard<std::mutex> g(mu);
     for (const auto& [address, name] : seen)
       if (!name.empty()) devices.push_back({name, format_ble_address(address)});
   }
-  logLine("scan() done, " + std::to_string(devices.size()) + " named device(s)");
-  if (devices.empty()) error = kNoNamedDevices;
-  return devices;
+  log_("scan() done, " + std::to_string(devices.size()) + " named device(s)");
+  if (devices.empty()) r.error = kNoNamedDevices;
+  return r;
 }
 
 void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_samples,
@@ -144,10 +144,10 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
   if (worker_.joinable()) worker_.detach();
   auto attempt = std::make_shared<Attempt>();
   attempt_ = attempt;
-  worker_ = std::thread([attempt, backend = backend_, t = timings_, address] {
+  worker_ = std::thread([attempt, backend = backend_, t = timings_, address, log = log_] {
     try {
       backend->init_thread();
-      logLine("connect " + address);
+      log("connect " + address);
       attempt->say(kStatusConnecting);
 
       std::shared_ptr<BleConnection> link = backend->open_device(parse_ble_address(address));
@@ -160,9 +160,9 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
         if (!connected && attempt->streaming) attempt->say(kStatusDisconnected);
       });
       if (link->maintain_connection())
-        logLine("GattSession: MaintainConnection=true");
+        log("GattSession: MaintainConnection=true");
       else
-        logLine("GattSession maintain unavailable");
+        log("GattSession maintain unavailable");
 
       std::string last_status = "none";
       bool found = false;
@@ -177,28 +177,28 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
           // cache that makes the targeted query come back empty.
           if (n == 3) {
             BleConnection::Discovery all = link->discover_all();
-            logLine(std::string("full discovery: ") + gatt_status_text(all.status) + ", " +
+            log(std::string("full discovery: ") + gatt_status_text(all.status) + ", " +
                     std::to_string(all.services) + " services");
           }
           BleConnection::Discovery d = link->discover_service(kPmdServiceUuid);
           last_status = gatt_status_text(d.status);
-          logLine("PMD discovery attempt " + std::to_string(n) + ": " + last_status + ", " +
+          log("PMD discovery attempt " + std::to_string(n) + ": " + last_status + ", " +
                   std::to_string(d.services) +
                   " svc, conn=" + std::to_string(link->connected() ? 1 : 0));
           found = d.status == 0 && d.services > 0;
         } catch (...) {
-          logLine("PMD discovery attempt " + std::to_string(n) + ": exception");
+          log("PMD discovery attempt " + std::to_string(n) + ": exception");
           last_status = "exception";
         }
       }
       if (!found) {
         attempt->say(service_failure(last_status));
-        logLine("PMD service not found after retries (" + last_status + ")");
+        log("PMD service not found after retries (" + last_status + ")");
         return;
       }
       if (!link->has_characteristic(kPmdControlUuid) || !link->has_characteristic(kPmdDataUuid)) {
         attempt->say(kStatusNoCharacteristics);
-        logLine("control/data char missing");
+        log("control/data char missing");
         return;
       }
       attempt->say(kStatusStarting);
@@ -215,23 +215,23 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
       link->write(kPmdControlUuid, pmd_settings_request());
       for (int i = 0; i < kSettingsPolls && !attempt->settings_reply; ++i)
         std::this_thread::sleep_for(t.settings_poll);
-      logLine(attempt->settings_reply ? "settings response received"
+      log(attempt->settings_reply ? "settings response received"
                                       : "no settings response (sending start anyway)");
       std::this_thread::sleep_for(t.before_start);
       link->write(kPmdControlUuid, pmd_start_ecg());
       attempt->streaming = true;
       attempt->say(kStatusStreaming);
-      logLine("ECG start command sent");
+      log("ECG start command sent");
     } catch (...) {
       attempt->say(kStatusFailed);
-      logLine("connect exception");
+      log("connect exception");
     }
   });
 }
 
 void PolarBle::stop() {
   std::lock_guard<std::mutex> g(mu_);
-  logLine("stop() enter");
+  log_("stop() enter");
   if (attempt_) attempt_->cancel();
   attempt_.reset();
   // The worker may be blocked in the stack; it finds its link closed and

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "sensor/ble_backend.h"
 #include "sensor/ble_manager.h"
 
@@ -27,11 +28,13 @@ struct BleTimings {
 class PolarBle : public BleManager {
  public:
   /// Starts the warm-up on a detached thread.
-  explicit PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings = {});
+  /// `log` receives the diagnostic lines (the log file by default).
+  explicit PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings = {},
+                    LogSink log = logLine);
   ~PolarBle() override;
 
   bool available() override;
-  std::vector<BleDevice> scan(std::string& error) override;
+  ScanResult scan() override;
   void connectAndStream(const std::string& address, SamplesCallback on_samples,
                         StatusCallback on_status) override;
   void stop() override;
@@ -47,6 +50,7 @@ class PolarBle : public BleManager {
   std::mutex mu_;  // serialises connectAndStream and stop
   const std::shared_ptr<BleBackend> backend_;
   const BleTimings timings_;
+  const LogSink log_;
   std::shared_ptr<Attempt> attempt_;  // the latest, if any
   std::thread worker_;
 };

@@ -1,13 +1,14 @@
 // Creates the program's one sensor link.
 #pragma once
 #include <memory>
+#include <vector>
 
 #include "sensor/ble_manager.h"
 
 namespace cvn {
 
-/// The simulated strap when CVN_SIMULATED_STRAP=1, else the platform's
-/// Bluetooth LE link, or null when this build has none.
-std::unique_ptr<BleManager> make_sensor_link();
+/// A simulated strap streaming `simulated_ecg` when it is given, else the
+/// platform's Bluetooth LE link, or null when this build has none.
+std::unique_ptr<BleManager> make_sensor_link(const std::vector<double>* simulated_ecg = nullptr);
 
 }  // namespace cvn

@@ -7,8 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "assets/assets.h"
-#include "engine/recording.h"
+#include "base/constants.h"
 #include "sensor/ble_common.h"
 #include "sensor/pmd.h"
 
@@ -20,6 +19,7 @@ using Handler = std::function<void(const std::vector<std::uint8_t>&)>;
 
 class SimulatedLink : public BleConnection {
  public:
+  explicit SimulatedLink(std::shared_ptr<const std::vector<double>> ecg) : ecg_(std::move(ecg)) {}
   ~SimulatedLink() override { close(); }
 
   void watch_connection(std::function<void(bool)>) override {}
@@ -74,7 +74,7 @@ class SimulatedLink : public BleConnection {
   }
 
   void stream() {
-    const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
+    const std::vector<double>& ecg = *ecg_;
     if (ecg.empty()) return;
     using clock = std::chrono::steady_clock;
     const auto start = clock::now();
@@ -83,7 +83,7 @@ class SimulatedLink : public BleConnection {
       // Frame k is due when its last sample has been "measured": no drift
       // however long the session runs.
       auto due = start + std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(
-                             static_cast<double>(frame * kSimulatedFrameSamples) / 130.0));
+                             static_cast<double>(frame * kSimulatedFrameSamples) / kSampleRate));
       std::unique_lock<std::mutex> g(mu_);
       if (wake_.wait_until(g, due, [this] { return closed_; })) return;
       std::vector<double> batch;
@@ -93,11 +93,12 @@ class SimulatedLink : public BleConnection {
         pos = (pos + 1) % ecg.size();  // the recording loops
       }
       // Timestamps in nanoseconds, as the strap counts them.
-      std::uint64_t ns = frame * kSimulatedFrameSamples * 1000000000ull / 130;
+      std::uint64_t ns = frame * kSimulatedFrameSamples * 1000000000ull / kSampleRateInt;
       if (data_) data_(encode_ecg_frame(ns, batch));
     }
   }
 
+  const std::shared_ptr<const std::vector<double>> ecg_;
   std::mutex mu_;
   std::condition_variable wake_;
   bool closed_ = false;
@@ -107,6 +108,8 @@ class SimulatedLink : public BleConnection {
 
 class SimulatedStrap : public BleBackend {
  public:
+  explicit SimulatedStrap(std::vector<double> ecg)
+      : ecg_(std::make_shared<const std::vector<double>>(std::move(ecg))) {}
   bool has_adapter() override { return true; }
   void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     seen(parse_ble_address(kSimulatedStrapAddress), kSimulatedStrapName);
@@ -114,14 +117,17 @@ class SimulatedStrap : public BleBackend {
   void stop_scan() override {}
   std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
     if (address != parse_ble_address(kSimulatedStrapAddress)) return nullptr;
-    return std::make_shared<SimulatedLink>();
+    return std::make_shared<SimulatedLink>(ecg_);
   }
+
+ private:
+  const std::shared_ptr<const std::vector<double>> ecg_;
 };
 
 }  // namespace
 
-std::shared_ptr<BleBackend> make_simulated_strap() {
-  return std::make_shared<SimulatedStrap>();
+std::shared_ptr<BleBackend> make_simulated_strap(std::vector<double> ecg) {
+  return std::make_shared<SimulatedStrap>(std::move(ecg));
 }
 
 }  // namespace cvn

@@ -150,16 +150,6 @@ void send_all(SocketHandle s, std::string_view bytes) {
   }
 }
 
-void send_json(SocketHandle s, std::string_view body, int status) {
-  std::string head = "HTTP/1.1 ";
-  head += std::to_string(status);
-  head += " OK\r\nContent-Type: application/json\r\nContent-Length: ";
-  head += std::to_string(body.size());
-  head += "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n";
-  send_all(s, head);
-  send_all(s, body);
-}
-
 void send_not_found(SocketHandle s) {
   send_all(s, kNotFoundAnswer);
 }

@@ -46,10 +46,6 @@ bool read_request(SocketHandle s, Request* req);
 /// Sends every byte unless the peer goes away; failures are not reported.
 void send_all(SocketHandle s, std::string_view bytes);
 
-/// "HTTP/1.1 <status> OK" with a JSON body. The reason phrase is "OK" for
-/// every status on purpose: clients read only the code and the body.
-void send_json(SocketHandle s, std::string_view body, int status = 200);
-
 /// The fixed, bodiless 404 answer.
 void send_not_found(SocketHandle s);
 inline constexpr std::string_view kNotFoundAnswer =

@@ -42,9 +42,5 @@ std::string json_number(double v) {
   return out;
 }
 
-double round_to(double v, int decimals) {
-  double scale = std::pow(10.0, decimals);
-  return std::round(v * scale) / scale;
-}
 
 }  // namespace cvn

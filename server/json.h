@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/numbers.h"
+
 namespace cvn {
 
 /// Quoted text; escapes only '"', '\\' and line feed. Other bytes, control
@@ -17,8 +19,5 @@ std::string json_number(double v);
 
 /// json_number appended in place, for large arrays.
 void append_json_number(std::string& out, double v);
-
-/// round(v * 10^n) / 10^n, halves away from zero.
-double round_to(double v, int decimals);
 
 }  // namespace cvn

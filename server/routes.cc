@@ -6,9 +6,10 @@
 #include <thread>
 
 #include "engine/engine.h"
-#include "engine/tfr_job.h"
 #include "sensor/ble_manager.h"
 #include "server/json.h"
+#include "server/session_params.h"
+#include "server/snapshot_json.h"
 #include "server/static_files.h"
 
 namespace fs = std::filesystem;
@@ -19,8 +20,12 @@ namespace {
 
 constexpr auto kStreamPeriod = std::chrono::milliseconds(50);
 
-std::string json_bool(bool b) {
+const char* json_bool(bool b) {
   return b ? "true" : "false";
+}
+
+Response ok() {
+  return Response::json("{\"ok\":true}");
 }
 
 // Names of regular files in `folder` ending in one of `endings`, sorted by
@@ -43,107 +48,138 @@ std::string file_list(const std::string& folder, std::initializer_list<std::stri
   return out + "]";
 }
 
-void stream(Engine& engine, SocketHandle s) {
+Response mark(const ServerContext& c, const Request& r) {
+  int key = static_cast<int>(std::clamp(number_param(r.query, "key", 0.0), -1e9, 1e9));
+  return Response::json(std::string("{\"ok\":") + json_bool(c.engine->add_marker(key)) + "}");
+}
+
+Response bt_available(const ServerContext& c, const Request&) {
+  BleManager* ble = c.engine->sensor();
+  return Response::json(std::string("{\"available\":") + json_bool(ble && ble->available()) + "}");
+}
+
+Response recordings(const ServerContext& c, const Request&) {
+  return Response::json("{\"saved\":" + file_list(c.data_folder + "/recordings", {".csv", ".txt"}) +
+                        ",\"samples\":" + file_list(c.data_folder + "/sample_data", {".txt"}) +
+                        "}");
+}
+
+Response scan(const ServerContext& c, const Request&) {
+  ScanResult found;
+  if (BleManager* ble = c.engine->sensor()) found = ble->scan();
+  if (!found.error.empty())
+    return Response::json("{\"success\":false,\"reason\":" + json_text(found.error) + "}");
+  std::string body = "{\"success\":true,\"devices\":[";
+  for (std::size_t i = 0; i < found.devices.size(); ++i)
+    body += (i ? ",{\"name\":" : "{\"name\":") + json_text(found.devices[i].name) +
+            ",\"address\":" + json_text(found.devices[i].address) + "}";
+  return Response::json(body + "]}");
+}
+
+Response status(const ServerContext& c, const Request&) {
+  return Response::json(snapshot_json(c.engine->snapshot()));
+}
+
+Response seek(const ServerContext& c, const Request& r) {
+  c.engine->seek(number_param(r.query, "frac", 0.0));
+  return ok();
+}
+
+Response start_replay(const ServerContext& c, const Request& r) {
+  std::string folder = r.param("dir") == "saved" ? "/recordings" : "/sample_data";
+  std::string path = c.data_folder + folder + "/" + r.param("file");
+  if (!c.engine->start_replay(path, session_settings(r.query), replay_options(r.query)))
+    return Response::json("{\"error\":\"file not found\"}", 404);
+  return ok();
+}
+
+Response start_live(const ServerContext& c, const Request& r) {
+  const std::string& address = r.param("address");
+  if (address.empty()) return Response::json("{\"error\":\"no address\"}", 400);
+  std::optional<std::string> device;
+  if (auto it = r.query.find("device"); it != r.query.end()) device = it->second;
+  c.engine->start_live(address, device, session_settings(r.query));
+  return ok();
+}
+
+Response stop(const ServerContext& c, const Request&) {
+  c.engine->stop();
+  return ok();
+}
+
+Response save(const ServerContext& c, const Request&) {
+  SaveResult r = c.engine->save();
+  if (!r.error.empty()) return Response::json("{\"ok\":false,\"error\":" + json_text(r.error) + "}");
+  return Response::json("{\"ok\":true,\"file\":" + json_text(r.file) +
+                        ",\"count\":" + std::to_string(r.count) + "}");
+}
+
+Response tfr(const ServerContext& c, const Request&) {
+  c.engine->start_tfr();
+  return Response::json("{\"ok\":true,\"status\":\"computing\"}");
+}
+
+Response tfr_status(const ServerContext& c, const Request&) {
+  TfrResult t = c.engine->tfr();
+  return Response::json(std::string("{\"status\":\"") + job_text(t.state, "computing") +
+                        "\",\"error\":" + json_text(t.message) + "}");
+}
+
+Response tfr_images(const ServerContext& c, const Request&) {
+  TfrResult t = c.engine->tfr();
+  std::string body = std::string("{\"status\":\"") + job_text(t.state, "computing") + "\",\"images\":";
+  if (t.tfr3_uri.empty() && t.tfr10_uri.empty())
+    body += "null}";
+  else
+    body += "{\"tfr3\":" + json_text(t.tfr3_uri) + ",\"tfr10\":" + json_text(t.tfr10_uri) + "}}";
+  return Response::json(std::move(body));
+}
+
+void stream(const ServerContext& c, SocketHandle s) {
   send_all(s,
            "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: "
            "no-cache\r\nConnection: keep-alive\r\n\r\n");
   for (;;) {
-    std::string event = "data: " + engine.status_json() + "\n\n";
+    std::string event = "data: " + snapshot_json(c.engine->snapshot()) + "\n\n";
     // One send per event: a short write means the browser went away.
     if (send_some(s, event.data(), event.size()) <= 0) return;
     std::this_thread::sleep_for(kStreamPeriod);
   }
 }
 
-void scan(const ServerContext& ctx, SocketHandle s) {
-  std::string error;
-  std::vector<BleDevice> devices;
-  if (BleManager* ble = ctx.engine ? ctx.engine->sensor() : nullptr) devices = ble->scan(error);
-  if (!error.empty())
-    return send_json(s, "{\"success\":false,\"reason\":" + json_text(error) + "}");
-  std::string body = "{\"success\":true,\"devices\":[";
-  for (std::size_t i = 0; i < devices.size(); ++i)
-    body += (i ? ",{\"name\":" : "{\"name\":") + json_text(devices[i].name) +
-            ",\"address\":" + json_text(devices[i].address) + "}";
-  send_json(s, body + "]}");
-}
-
-// Every route below needs the engine; returns false when the path is not one
-// of them.
-bool dispatch_api(const ServerContext& ctx, SocketHandle s, const Request& req) {
-  Engine& engine = *ctx.engine;
-  const std::string& p = req.path;
-  if (p == "/mark") {
-    int key = static_cast<int>(std::clamp(number_param(req.query, "key", 0.0), -1e9, 1e9));
-    send_json(s, "{\"ok\":" + json_bool(engine.add_marker(key)) + "}");
-  } else if (p == "/bt_available") {
-    BleManager* ble = engine.sensor();
-    send_json(s, "{\"available\":" + json_bool(ble && ble->available()) + "}");
-  } else if (p == "/recordings") {
-    send_json(s, "{\"saved\":" + file_list(ctx.data_folder + "/recordings", {".csv", ".txt"}) +
-                     ",\"samples\":" + file_list(ctx.data_folder + "/sample_data", {".txt"}) + "}");
-  } else if (p == "/scan") {
-    scan(ctx, s);
-  } else if (p == "/status") {
-    send_json(s, engine.status_json());
-  } else if (p == "/seek") {
-    engine.seek(number_param(req.query, "frac", 0.0));
-    send_json(s, "{\"ok\":true}");
-  } else if (p == "/start_replay") {
-    std::string folder = req.param("dir") == "saved" ? "/recordings" : "/sample_data";
-    std::string path = ctx.data_folder + folder + "/" + req.param("file");
-    if (!engine.start_replay(path, req.query))
-      return send_json(s, "{\"error\":\"file not found\"}", 404), true;
-    send_json(s, "{\"ok\":true}");
-  } else if (p == "/start_live") {
-    const std::string& address = req.param("address");
-    if (address.empty()) return send_json(s, "{\"error\":\"no address\"}", 400), true;
-    engine.start_live(address, req.query);
-    send_json(s, "{\"ok\":true}");
-  } else if (p == "/stop") {
-    engine.stop();
-    send_json(s, "{\"ok\":true}");
-  } else if (p == "/save") {
-    send_json(s, engine.save());
-  } else if (p == "/tfr") {
-    start_tfr_job(engine);
-    send_json(s, "{\"ok\":true,\"status\":\"computing\"}");
-  } else if (p == "/tfr_status") {
-    std::lock_guard<std::recursive_mutex> g(engine.lock());
-    send_json(s, "{\"status\":" + json_text(engine.tfr_status) +
-                     ",\"error\":" + json_text(engine.tfr_message) + "}");
-  } else if (p == "/tfr_images") {
-    std::string body;
-    {
-      std::lock_guard<std::recursive_mutex> g(engine.lock());
-      body = "{\"status\":" + json_text(engine.tfr_status) + ",\"images\":";
-      if (engine.tfr3_uri.empty() && engine.tfr10_uri.empty())
-        body += "null}";
-      else
-        body += "{\"tfr3\":" + json_text(engine.tfr3_uri) +
-                ",\"tfr10\":" + json_text(engine.tfr10_uri) + "}}";
-    }
-    send_json(s, body);
-  } else if (p == "/stream") {
-    stream(engine, s);
-  } else {
-    return false;
-  }
-  return true;
-}
+// The API, in dispatch order; docs/api.md describes every entry.
+constexpr Route kRoutes[] = {
+    {"/mark", mark},
+    {"/bt_available", bt_available},
+    {"/recordings", recordings},
+    {"/scan", scan},
+    {"/status", status},
+    {"/seek", seek},
+    {"/start_replay", start_replay},
+    {"/start_live", start_live},
+    {"/stop", stop},
+    {"/save", save},
+    {"/tfr", tfr},
+    {"/tfr_status", tfr_status},
+    {"/tfr_images", tfr_images},
+    {"/stream", nullptr, stream},
+};
 
 }  // namespace
 
+const Route* find_route(std::string_view path) {
+  for (const Route& r : kRoutes)
+    if (r.path == path) return &r;
+  return nullptr;
+}
+
 void dispatch(const ServerContext& ctx, SocketHandle s, const Request& req) {
-  const std::string& p = req.path;
-  // There is no general static route, so no path can climb out of the web
-  // root; "/logo.png" has no embedded copy and answers 404 without a file.
-  if (p == "/" || p == "/index.html") return send_file_or_asset(s, ctx.web_root + "/index.html");
-  if (p == "/logo.png") return send_file_or_asset(s, ctx.web_root + "/logo.png");
-  if (p == "/ball.png") return send_file_or_asset(s, ctx.web_root + "/ball.png");
-  if (p == "/piano.wav") return send_file_or_asset(s, ctx.web_root + "/piano.wav");
-  if (ctx.engine && dispatch_api(ctx, s, req)) return;
-  send_not_found(s);
+  if (std::optional<Response> file = static_route(ctx.web_root, req.path))
+    return send_response(s, *file);
+  const Route* route = ctx.engine ? find_route(req.path) : nullptr;
+  if (!route) return send_not_found(s);
+  if (route->stream) return route->stream(ctx, s);
+  send_response(s, route->answer(ctx, req));
 }
 
 }  // namespace cvn

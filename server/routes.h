@@ -1,20 +1,34 @@
-// The dispatcher: request path to the operation that answers it.
+// The dispatcher: request path to the operation that answers it. Every route
+// is listed in docs/api.md.
 #pragma once
 #include <string>
+#include <string_view>
 
 #include "server/http.h"
+#include "server/response.h"
 
 namespace cvn {
 
-/// What the routes need from the rest of the program. Filled once at start
-/// and read-only afterwards.
 class Engine;
 
+/// What the routes need from the rest of the program. Filled once at start
+/// and read-only afterwards.
 struct ServerContext {
   std::string web_root;
   std::string data_folder;
   Engine* engine = nullptr;  // null: only the page and media are served
 };
+
+/// One API route: a plain function from the request to its answer. The
+/// event stream is the one route that writes to the socket itself.
+struct Route {
+  std::string_view path;
+  Response (*answer)(const ServerContext&, const Request&) = nullptr;
+  void (*stream)(const ServerContext&, SocketHandle) = nullptr;
+};
+
+/// The API routes in dispatch order.
+const Route* find_route(std::string_view path);
 
 /// Answers one request; the path is compared byte for byte, the method never.
 void dispatch(const ServerContext& ctx, SocketHandle s, const Request& req);

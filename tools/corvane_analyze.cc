@@ -17,10 +17,10 @@
 #include "analysis/ecg.h"
 #include "analysis/heart_rate.h"
 #include "analysis/png.h"
-#include "app/file_util.h"
+#include "base/files.h"
 #include "engine/engine.h"
 #include "engine/import.h"
-#include "engine/recording.h"
+#include "base/recording.h"
 #include "server/json.h"
 
 namespace {
@@ -210,19 +210,19 @@ int main(int argc, char** argv) {
   }
   if (samples.empty()) return fail(kExitNotAnalysable, o.file + ": no ECG samples in the file");
 
-  const std::vector<double> rr = analyze_ecg(samples, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<double> rr = analyze_ecg(samples, kSampleRate, kMaxHeartRate);
   timings.emplace_back("r_peaks", watch.lap());
   if (rr.empty()) {
     return fail(kExitNotAnalysable, o.file +
                                         ": fewer than two R-peaks found (recording too "
                                         "short, or not an ECG)");
   }
-  const std::vector<double> hr = regular_hr(rr, samples.size(), kEcgSampleRate);
+  const std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);
   timings.emplace_back("heart_rate", watch.lap());
-  const CycleAnalysis a = analyze_cycles(samples, rr, cycle, kEcgSampleRate);
+  const CycleAnalysis a = analyze_cycles(samples, rr, cycle, kSampleRate);
   timings.emplace_back("cycles_and_tfr", watch.lap());
   if (a.empty()) {
-    const double seconds = static_cast<double>(samples.size()) / kEcgSampleRate;
+    const double seconds = static_cast<double>(samples.size()) / kSampleRate;
     if (seconds < cycle) {
       return fail(kExitNotAnalysable, o.file + ": " + short_number(round_to(seconds, 1)) +
                                           " s of ECG is shorter than one breathing cycle (" +

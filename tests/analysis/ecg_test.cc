@@ -21,7 +21,7 @@ constexpr double kMatchTolerance = 0.05;
 
 Series peak_times(const std::vector<int32_t>& peaks) {
   Series times;
-  for (int32_t p : peaks) times.push_back(p / kEcgSampleRate);
+  for (int32_t p : peaks) times.push_back(p / kSampleRate);
   return times;
 }
 
@@ -50,14 +50,14 @@ TEST_P(GoldenRecording, MatchesReferenceChain) {
   const Series ecg = test::read_samples(test::source_path(golden.fields.at("input")));
   ASSERT_FALSE(ecg.empty());
 
-  const std::vector<int32_t> peaks = find_r_peaks(ecg, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<int32_t> peaks = find_r_peaks(ecg, kSampleRate, kMaxHeartRate);
   const Series& expected_peaks = golden.series.at("peaks");
   ASSERT_EQ(peaks.size(), expected_peaks.size());
   for (std::size_t i = 0; i < peaks.size(); ++i) ASSERT_EQ(peaks[i], expected_peaks[i]) << i;
 
-  const Series rr = analyze_ecg(ecg, kEcgSampleRate, kMaxHeartRate);
+  const Series rr = analyze_ecg(ecg, kSampleRate, kMaxHeartRate);
   expect_series_near(rr, golden.series.at("rr"), 1e-12, "rr");
-  expect_series_near(regular_hr(rr, ecg.size(), kEcgSampleRate), golden.series.at("hr"), 1e-9,
+  expect_series_near(regular_hr(rr, ecg.size(), kSampleRate), golden.series.at("hr"), 1e-9,
                      "hr");
   const double cycle = std::stod(golden.fields.at("cycle_seconds"));
   expect_series_near(live_cvn_scores(rr, ecg.size(), cycle), golden.series.at("live"), 1e-12,
@@ -72,7 +72,7 @@ TEST(AnalyzeEcg, FindsBeatsOfARealisticRecordingInEitherPolarity) {
   test::SyntheticEcgOptions options;
   options.seconds = 600.0;
   const test::SyntheticEcg ecg = test::make_synthetic_ecg(options);
-  const std::vector<int32_t> peaks = find_r_peaks(ecg.samples, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<int32_t> peaks = find_r_peaks(ecg.samples, kSampleRate, kMaxHeartRate);
   const test::DetectionScore score =
       test::score_detection(ecg.beat_times, peak_times(peaks), kMatchTolerance);
   EXPECT_GE(score.sensitivity, 0.995);
@@ -83,7 +83,7 @@ TEST(AnalyzeEcg, FindsBeatsOfARealisticRecordingInEitherPolarity) {
   // an inverted lead would give Q and S waves within 50 ms, not R waves).
   Series inverted = ecg.samples;
   for (double& v : inverted) v = -v;
-  EXPECT_EQ(find_r_peaks(inverted, kEcgSampleRate, kMaxHeartRate), peaks);
+  EXPECT_EQ(find_r_peaks(inverted, kSampleRate, kMaxHeartRate), peaks);
 }
 
 TEST(AnalyzeEcg, TieInPolarityVoteKeepsUprightSignal) {
@@ -95,7 +95,7 @@ TEST(AnalyzeEcg, TieInPolarityVoteKeepsUprightSignal) {
     for (int d = -3; d <= 3; ++d)
       x[centre + d] = (k % 2 == 0 ? 1000.0 : -1000.0) * std::exp(-d * d / 2.0);
   }
-  const std::vector<int32_t> peaks = find_r_peaks(x, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<int32_t> peaks = find_r_peaks(x, kSampleRate, kMaxHeartRate);
   ASSERT_FALSE(peaks.empty());
   for (int32_t p : peaks) EXPECT_NEAR(p % 130, 0, 1) << p;
 }
@@ -105,7 +105,7 @@ TEST(AnalyzeEcg, EctopicBeatsAreRepairedToTheSinusRhythm) {
   options.seconds = 180.0;
   options.ectopic_beats = {30, 75, 120};
   const test::SyntheticEcg ecg = test::make_synthetic_ecg(options);
-  const Series rr = analyze_ecg(ecg.samples, kEcgSampleRate, kMaxHeartRate);
+  const Series rr = analyze_ecg(ecg.samples, kSampleRate, kMaxHeartRate);
   ASSERT_EQ(rr.size(), ecg.beat_times.size() - 1);
   for (std::size_t k = 0; k < rr.size(); ++k) {
     const double truth = ecg.beat_times[k + 1] - ecg.beat_times[k];
@@ -127,15 +127,15 @@ TEST(AnalyzeEcg, HeavyNoiseAndDropoutsStayLocal) {
   for (int i = 130 * 150; i < 130 * 150 + 65; ++i) ecg.samples[i] = nan;  // 0.5 s dropout
   ecg.samples[130 * 250] = std::numeric_limits<double>::infinity();
 
-  const std::vector<int32_t> peaks = find_r_peaks(ecg.samples, kEcgSampleRate, kMaxHeartRate);
+  const std::vector<int32_t> peaks = find_r_peaks(ecg.samples, kSampleRate, kMaxHeartRate);
   const test::DetectionScore score =
       test::score_detection(ecg.beat_times, peak_times(peaks), kMatchTolerance);
   // Bursts of muscle noise as tall as the R waves let some false beats through.
   EXPECT_GE(score.sensitivity, 0.98);
   EXPECT_GE(score.positive_predictivity, 0.95);
 
-  const Series rr = analyze_ecg(ecg.samples, kEcgSampleRate, kMaxHeartRate);
-  const Series hr = regular_hr(rr, ecg.samples.size(), kEcgSampleRate);
+  const Series rr = analyze_ecg(ecg.samples, kSampleRate, kMaxHeartRate);
+  const Series hr = regular_hr(rr, ecg.samples.size(), kSampleRate);
   ASSERT_EQ(hr.size(), 3000u);
   for (double v : hr) {  // the rate swings 58-72 bpm; doubled or lost beats would leave this band
     ASSERT_TRUE(std::isfinite(v));
@@ -144,17 +144,17 @@ TEST(AnalyzeEcg, HeavyNoiseAndDropoutsStayLocal) {
 }
 
 TEST(AnalyzeEcg, UnusableInputGivesEmptyResult) {
-  EXPECT_TRUE(analyze_ecg({}, kEcgSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg({1.0, 2.0}, kEcgSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(Series(5000, 7.0), kEcgSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(Series(5000, std::numeric_limits<double>::quiet_NaN()), kEcgSampleRate,
+  EXPECT_TRUE(analyze_ecg({}, kSampleRate, kMaxHeartRate).empty());
+  EXPECT_TRUE(analyze_ecg({1.0, 2.0}, kSampleRate, kMaxHeartRate).empty());
+  EXPECT_TRUE(analyze_ecg(Series(5000, 7.0), kSampleRate, kMaxHeartRate).empty());
+  EXPECT_TRUE(analyze_ecg(Series(5000, std::numeric_limits<double>::quiet_NaN()), kSampleRate,
                           kMaxHeartRate)
                   .empty());
   test::SyntheticEcgOptions options;
   options.seconds = 20.0;
   const Series ecg = test::make_synthetic_ecg(options).samples;
   EXPECT_TRUE(analyze_ecg(ecg, 0.0, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(ecg, kEcgSampleRate, 0).empty());
+  EXPECT_TRUE(analyze_ecg(ecg, kSampleRate, 0).empty());
 }
 
 }  // namespace

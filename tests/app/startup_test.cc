@@ -9,7 +9,7 @@
 #include <map>
 #include <regex>
 
-#include "app/log.h"
+#include "base/log.h"
 #include "assets/assets.h"
 #include "tests/support/temp_dir.h"
 

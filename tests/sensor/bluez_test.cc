@@ -17,9 +17,9 @@
 #include <sstream>
 #include <thread>
 
-#include "app/log.h"
+#include "base/log.h"
 #include "engine/engine.h"
-#include "engine/recording.h"
+#include "base/recording.h"
 #include "sensor/platform_backend.h"
 #include "sensor/polar_ble.h"
 #include "tests/support/golden_file.h"
@@ -162,8 +162,9 @@ TEST_F(BluezTest, ScanListsTheNamedDevicesInAddressOrderAfterTenSeconds) {
   PolarBle ble(make_platform_backend());
   EXPECT_TRUE(ble.available());
   auto start = std::chrono::steady_clock::now();
-  std::string error;
-  std::vector<BleDevice> devices = ble.scan(error);
+  ScanResult r = ble.scan();
+  const std::vector<BleDevice>& devices = r.devices;
+  const std::string& error = r.error;
   auto took = std::chrono::steady_clock::now() - start;
 
   std::vector<std::pair<std::string, std::string>> got;
@@ -192,9 +193,9 @@ TEST_F(BluezTest, AdapterMissingSwitchedOffOrUnreachable) {
   auto check = [](bool want_available, const char* what) {
     PolarBle ble(make_platform_backend(), quick());
     EXPECT_EQ(ble.available(), want_available) << what;
-    std::string error;
-    EXPECT_TRUE(ble.scan(error).empty()) << what;
-    EXPECT_EQ(error, kScanStartFailed) << what;
+    ScanResult r = ble.scan();
+    EXPECT_TRUE(r.devices.empty()) << what;
+    EXPECT_EQ(r.error, kScanStartFailed) << what;
   };
   ASSERT_NO_FATAL_FAILURE(start_fake({"--no-adapter"}));
   check(false, "BlueZ without an adapter");
@@ -218,13 +219,13 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) 
   ASSERT_GT(want.size(), 10000u);
   test::TempDir data;
   Engine engine(data.path(), std::make_unique<PolarBle>(make_platform_backend(), quick()));
-  engine.start_live(kStrap, {{"device", kStrapName}});
+  engine.start_live(kStrap, std::string(kStrapName), {});
   EXPECT_TRUE(wait_until([&] { return engine.current_samples().size() >= want.size(); }, 30s))
       << engine.current_samples().size() << " of " << want.size();
   ASSERT_TRUE(wait_until([&] { return contains(fake_log(), "stream complete"); }, 5s));
   std::this_thread::sleep_for(100ms);  // anything still in flight
   EXPECT_EQ(engine.current_samples(), want);
-  EXPECT_TRUE(contains(engine.status_json(), R"("bt_status":"Streaming ECG…")"));
+  EXPECT_EQ(engine.snapshot().bt_status, "Streaming ECG…");
   engine.stop();
 
   std::string calls = fake_log();

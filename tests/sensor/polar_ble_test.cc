@@ -12,7 +12,7 @@
 #include <mutex>
 #include <thread>
 
-#include "app/log.h"
+#include "base/log.h"
 #include "assets/assets.h"
 #include "engine/engine.h"
 #include "sensor/ble_common.h"
@@ -126,18 +126,25 @@ BleTimings quick() {
 
 class PolarBleTest : public testing::Test {
  protected:
-  void SetUp() override {
-    saved_home_ = std::getenv("HOME") ? std::getenv("HOME") : "";
-    ::setenv("HOME", home.path().c_str(), 1);
-    ::unsetenv("USERPROFILE");
-    std::filesystem::create_directories(home / "Documents/CVN-Live");
-    stack = std::make_shared<FakeStack>();
+  void SetUp() override { stack = std::make_shared<FakeStack>(); }
+  // The link's diagnostic lines, as the log file would hold them. Shared,
+  // because a detached worker may log after the test has ended.
+  struct Lines {
+    std::mutex mu;
+    std::string text;
+  };
+  std::shared_ptr<Lines> lines = std::make_shared<Lines>();
+  LogSink logger() {
+    return [l = lines](std::string_view m) {
+      std::lock_guard<std::mutex> g(l->mu);
+      l->text += "00:00:00  [BLE] " + std::string(m) + "\n";
+    };
   }
-  void TearDown() override { ::setenv("HOME", saved_home_.c_str(), 1); }
-  std::string log() { return test::slurp(log_path()); }
+  std::string log() {
+    std::lock_guard<std::mutex> g(lines->mu);
+    return lines->text;
+  }
 
-  test::TempDir home;
-  std::string saved_home_;
   std::shared_ptr<FakeStack> stack;
   Sink sink;
 };
@@ -146,9 +153,10 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrder) {
   stack->s.adverts = {{0xC0FFEE000002ull, "Polar H10 0000B"}, {0x000000000010ull, ""},
                       {0xA09E1A000001ull, "Polar H10 1234"},  {0xA09E1A000001ull, ""},
                       {0x0000000000FFull, "Watch"},           {0x000000000010ull, ""}};
-  PolarBle ble(stack, quick());
-  std::string error;
-  std::vector<BleDevice> d = ble.scan(error);
+  PolarBle ble(stack, quick(), logger());
+  ScanResult r = ble.scan();
+  const std::vector<BleDevice>& d = r.devices;
+  const std::string& error = r.error;
   ASSERT_EQ(d.size(), 3u);
   EXPECT_EQ(d[0].address, "00:00:00:00:00:FF");
   EXPECT_EQ(d[1].name, "Polar H10 1234");  // the later empty name erased nothing
@@ -159,23 +167,23 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrder) {
 }
 
 TEST_F(PolarBleTest, ScanFailuresAreMessagesNotExceptions) {
-  PolarBle ble(stack, quick());
-  std::string error;
-  EXPECT_TRUE(ble.scan(error).empty());
-  EXPECT_EQ(error,
+  PolarBle ble(stack, quick(), logger());
+  ScanResult r = ble.scan();
+  EXPECT_TRUE(r.devices.empty());
+  EXPECT_EQ(r.error,
             "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
             "close.");
   stack->scan_throws = true;
-  error.clear();
-  EXPECT_TRUE(ble.scan(error).empty());
-  EXPECT_EQ(error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.");
+  r = ble.scan();
+  EXPECT_TRUE(r.devices.empty());
+  EXPECT_EQ(r.error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.");
   EXPECT_TRUE(ble.available());
   stack->adapter = false;
   EXPECT_FALSE(ble.available());
 }
 
 TEST_F(PolarBleTest, StreamsDecodedBatchesAfterTheStartCommand) {
-  PolarBle ble(stack, quick());
+  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("a0:9e:1a:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
   auto link = stack->link();
@@ -204,7 +212,7 @@ TEST_F(PolarBleTest, StreamsDecodedBatchesAfterTheStartCommand) {
 
 TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
   stack->s.pmd_found_on_attempt = 0;
-  PolarBle ble(stack, quick());
+  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   const std::string failure =
       "Could not reach the Polar ECG service (Unreachable). Moisten the strap, keep it close, and "
@@ -225,7 +233,7 @@ TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
 TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
   stack->s.pmd_found_on_attempt = 3;
   stack->s.settings_reply = false;
-  PolarBle ble(stack, quick());
+  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
   EXPECT_NE(log().find("] no settings response (sending start anyway)\n"), std::string::npos);
@@ -235,7 +243,7 @@ TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
 TEST_F(PolarBleTest, MissingDeviceOrCharacteristics) {
   {
     stack->s.device_exists = false;
-    PolarBle ble(stack, quick());
+    PolarBle ble(stack, quick(), logger());
     ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
     EXPECT_TRUE(sink.wait_for(
         "Device not found. Try scanning again, or pair the H10 in Windows Bluetooth settings "
@@ -244,7 +252,7 @@ TEST_F(PolarBleTest, MissingDeviceOrCharacteristics) {
   {
     stack->s.device_exists = true;
     stack->s.characteristics = false;
-    PolarBle ble(stack, quick());
+    PolarBle ble(stack, quick(), logger());
     ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
     EXPECT_TRUE(sink.wait_for("Polar ECG characteristics missing."));
     EXPECT_NE(log().find("] control/data char missing\n"), std::string::npos);
@@ -253,7 +261,7 @@ TEST_F(PolarBleTest, MissingDeviceOrCharacteristics) {
 
 TEST_F(PolarBleTest, StopWhileConnectingIsHarmlessAndSilencesEverything) {
   stack->s.open_delay = 100ms;
-  PolarBle ble(stack, quick());
+  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   std::this_thread::sleep_for(20ms);
   ble.stop();
@@ -269,26 +277,28 @@ TEST_F(PolarBleTest, StopWhileConnectingIsHarmlessAndSilencesEverything) {
 
 TEST(SimulatedStrap, LiveSessionReceivesTheRecordingInOrder) {
   test::TempDir data;
-  BleTimings t = quick();
-  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_strap(), t));
-  std::string error;
-  auto devices = engine.sensor()->scan(error);
-  ASSERT_EQ(devices.size(), 1u);
-  EXPECT_EQ(devices[0].name, "Polar H10 SIM00001");
-  engine.start_live(devices[0].address, {{"device", devices[0].name}});
+  const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
+  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_strap(ecg), quick()));
+  ScanResult found = engine.sensor()->scan();
+  ASSERT_EQ(found.devices.size(), 1u);
+  EXPECT_EQ(found.devices[0].name, "Polar H10 SIM00001");
+
+  // A strap that is not there is reported as such, not streamed from.
+  engine.start_live("A0:9E:1A:00:00:02", std::nullopt, {});
+  EXPECT_TRUE(test::wait_until([&] { return engine.snapshot().bt_status.starts_with("Device not found."); },
+                               5s))
+      << engine.snapshot().bt_status;
+
+  engine.start_live(found.devices[0].address, found.devices[0].name, {});
   // Two notifications of 73 samples arrive in a little over a second.
-  auto until = std::chrono::steady_clock::now() + 5s;
-  while (engine.current_samples().size() < 2 * kSimulatedFrameSamples &&
-         std::chrono::steady_clock::now() < until)
-    std::this_thread::sleep_for(20ms);
+  EXPECT_TRUE(test::wait_until(
+      [&] { return engine.current_samples().size() >= 2 * kSimulatedFrameSamples; }, 5s));
+  EXPECT_EQ(engine.snapshot().bt_status, "Streaming ECG…");
   engine.stop();
   std::vector<double> got = engine.current_samples();
   ASSERT_GE(got.size(), 2u * kSimulatedFrameSamples);
   EXPECT_EQ(got.size() % kSimulatedFrameSamples, 0u);
-  std::vector<double> want = read_recording(*find_asset("Sample 1.txt"));
-  want.resize(got.size());
-  EXPECT_EQ(got, want);
-  EXPECT_NE(engine.status_json().find(R"("bt_status":"Streaming ECG…")"), std::string::npos);
+  EXPECT_TRUE(std::equal(got.begin(), got.end(), ecg.begin()));
   std::this_thread::sleep_for(700ms);  // after stop nothing more arrives
   EXPECT_EQ(engine.current_samples().size(), got.size());
 }

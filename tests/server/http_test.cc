@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "server/json.h"
+#include "server/response.h"
 #include "tests/support/http_client.h"
 
 namespace cvn {
@@ -20,8 +21,9 @@ using test::TestServer;
 void echo(SocketHandle s, const Request& r) {
   std::string q;
   for (const auto& [k, v] : r.query) q += json_text(k) + ":" + json_text(v) + ",";
-  send_json(s, "{\"method\":" + json_text(r.method) + ",\"path\":" + json_text(r.path) +
-                   ",\"query\":{" + q + "},\"body\":" + json_text(r.body) + "}");
+  send_response(s, Response::json("{\"method\":" + json_text(r.method) +
+                                   ",\"path\":" + json_text(r.path) + ",\"query\":{" + q +
+                                   "},\"body\":" + json_text(r.body) + "}"));
 }
 
 TEST(UrlDecode, PlusPercentAndShortEscapes) {

@@ -6,8 +6,6 @@
 
 namespace cvn {
 
-class Engine;
-
 struct TfrInput {
   std::vector<double> samples;
   double cycle_seconds = 16.0;
@@ -23,9 +21,5 @@ struct TfrImages {
 /// Pure: the two heat-maps as "data:image/png;base64," URIs, or the message
 /// the user sees when the recording cannot be analysed.
 TfrImages compute_tfr_images(const TfrInput& in);
-
-/// Sets tfr_status "computing", copies the session under the lock and
-/// computes without it; ends in "done" with both images or "error".
-void start_tfr_job(Engine& engine);
 
 }  // namespace cvn

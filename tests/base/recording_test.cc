@@ -1,5 +1,5 @@
 // The recording and markers formats and the names made from user input.
-#include "engine/recording.h"
+#include "base/recording.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +18,8 @@ TEST(RecordingReader, AcceptsWhatOtherToolsWriteAndSkipsText) {
       "3.5   \n"
       "7";  // last line without a line feed
   EXPECT_EQ(read_recording(text), (std::vector<double>{-125.0, 42.0, 3.5, 7.0}));
+  // One column as a Windows tool writes it.
+  EXPECT_EQ(read_recording("123\r\n-4\r\n"), (std::vector<double>{123.0, -4.0}));
   EXPECT_TRUE(read_recording("").empty());
   EXPECT_TRUE(read_recording("time,ecg\nabc\n").empty());
 }

@@ -1,4 +1,4 @@
-#include "app/file_util.h"
+#include "base/files.h"
 
 #include <cstdio>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "engine/recording.h"
+#include "base/recording.h"
 
 #include <cerrno>
 #include <cmath>

@@ -1,12 +1,27 @@
-#include "app/log.h"
+#include "base/log.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 namespace cvn {
 
+namespace {
+std::mutex g_mu;
+std::string g_folder;  // empty until start-up has resolved the data folder
+}  // namespace
+
+void set_log_folder(const std::string& data_folder) {
+  std::lock_guard<std::mutex> g(g_mu);
+  g_folder = data_folder;
+}
+
 std::string log_path() {
+  {
+    std::lock_guard<std::mutex> g(g_mu);
+    if (!g_folder.empty()) return g_folder + "/cvn_log.txt";
+  }
   const char* home = std::getenv("USERPROFILE");
   if (!home) home = std::getenv("HOME");
   if (!home) home = ".";

@@ -1,5 +1,5 @@
 // The "Compute TFR" job: from a replayed recording to the two pictures the browser shows.
-#include "engine/tfr_job.h"
+#include "engine/tfr_images.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -17,7 +17,7 @@
 #include "analysis/png.h"
 #include "assets/assets.h"
 #include "engine/engine.h"
-#include "engine/recording.h"
+#include "base/recording.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -110,19 +110,14 @@ TEST(TfrJob, FullReplayGivesTwoPictures) {
   ASSERT_TRUE(
       test::spit(data / "sample_data/Sample 1.txt", std::string(*find_asset("Sample 1.txt"))));
   Engine engine(data.path(), nullptr);
-  ASSERT_TRUE(engine.start_replay(data / "sample_data/Sample 1.txt",
-                                  {{"speed", "200"}, {"indur", "5"}, {"outdur", "11"}}));
+  ASSERT_TRUE(engine.start_replay(data / "sample_data/Sample 1.txt", {}, {200.0, ""}));
   ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
 
-  start_tfr_job(engine);
-  const auto status = [&] {
-    std::lock_guard<std::recursive_mutex> g(engine.lock());
-    return engine.tfr_status;
-  };
-  ASSERT_TRUE(wait_until([&] { return status() != "computing"; }, 20s));
-  std::lock_guard<std::recursive_mutex> g(engine.lock());
-  ASSERT_EQ(engine.tfr_status, "done") << engine.tfr_message;
-  for (const std::string* uri : {&engine.tfr3_uri, &engine.tfr10_uri}) {
+  engine.start_tfr();
+  ASSERT_TRUE(wait_until([&] { return engine.tfr().state != JobState::kRunning; }, 20s));
+  const TfrResult t = engine.tfr();
+  ASSERT_EQ(t.state, JobState::kDone) << t.message;
+  for (const std::string* uri : {&t.tfr3_uri, &t.tfr10_uri}) {
     Picture p;
     ASSERT_TRUE(read_picture(*uri, p));
     EXPECT_EQ(p.width, 1200u);

@@ -6,11 +6,9 @@
 #include <string_view>
 #include <vector>
 
-namespace cvn {
+#include "base/constants.h"
 
-/// The fixed ECG rate: sample counts convert to seconds with this number.
-inline constexpr double kSampleRate = 130.0;
-inline constexpr int kSampleRateInt = 130;
+namespace cvn {
 
 struct Marker {
   std::int32_t sample = 0;  // samples counted when it was set
