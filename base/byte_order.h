@@ -17,8 +17,12 @@ inline void put_be(std::vector<std::uint8_t>& out, std::uint64_t v, int bytes) {
   for (int i = bytes - 1; i >= 0; --i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
 }
 
-inline void put_u16_le(std::vector<std::uint8_t>& out, std::uint16_t v) { put_le(out, v, 2); }
-inline void put_u32_be(std::vector<std::uint8_t>& out, std::uint32_t v) { put_be(out, v, 4); }
+inline void put_u16_le(std::vector<std::uint8_t>& out, std::uint16_t v) {
+  put_le(out, v, 2);
+}
+inline void put_u32_be(std::vector<std::uint8_t>& out, std::uint32_t v) {
+  put_be(out, v, 4);
+}
 
 /// Reads `bytes` bytes least significant first. REQUIRES: p has them.
 inline std::uint64_t get_le(const std::uint8_t* p, int bytes) {

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
 
 #include "base/files.h"
 #include "base/numbers.h"
@@ -242,8 +242,8 @@ void Engine::clock_loop() {
       if (stop_request_) return;
       mode = mode_;
       if (mode == Mode::kReplay) {
-        double pos = std::trunc(
-            ((clock_.now() - clock_start_) * replay_speed_ + replay_offset_) * kSampleRate);
+        double pos = std::trunc(((clock_.now() - clock_start_) * replay_speed_ + replay_offset_) *
+                                kSampleRate);
         replay_pos_ = static_cast<std::int32_t>(std::clamp<double>(pos, INT32_MIN, replay_total_));
       }
     }

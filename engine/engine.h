@@ -101,8 +101,7 @@ class Engine {
  public:
   /// `ble` may be null: live mode then runs with no samples ever arriving.
   /// `clock` must outlive the engine; tests pass a ManualClock.
-  Engine(std::string data_folder, std::unique_ptr<BleManager> ble,
-         Clock& clock = Clock::system());
+  Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& clock = Clock::system());
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;

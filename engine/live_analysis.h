@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <vector>
 
-
 namespace cvn {
 
 struct SeriesPoint {

@@ -178,13 +178,13 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
           if (n == 3) {
             BleConnection::Discovery all = link->discover_all();
             log(std::string("full discovery: ") + gatt_status_text(all.status) + ", " +
-                    std::to_string(all.services) + " services");
+                std::to_string(all.services) + " services");
           }
           BleConnection::Discovery d = link->discover_service(kPmdServiceUuid);
           last_status = gatt_status_text(d.status);
           log("PMD discovery attempt " + std::to_string(n) + ": " + last_status + ", " +
-                  std::to_string(d.services) +
-                  " svc, conn=" + std::to_string(link->connected() ? 1 : 0));
+              std::to_string(d.services) +
+              " svc, conn=" + std::to_string(link->connected() ? 1 : 0));
           found = d.status == 0 && d.services > 0;
         } catch (...) {
           log("PMD discovery attempt " + std::to_string(n) + ": exception");
@@ -216,7 +216,7 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
       for (int i = 0; i < kSettingsPolls && !attempt->settings_reply; ++i)
         std::this_thread::sleep_for(t.settings_poll);
       log(attempt->settings_reply ? "settings response received"
-                                      : "no settings response (sending start anyway)");
+                                  : "no settings response (sending start anyway)");
       std::this_thread::sleep_for(t.before_start);
       link->write(kPmdControlUuid, pmd_start_ecg());
       attempt->streaming = true;

@@ -42,5 +42,4 @@ std::string json_number(double v) {
   return out;
 }
 
-
 }  // namespace cvn

@@ -109,7 +109,8 @@ Response stop(const ServerContext& c, const Request&) {
 
 Response save(const ServerContext& c, const Request&) {
   SaveResult r = c.engine->save();
-  if (!r.error.empty()) return Response::json("{\"ok\":false,\"error\":" + json_text(r.error) + "}");
+  if (!r.error.empty())
+    return Response::json("{\"ok\":false,\"error\":" + json_text(r.error) + "}");
   return Response::json("{\"ok\":true,\"file\":" + json_text(r.file) +
                         ",\"count\":" + std::to_string(r.count) + "}");
 }
@@ -127,7 +128,8 @@ Response tfr_status(const ServerContext& c, const Request&) {
 
 Response tfr_images(const ServerContext& c, const Request&) {
   TfrResult t = c.engine->tfr();
-  std::string body = std::string("{\"status\":\"") + job_text(t.state, "computing") + "\",\"images\":";
+  std::string body =
+      std::string("{\"status\":\"") + job_text(t.state, "computing") + "\",\"images\":";
   if (t.tfr3_uri.empty() && t.tfr10_uri.empty())
     body += "null}";
   else

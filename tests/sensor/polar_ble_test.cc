@@ -12,8 +12,8 @@
 #include <mutex>
 #include <thread>
 
-#include "base/log.h"
 #include "assets/assets.h"
+#include "base/log.h"
 #include "engine/engine.h"
 #include "sensor/ble_common.h"
 #include "sensor/pmd.h"
@@ -285,8 +285,8 @@ TEST(SimulatedStrap, LiveSessionReceivesTheRecordingInOrder) {
 
   // A strap that is not there is reported as such, not streamed from.
   engine.start_live("A0:9E:1A:00:00:02", std::nullopt, {});
-  EXPECT_TRUE(test::wait_until([&] { return engine.snapshot().bt_status.starts_with("Device not found."); },
-                               5s))
+  EXPECT_TRUE(test::wait_until(
+      [&] { return engine.snapshot().bt_status.starts_with("Device not found."); }, 5s))
       << engine.snapshot().bt_status;
 
   engine.start_live(found.devices[0].address, found.devices[0].name, {});

@@ -1,4 +1,5 @@
-// The JSON value writers every answer is built from.
+// The JSON value writers every answer is built from, the snapshot they
+// write, and the session parameters read from the page.
 #include "server/json.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,9 @@
 #include <cstdio>
 #include <limits>
 #include <random>
+
+#include "server/session_params.h"
+#include "server/snapshot_json.h"
 
 namespace cvn {
 namespace {
@@ -39,10 +43,66 @@ TEST(JsonText, EscapesOnlyQuoteBackslashAndLineFeed) {
   EXPECT_EQ(json_text(""), "\"\"");
 }
 
-TEST(RoundTo, HalvesAwayFromZero) {
-  EXPECT_EQ(round_to(71.96, 1), 72.0);
-  EXPECT_EQ(round_to(0.12345, 3), 0.123);
-  EXPECT_EQ(round_to(-2.25, 1), -2.3);  // halves away from zero
+TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
+  Snapshot s;
+  s.sex = "M";
+  s.hr = s.cvn = std::nan("");
+  s.hr_series = s.cvn_series = std::make_shared<const std::vector<SeriesPoint>>();
+  // The exact text fixes every field, its order and its idle value.
+  EXPECT_EQ(snapshot_json(s),
+            R"({"mode":"idle","running":false,"name_id":"","source_label":"","bt_status":"",)"
+            R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
+            R"("cvn":null,"rr_count":0,"ecg":[],"hr_series":[],"cvn_series":[],"indur":5,)"
+            R"("outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
+            R"("tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
+            R"("app_version":"1.0.0"})");
+}
+
+TEST(Snapshot, RoundingProgressSeriesAndMarkers) {
+  Snapshot s;
+  s.mode = Mode::kLive;
+  s.running = true;
+  s.name_id = "A\"b\nc\td\\";
+  s.hr = 71.96;
+  s.cvn = -0.9996;
+  s.samples = 130 * 400;  // 25 cycles of 16 s: progress stops at 1
+  s.scope = {1.25, -2.25};
+  s.hr_series = std::make_shared<const std::vector<SeriesPoint>>(
+      std::vector<SeriesPoint>{{0, 61.25}, {0.1, 61.3}});
+  s.cvn_series =
+      std::make_shared<const std::vector<SeriesPoint>>(std::vector<SeriesPoint>{{0, std::nan("")}});
+  s.markers = {{1300, 3}, {650, 9}};
+  s.tfr = JobState::kRunning;
+  s.export_job = JobState::kError;
+  s.saved_as = "x.csv";
+  const std::string j = snapshot_json(s);
+  for (const char* part :
+       {R"("mode":"live","running":true,"name_id":"A\"b\nc	d\\")",
+        R"("elapsed":400,"total":0,"frac":1,"cycles_done":25,)", R"("hr":72,"cvn":-1,)",
+        R"("ecg":[1.3,-2.3],)",
+        R"("hr_series":[{"x":0,"y":61.25},{"x":0.1,"y":61.3}],"cvn_series":[{"x":0,"y":null}],)",
+        R"("tfr_status":"computing","saved_as":"x.csv","export_status":"error",)",
+        R"("markers":[{"t":10,"k":3},{"t":5,"k":9}],)"})
+    EXPECT_NE(j.find(part), std::string::npos) << part << "\n" << j;
+  s.mode = Mode::kReplay;
+  s.samples = 650;
+  s.replay_total = 1300;
+  EXPECT_NE(snapshot_json(s).find(R"("elapsed":5,"total":10,"frac":0.5,)"), std::string::npos);
+}
+
+TEST(SessionParams, CommasDefaultsAndTruncation) {
+  SessionSettings s = session_settings(
+      {{"indur", "1,95"}, {"outdur", "abc"}, {"sex", "female"}, {"age", "63.9"}, {"name", ""}});
+  EXPECT_EQ(s.indur, 1.95);
+  EXPECT_EQ(s.outdur, 11.0);
+  EXPECT_EQ(s.sex, "F");
+  EXPECT_EQ(s.age, 63);
+  EXPECT_EQ(s.name, std::optional<std::string>(""));
+  s = session_settings({{"age", "?"}, {"sex", "m"}});
+  EXPECT_EQ(s.age, 40);
+  EXPECT_EQ(s.sex, "M");
+  EXPECT_FALSE(s.name);  // absent: the previous name stays
+  EXPECT_EQ(replay_options({}).speed, 2.0);
 }
 
 }  // namespace
