@@ -144,7 +144,7 @@ std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, dou
   return out;
 }
 
-std::string sanitize_file_name(std::string_view name) {
+std::string sanitize_file_name(std::string_view name, std::string_view fallback) {
   std::string out;
   for (char c : name) {
     bool keep = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -152,7 +152,7 @@ std::string sanitize_file_name(std::string_view name) {
     out.push_back(keep ? c : '_');
   }
   std::size_t first = out.find_first_not_of('_');
-  if (first == std::string::npos) return "recording";
+  if (first == std::string::npos) return std::string(fallback);
   std::size_t last = out.find_last_not_of('_');
   return out.substr(first, last - first + 1);
 }

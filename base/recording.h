@@ -39,8 +39,8 @@ std::string marker_summary(const std::vector<Marker>& markers);
 std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, double cycle_seconds);
 
 /// Letters, digits, '-', '.', '_' kept, other bytes '_', outer '_' trimmed,
-/// "recording" when nothing is left.
-std::string sanitize_file_name(std::string_view name);
+/// `fallback` when nothing is left.
+std::string sanitize_file_name(std::string_view name, std::string_view fallback = "recording");
 
 /// Shortest general form of a period: 5 -> "5", 5.5 -> "5.5".
 std::string short_number(double v);

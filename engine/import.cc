@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 
 #include "base/recording.h"
@@ -11,6 +12,24 @@ namespace {
 
 // Rates this close to 130 are the chest strap's own, give or take a clock's error.
 constexpr double kSameRateTolerance = 0.5;
+// Enough of the file to see its preamble without reading a whole study.
+constexpr std::size_t kKubiosSniffBytes = 4000;
+
+std::string_view trim(std::string_view s) {
+  const char* ws = " \t\r";
+  std::size_t a = s.find_first_not_of(ws);
+  if (a == std::string_view::npos) return {};
+  return s.substr(a, s.find_last_not_of(ws) - a + 1);
+}
+
+// The whole cell must be one decimal number ("0.812", "-1e-3"); "0.8 s" is not.
+bool read_number(std::string_view cell, double* out) {
+  if (cell.empty()) return false;
+  std::string text(cell);
+  char* end = nullptr;
+  *out = std::strtod(text.c_str(), &end);
+  return end == text.c_str() + text.size();
+}
 
 }  // namespace
 
@@ -34,6 +53,54 @@ std::vector<double> resample(const std::vector<double>& samples, double source_r
     }
   }
   return out;
+}
+
+bool looks_like_kubios(std::string_view text) {
+  std::string head(text.substr(0, kKubiosSniffBytes));
+  for (char& c : head)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return head.find("kubios") != std::string::npos ||
+         head.find("hrv analysis results") != std::string::npos || head.starts_with("sep=") ||
+         head.find("\nsep=") != std::string::npos;
+}
+
+std::vector<double> read_kubios_rr(std::string_view text) {
+  std::vector<double> rr;
+  bool in_table = false;
+  while (!text.empty()) {
+    std::size_t eol = text.find('\n');
+    std::string_view line = text.substr(0, eol);
+    text = eol == std::string_view::npos ? std::string_view() : text.substr(eol + 1);
+    if (!in_table) {
+      in_table = line.find("RR INTERVAL DATA") != std::string_view::npos;
+      continue;
+    }
+    std::string_view cells[3];
+    int n = 0;
+    for (std::size_t at = 0; n < 3; ++n) {
+      std::size_t comma = line.find(',', at);
+      cells[n] = trim(line.substr(at, comma == std::string_view::npos ? comma : comma - at));
+      if (comma == std::string_view::npos) {
+        ++n;
+        break;
+      }
+      at = comma + 1;
+    }
+    if (n < 3) continue;
+    double beat_time, interval;
+    if (read_number(cells[1], &beat_time) && read_number(cells[2], &interval)) {
+      rr.push_back(interval);
+    } else if (!rr.empty() && cells[1].empty() && cells[2].empty()) {
+      break;  // the RR column has ended; the ECG columns may run on
+    }
+  }
+  return rr;
+}
+
+std::string import_name(std::string_view file_name) {
+  std::size_t dot = file_name.rfind('.');
+  if (dot != std::string_view::npos) file_name = file_name.substr(0, dot);
+  return sanitize_file_name(file_name, "import");
 }
 
 }  // namespace cvn
