@@ -9,6 +9,7 @@
 
 #include "base/files.h"
 #include "base/numbers.h"
+#include "engine/import.h"
 #include "engine/tfr_images.h"
 #include "sensor/ble_manager.h"
 
@@ -25,6 +26,14 @@ constexpr auto kWorkerWaitStep = std::chrono::milliseconds(10);
 // smoothly.
 constexpr double kScopeDelaySamples = 52;
 constexpr double kMinPeriod = 0.05;
+// Rates an imported ECG may claim: below, no beat shape survives; above, it
+// is no ECG recorder we know of.
+constexpr double kMinImportRate = 20.0;
+constexpr double kMaxImportRate = 20000.0;
+
+bool valid_import_rate(const std::optional<double>& rate) {
+  return rate && *rate >= kMinImportRate && *rate <= kMaxImportRate;
+}
 
 const auto kNoSeries = std::make_shared<const std::vector<SeriesPoint>>();
 
@@ -56,6 +65,7 @@ void Engine::apply_settings(const SessionSettings& st) {
   cycle_seconds_ = round_to(outdur_ + indur_, 2);
   sex_ = st.sex;
   age_ = st.age;
+  if (valid_import_rate(st.import_rate)) import_rate_ = *st.import_rate;
 }
 
 void Engine::reset_results() {
@@ -313,6 +323,48 @@ SaveResult Engine::save() {
   }
   r.file = file;
   r.count = c.samples.size();
+  return r;
+}
+
+ImportResult Engine::import_recording(const std::string& text, const std::string& file_name,
+                                      const SessionSettings& settings,
+                                      const ReplayOptions& options) {
+  ImportResult r;
+  if (text.empty()) {
+    r.note = "No file received.";
+    return r;
+  }
+  const std::string name = import_name(file_name);
+  if (looks_like_kubios(text)) {
+    r.note = "Kubios RR exports can be imported once batch processing is available.";
+    return r;
+  }
+  double rate;
+  {
+    Guard g(mu_);
+    if (valid_import_rate(settings.import_rate)) import_rate_ = *settings.import_rate;
+    rate = import_rate_;
+  }
+  std::vector<double> samples = resample(read_recording(text), rate);
+  if (samples.size() < kMinImportSamples) {
+    r.note =
+        "That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios "
+        "export.";
+    return r;
+  }
+  r.file = "imported_" + name + "_" + file_time_stamp(clock_.wall()) + ".csv";
+  const std::string path = data_folder_ + "/recordings/" + r.file;
+  if (!write_file(path, format_recording(samples))) {
+    r.note = "Could not save the imported recording in " + data_folder_ + "/recordings.";
+    r.file.clear();
+    return r;
+  }
+  ReplayOptions o = options;
+  o.label = "Imported — " + name;
+  if (!start_replay(path, settings, o)) {
+    r.note = "Could not read back the imported recording " + path + ".";
+    r.file.clear();
+  }
   return r;
 }
 

@@ -47,6 +47,9 @@ struct SessionSettings {
   double outdur = 11.0;
   std::string sex = "M";  // "M" or "F"
   int age = 40;
+  /// Rate of imported raw ECG, Hz; kept only from 20 to 20,000, otherwise
+  /// the previous rate stays.
+  std::optional<double> import_rate;
 };
 
 struct ReplayOptions {
@@ -77,6 +80,14 @@ struct SaveResult {
   std::string error;  // empty on success, else for the user
   std::string file;   // the recording's file name
   std::size_t count = 0;
+};
+
+/// How an upload ended: either a note for the user, or what it became.
+struct ImportResult {
+  std::string note;  // empty on success
+  std::string file;  // raw ECG: the recording it was saved as
+  bool kubios = false;
+  std::size_t beats = 0;  // Kubios: RR intervals read
 };
 
 struct TfrResult {
@@ -134,6 +145,12 @@ class Engine {
   /// Writes the recording and its markers into the recordings folder.
   SaveResult save();
 
+  /// An uploaded file named `file_name`: raw ECG (resampled from the import
+  /// rate) is saved as a recording and replays at once; a Kubios RR export
+  /// goes to a batch of its own that writes its report.
+  ImportResult import_recording(const std::string& text, const std::string& file_name,
+                                const SessionSettings& s, const ReplayOptions& options);
+
   Snapshot snapshot();
 
   /// Starts the TFR job on a thread of its own; its result shows in tfr().
@@ -183,6 +200,7 @@ class Engine {
   double cycle_seconds_ = 16.0;
   std::string sex_ = "M";
   int age_ = 40;
+  double import_rate_ = kSampleRate;
 
   std::vector<double> replay_samples_;
   std::vector<double> live_samples_;

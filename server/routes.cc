@@ -137,6 +137,19 @@ Response tfr_images(const ServerContext& c, const Request&) {
   return Response::json(std::move(body));
 }
 
+Response import(const ServerContext& c, const Request& r) {
+  std::string file_name = r.param("fname");
+  if (file_name.empty()) file_name = r.param("name");
+  if (file_name.empty()) file_name = "import.txt";
+  ImportResult i = c.engine->import_recording(r.body, file_name, session_settings(r.query),
+                                              replay_options(r.query));
+  if (!i.note.empty()) return Response::json("{\"ok\":false,\"note\":" + json_text(i.note) + "}");
+  if (i.kubios)
+    return Response::json("{\"ok\":true,\"kubios\":true,\"beats\":" + std::to_string(i.beats) +
+                          "}");
+  return Response::json("{\"ok\":true,\"file\":" + json_text(i.file) + "}");
+}
+
 void stream(const ServerContext& c, SocketHandle s) {
   send_all(s,
            "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: "
@@ -164,6 +177,7 @@ constexpr Route kRoutes[] = {
     {"/tfr", tfr},
     {"/tfr_status", tfr_status},
     {"/tfr_images", tfr_images},
+    {"/import", import},
     {"/stream", nullptr, stream},
 };
 

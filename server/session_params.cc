@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "base/constants.h"
+
 namespace cvn {
 
 double number_param(const Params& p, const std::string& key, double fallback) {
@@ -28,6 +30,8 @@ SessionSettings session_settings(const Params& p) {
   // Truncated toward zero; a value no int can hold is no age at all.
   double age = number_param(p, "age", 40.0);
   s.age = std::isfinite(age) && std::fabs(age) < 1e9 ? static_cast<int>(age) : 40;
+  if (auto it = p.find("fs"); it != p.end() && !it->second.empty())
+    s.import_rate = number_param(p, "fs", kSampleRate);
   return s;
 }
 

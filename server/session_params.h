@@ -15,7 +15,7 @@ using Params = std::map<std::string, std::string>;
 /// decimal comma is accepted ("5,5" is 5.5).
 double number_param(const Params& p, const std::string& key, double fallback);
 
-/// `name`, `indur`, `outdur`, `sex` and `age`, with their defaults.
+/// `name`, `indur`, `outdur`, `sex`, `age` and `fs`, with their defaults.
 SessionSettings session_settings(const Params& p);
 
 /// `speed` (default 2) and `label`.

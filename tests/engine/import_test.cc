@@ -57,12 +57,13 @@ TEST(Resample, LeavesTheInputAloneWhenThereIsNothingToDo) {
 // results block, the table title, two header rows, then 13 cells per row
 // (empty, beat time, RR, spectra, components, ECG time, ECG, marker), CRLF.
 std::string kubios_export(const std::vector<double>& rr, int ecg_rows_after = 0) {
-  std::string t = "sep=,\r\nKubios HRV Scientific,version 4.1\r\n\r\nRESULTS FOR SINGLE SAMPLE\r\n"
-                  "Mean RR  (ms):,812.5\r\n\r\n"
-                  "RR INTERVAL DATA, SPECTRUM ESTIMATES AND ECG-WAVEFORM\r\n"
-                  ",Time,RR interval,FFT spectrum,,AR spectrum,,VLF comp,LF comp,HF comp,ECG time,"
-                  "ECG,Marker\r\n"
-                  ",(s),(s),(Hz),(s^2/Hz),(Hz),(s^2/Hz),(s),(s),(s),(s),(mV),\r\n";
+  std::string t =
+      "sep=,\r\nKubios HRV Scientific,version 4.1\r\n\r\nRESULTS FOR SINGLE SAMPLE\r\n"
+      "Mean RR  (ms):,812.5\r\n\r\n"
+      "RR INTERVAL DATA, SPECTRUM ESTIMATES AND ECG-WAVEFORM\r\n"
+      ",Time,RR interval,FFT spectrum,,AR spectrum,,VLF comp,LF comp,HF comp,ECG time,"
+      "ECG,Marker\r\n"
+      ",(s),(s),(Hz),(s^2/Hz),(Hz),(s^2/Hz),(s),(s),(s),(s),(mV),\r\n";
   double time = 0;
   for (std::size_t i = 0; i < rr.size(); ++i) {
     time += rr[i];
@@ -91,7 +92,7 @@ TEST(Kubios, ReadsTheRrColumnWhereverTheOtherColumnsEnd) {
   ASSERT_EQ(got.size(), rr.size());
   for (std::size_t i = 0; i < rr.size(); ++i) EXPECT_NEAR(got[i], rr[i], 1e-6);
   EXPECT_EQ(read_kubios_rr(kubios_export({0.8, 0.9})).size(), 2u);  // too few for a report
-  EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());  // no table title
+  EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());   // no table title
   // A cell must be a whole number: "0.8 s" is a header, not a beat.
   EXPECT_TRUE(read_kubios_rr("RR INTERVAL DATA\n,1,0.8 s\n,x,0.8\n").empty());
 }

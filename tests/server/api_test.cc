@@ -89,6 +89,30 @@ TEST_F(Api, ReplayControlRoutes) {
   EXPECT_EQ(http_get(server.port(), "/export"), std::string(kNotFoundAnswer));  // not built yet
 }
 
+TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
+  auto post = [&](const std::string& target, const std::string& body) {
+    return body_of(test::http_post(server.port(), target, body));
+  };
+  EXPECT_EQ(post("/import?fname=x.txt", ""), R"({"ok":false,"note":"No file received."})");
+  const std::string refused =
+      R"({"ok":false,"note":"That file did not look like a raw ECG (.txt/.csv with one sample )"
+      R"(per line) or a Kubios export."})";
+  std::string ecg;
+  for (int i = 0; i < 3600; ++i) ecg += std::to_string(i % 360) + "\r\n";  // 10 s at 360 Hz
+  EXPECT_EQ(post("/import?fs=3600", ecg), refused);                        // 1 s is too short
+  std::string reply = post("/import?fname=My%20Data.txt&fs=360&speed=0&name=P", ecg);
+  ASSERT_TRUE(reply.starts_with(R"({"ok":true,"file":"imported_My_Data_)")) << reply;
+  const std::string file = reply.substr(19, reply.size() - 21);
+  std::string saved = test::slurp(data / ("recordings/" + file));
+  EXPECT_EQ(std::count(saved.begin(), saved.end(), '\n'), 1300);  // round(3600 / 360 x 130)
+  std::string s = get("/status");
+  EXPECT_NE(s.find(R"("mode":"replay","running":true,"name_id":"P",)"
+                   R"("source_label":"Imported — My_Data")"),
+            std::string::npos)
+      << s.substr(0, 200);
+  EXPECT_NE(s.find(R"("total":10,)"), std::string::npos);
+}
+
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
   EXPECT_EQ(get("/tfr_images"), R"({"status":"idle","images":null})");
   EXPECT_EQ(get("/start_replay?file=b.txt"), R"({"ok":true})");
