@@ -129,19 +129,10 @@ TEST(AnalyzeCycles, PreconditionsAndShape) {
   EXPECT_EQ(one.expected_freq, 0.0625);
   EXPECT_EQ(one.expected_row, 85);
   EXPECT_EQ(one.frequencies.size(), 320u);
+  // Which samples the 1200 columns keep is pinned against the renderer in tfr_test.cc.
   for (const TfrMatrix* m : {&one.tfr3, &one.tfr10}) {
-    EXPECT_EQ(m->rows, 320u);
-    EXPECT_EQ(m->cols, 1200u);
     EXPECT_EQ(m->power.size(), 320u * 1200u);
   }
-  EXPECT_EQ(one.column_samples[1], 1);  // floor(1 x 2080 / 1200)
-  EXPECT_EQ(one.column_samples[1199], 2078);
-
-  // A recording shorter than the matrix is wide keeps every sample.
-  const CycleAnalysis short_one = analyze_cycles(std::vector<double>(780), rr, 6, kRate);
-  ASSERT_FALSE(short_one.empty());
-  EXPECT_EQ(short_one.tfr10.cols, 780u);
-  EXPECT_EQ(short_one.column_samples[779], 779);
 
   struct Case {
     const char* what;
