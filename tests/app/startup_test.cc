@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "assets/assets.h"
+#include "reports/report_logo.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
