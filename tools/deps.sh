@@ -4,7 +4,7 @@
 set -euo pipefail
 
 build_pkgs=(g++ cmake make pkg-config libsystemd-dev)
-test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
+test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl libedf-dev python3-mne qpdf poppler-utils
            python3 python3-numpy python3-scipy chromium dbus python3-dbus python3-gi)
 
 case "${1:-build}" in
