@@ -171,9 +171,9 @@ std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marke
   return out;
 }
 
-std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
+std::string report_date(std::int64_t unix_seconds) {
   char date[32] = "";
-  std::time_t t = static_cast<std::time_t>(f.start_time);
+  std::time_t t = static_cast<std::time_t>(unix_seconds);
   std::tm local{};
 #ifdef _WIN32
   localtime_s(&local, &t);
@@ -181,7 +181,10 @@ std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
   localtime_r(&t, &local);
 #endif
   std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
+  return date;
+}
 
+std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
   const long whole = std::lround(f.duration_seconds);
   char duration[64];
   std::snprintf(duration, sizeof duration, "%ld:%02ld min (%.1f s)", whole / 60, whole % 60,
@@ -191,7 +194,7 @@ std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
     cycles += " (" + std::to_string(f.cycles_with_value) + " with a value)";
 
   return {
-      {"Date", date},
+      {"Date", report_date(f.start_time)},
       {"Sex / Age", f.sex + " / " + std::to_string(f.age)},
       {"Periods", "in " + short_number(f.indur) + " s / out " + short_number(f.outdur) + " s"},
       {"Cycle length", short_number(f.cycle_seconds) + " s"},

@@ -48,6 +48,9 @@ struct SummaryFacts {
   std::vector<Marker> markers;
 };
 
+/// Local time as "%Y-%m-%d %H:%M", as the reports show dates.
+std::string report_date(std::int64_t unix_seconds);
+
 /// Date, Sex / Age, Periods, Cycle length, Expected frequency, Cycles
 /// recorded, Duration, R-peaks, Markers: label and value, in that order.
 std::vector<SummaryRow> summary_rows(const SummaryFacts& facts);
