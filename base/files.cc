@@ -41,7 +41,8 @@ std::string write_file_checked(const std::string& path, std::string_view bytes) 
   errno = 0;
   File f(std::fopen(path.c_str(), "wb"));
   bool ok = f != nullptr;
-  if (ok && !bytes.empty()) ok = std::fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size();
+  if (ok && !bytes.empty())
+    ok = std::fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size();
   // A full disk often shows only when the buffered rest is flushed.
   if (ok) ok = std::fclose(f.release()) == 0;
   if (ok) return {};

@@ -523,7 +523,7 @@ std::string recording_report_pdf(const RecordingReport& r) {
 std::string summary_report_pdf(const SummaryReport& r) {
   // Table geometry: columns by their left or right edge.
   constexpr double kRowHeight = 16;
-  constexpr double kTableTop = 700;
+  constexpr double kTableTop = 724;
   constexpr double kTableBottom = 70;
   constexpr double kNameX = kLeft + 4, kFileX = kLeft + 128;
   constexpr double kDurationRight = 405, kBeatsRight = 452, kCvnRight = kRight - 4;
