@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "app/platform.h"
+#include "assets/assets.h"
 #include "base/files.h"
 #include "base/log.h"
 #include "base/recording.h"
-#include "app/platform.h"
-#include "assets/assets.h"
 #include "engine/engine.h"
 #include "sensor/sensor_link.h"
 #include "server/http.h"
@@ -29,16 +29,6 @@ bool readable(const std::string& path) {
 std::string parent_folder(const std::string& path) {
   std::size_t slash = path.find_last_of("/\\");
   return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
-std::uint16_t be16(std::string_view d, std::size_t at) {
-  return static_cast<std::uint16_t>((static_cast<unsigned char>(d[at]) << 8) |
-                                    static_cast<unsigned char>(d[at + 1]));
-}
-
-bool is_frame_marker(unsigned char m) {
-  // SOF0..SOF15 less DHT (C4), JPG (C8) and DAC (CC), which share the range.
-  return m >= 0xC0 && m <= 0xCF && m != 0xC4 && m != 0xC8 && m != 0xCC;
 }
 
 // Lenient like atoi: leading blanks, trailing junk ignored, no digits is 0.
@@ -114,27 +104,6 @@ void prepare_data_folder(const Folders& f) {
   for (const char* name : {"Sample 1.txt", "Sample 2.txt"}) {
     if (auto bytes = find_asset(name)) write_file(samples + "/" + name, *bytes);
   }
-}
-
-bool jpeg_frame_size(std::string_view d, std::uint16_t* width, std::uint16_t* height) {
-  if (d.size() < 12) return false;
-  std::size_t pos = 2;  // behind the start-of-image marker
-  while (pos + 9 < d.size()) {
-    if (static_cast<unsigned char>(d[pos]) != 0xFF) {
-      ++pos;
-      continue;
-    }
-    unsigned char marker = static_cast<unsigned char>(d[pos + 1]);
-    if (is_frame_marker(marker)) {
-      *height = be16(d, pos + 5);
-      *width = be16(d, pos + 7);
-      return *width != 0 && *height != 0;
-    }
-    std::uint16_t length = be16(d, pos + 2);
-    if (length < 2) return false;
-    pos += 2 + length;
-  }
-  return false;
 }
 
 ReportLogo load_report_logo(const std::string& web_root) {

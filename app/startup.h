@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/constants.h"
+#include "reports/report_logo.h"
 
 namespace cvn {
 
@@ -33,18 +34,6 @@ Folders resolve_folders(const EnvLookup& env, const std::string& exe_dir);
 /// folder's sample_data/, and writes both bundled samples (always, so they
 /// match the program). Every failure is ignored: later writers report theirs.
 void prepare_data_folder(const Folders& f);
-
-/// JPEG bytes and their pixel size, for the PDF reports; empty = no logo.
-struct ReportLogo {
-  std::string jpeg;
-  std::uint16_t width = 0;
-  std::uint16_t height = 0;
-  bool empty() const { return jpeg.empty(); }
-};
-
-/// Finds the size in the first start-of-frame header. False for data that
-/// is too short, malformed, or has no frame header with a non-zero size.
-bool jpeg_frame_size(std::string_view jpeg, std::uint16_t* width, std::uint16_t* height);
 
 /// report_logo.jpg (or .jpeg) from the web root, else the embedded logo.
 ReportLogo load_report_logo(const std::string& web_root);

@@ -1,6 +1,8 @@
 #include "base/files.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 namespace cvn {
@@ -33,6 +35,19 @@ bool write_file(const std::string& path, std::string_view bytes) {
   if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size())
     return false;
   return std::fclose(f.release()) == 0;
+}
+
+std::string write_file_checked(const std::string& path, std::string_view bytes) {
+  errno = 0;
+  File f(std::fopen(path.c_str(), "wb"));
+  bool ok = f != nullptr;
+  if (ok && !bytes.empty())
+    ok = std::fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size();
+  // A full disk often shows only when the buffered rest is flushed.
+  if (ok) ok = std::fclose(f.release()) == 0;
+  if (ok) return {};
+  const int err = errno;
+  return "Could not write " + path + ": " + (err ? std::strerror(err) : "write failed");
 }
 
 }  // namespace cvn

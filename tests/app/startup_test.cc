@@ -11,6 +11,7 @@
 
 #include "assets/assets.h"
 #include "base/log.h"
+#include "reports/report_logo.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;

@@ -1,0 +1,142 @@
+#include "reports/export.h"
+
+#include <ctime>
+#include <filesystem>
+#include <numeric>
+#include <string_view>
+#include <system_error>
+
+#include "analysis/cycles.h"
+#include "analysis/ecg.h"
+#include "analysis/heart_rate.h"
+#include "base/constants.h"
+#include "base/files.h"
+#include "reports/edf.h"
+#include "reports/export_files.h"
+#include "reports/report.h"
+
+namespace fs = std::filesystem;
+
+namespace cvn {
+namespace {
+
+// The PDF's maps keep 45 % of the colour below the reference level, as the
+// page's maps do, so the report matches what was seen on screen.
+constexpr bool kBlendGrey = true;
+
+// Makes the first free "<stem>_export", "<stem>-2_export", ...; creating the
+// folder itself is the test, so two exports at once never share one.
+std::string make_folder(const std::string& exports, const std::string& stem, std::string* error) {
+  std::error_code ec;
+  fs::create_directories(exports, ec);
+  if (ec || !fs::is_directory(exports, ec)) {
+    *error = "Could not create the exports folder " + exports + ": " +
+             (ec ? ec.message() : std::string("a file of that name is in the way"));
+    return {};
+  }
+  for (int n = 1; n <= kMaxExportFolders; ++n) {
+    const std::string path =
+        exports + "/" + stem + (n == 1 ? "" : "-" + std::to_string(n)) + "_export";
+    if (fs::exists(fs::symlink_status(path, ec))) continue;
+    if (fs::create_directory(path, ec)) return path;
+    if (ec && ec != std::errc::file_exists) {
+      *error = "Could not create the export folder " + path + ": " + ec.message();
+      return {};
+    }
+  }
+  *error = "Could not create an export folder in " + exports + ": " +
+           std::to_string(kMaxExportFolders) + " exports of " + stem + " are already there";
+  return {};
+}
+
+}  // namespace
+
+ExportResult write_export(const ExportInput& in, const std::string& exports_folder) {
+  ExportResult out;
+  const bool have_ecg = !in.samples.empty();
+
+  // Analysis first: nothing is created for a recording the writer cannot read.
+  std::vector<double> rr;
+  std::size_t beats = 0;
+  std::size_t sample_count = in.samples.size();
+  std::vector<double> rr_samples;  // stands in for the ECG: the cycle pass counts samples only
+  if (have_ecg) {
+    const std::vector<std::int32_t> peaks = find_r_peaks(in.samples, kSampleRate, kMaxHeartRate);
+    rr = rr_from_peaks(peaks, kSampleRate);
+    beats = peaks.size();
+  } else {
+    rr = in.rr_seconds;
+    beats = rr.empty() ? 0 : rr.size() + 1;
+    const double seconds = std::accumulate(rr.begin(), rr.end(), 0.0);
+    sample_count = static_cast<std::size_t>(std::max(0.0, seconds * kSampleRate));
+    rr_samples.assign(sample_count, 0.0);
+  }
+  const std::vector<double> hr = regular_hr(rr, sample_count, kSampleRate);
+  const CycleAnalysis cycles =
+      analyze_cycles(have_ecg ? in.samples : rr_samples, rr, in.cycle_seconds, kSampleRate);
+  out.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
+  out.beats = beats;
+  out.cvn_mean = finite_mean(cycles.cvn);
+
+  const std::string stem = sanitize_file_name(in.name);
+  out.folder = make_folder(exports_folder, stem, &out.error);
+  if (out.folder.empty()) return out;
+
+  const auto write = [&](std::string_view ending, std::string_view bytes) {
+    if (!out.error.empty()) return;
+    const std::string name = stem + std::string(ending);
+    out.error = write_file_checked(out.folder + "/" + name, bytes);
+    if (out.error.empty()) out.files.push_back(name);
+  };
+
+  const std::int64_t start = in.start_time ? in.start_time : std::time(nullptr);
+  if (have_ecg) write("_ECG.txt", format_recording(in.samples));
+  write("_HR.txt", hr_text(hr));
+  write("_markers.csv", markers_csv(in.markers));
+  if (have_ecg && out.error.empty()) {
+    EdfRecording edf;
+    edf.samples = in.samples;
+    edf.sample_rate = kSampleRateInt;
+    edf.name = in.name;
+    edf.start_time = start;
+    for (const Marker& m : in.markers)
+      edf.annotations.push_back({m.sample / kSampleRate, "Marker " + std::to_string(m.key)});
+    const std::vector<std::uint8_t> bytes = edf_file(edf);
+    write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  }
+  write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, in.cycle_seconds));
+  if (!out.error.empty()) return out;
+
+  SummaryFacts facts;
+  facts.start_time = start;
+  facts.sex = in.sex;
+  facts.age = in.age;
+  facts.indur = in.indur;
+  facts.outdur = in.outdur;
+  facts.cycle_seconds = in.cycle_seconds;
+  facts.expected_freq = expected_frequency(in.cycle_seconds);
+  facts.cycles = cycles.cvn.size();
+  for (double v : cycles.cvn) facts.cycles_with_value += std::isfinite(v);
+  facts.duration_seconds = out.duration_seconds;
+  facts.beats = beats;
+  facts.markers = in.markers;
+
+  RecordingReport report;
+  report.name = in.name.empty() ? stem : in.name;
+  report.summary = summary_rows(facts);
+  report.hr = hr;
+  report.markers = in.markers;
+  report.cvn = cycles.cvn;
+  const char sex = !in.sex.empty() && (in.sex[0] == 'F' || in.sex[0] == 'f') ? 'F' : 'M';
+  if (!cycles.empty()) {
+    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age, kBlendGrey);
+    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age, kBlendGrey);
+  }
+  report.expected_freq = expected_frequency(in.cycle_seconds);
+  report.duration_seconds = out.duration_seconds;
+  report.logo = in.logo;
+  write("_report.pdf", recording_report_pdf(report));
+  return out;
+}
+
+}  // namespace cvn

@@ -1,0 +1,52 @@
+// The per-recording writer behind the export job and the batch: analyse one
+// recording and write its folder of files under the exports folder.
+#pragma once
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/recording.h"
+#include "reports/report_logo.h"
+
+namespace cvn {
+
+/// "<stem>-2_export", "-3", ... are tried up to this before giving up.
+inline constexpr int kMaxExportFolders = 10000;
+
+struct ExportInput {
+  std::vector<double> samples;  // ECG, microvolts at kSampleRate
+  /// Beat-to-beat intervals in seconds, used only when `samples` is empty (an
+  /// RR export without ECG): the analysis then runs on these, and the ECG text
+  /// and EDF+ files are left out.
+  std::vector<double> rr_seconds;
+  std::vector<Marker> markers;
+  std::string name;  // the session's name; the folder and files use it sanitised
+  double indur = 5.0, outdur = 11.0, cycle_seconds = 16.0;
+  std::string sex = "M";  // "F" selects the female reference level
+  int age = 40;
+  std::int64_t start_time = 0;  // unix seconds; 0: now
+  ReportLogo logo;
+};
+
+struct ExportResult {
+  std::string folder;              // the export folder; empty when none was made
+  std::vector<std::string> files;  // names inside `folder`, in the order written
+  std::string error;               // empty on success, else what failed and why
+  /// What the batch summary needs, known once the analysis ran.
+  double duration_seconds = 0;
+  std::size_t beats = 0;
+  double cvn_mean = NAN;
+  bool ok() const { return error.empty(); }
+};
+
+/// Analyses the recording (R-peaks and RR, the 10 Hz heart rate, the cycle
+/// measure and both heat-maps), makes "<exports_folder>/<stem>_export" (or
+/// the first free "<stem>-<n>_export", n = 2, 3, ...; an existing entry is
+/// never reused) with missing parents, and writes <stem>_ECG.txt, _HR.txt,
+/// _markers.csv, .edf, _CVN_logpower.csv and _report.pdf. Stops at the first
+/// file that cannot be written, keeping those already written; throws nothing.
+ExportResult write_export(const ExportInput& in, const std::string& exports_folder);
+
+}  // namespace cvn

@@ -1,0 +1,210 @@
+#include "reports/export_files.h"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+namespace cvn {
+namespace {
+
+std::string format(const char* fmt, double v) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, fmt, v);
+  return buf;
+}
+
+// Base letters of U+00C0..U+017F, one per code point; '*' marks the ones
+// spelt with two letters (see kTwoLetters).
+constexpr std::string_view kLatin =
+    "AAAAAA*CEEEEIIIIDNOOOOOxOUUUUY**"   // U+00C0 (Æ, Þ, ß)
+    "aaaaaa*ceeeeiiiidnooooo/ouuuuy*y"   // U+00E0 (æ, þ)
+    "AaAaAaCcCcCcCcDdDdEeEeEeEeEeGgGg"   // U+0100
+    "GgGgHhHhIiIiIiIiIi**JjKkkLlLlLlL"   // U+0120 (Ĳ, ĳ)
+    "lLlNnNnNnnNnOoOoOo**RrRrRrSsSsSs"   // U+0140 (Œ, œ)
+    "SsTtTtTtUuUuUuUuUuUuWwYyYZzZzZzs";  // U+0160
+static_assert(kLatin.size() == 0x180 - 0xC0);
+
+std::string_view two_letters(char32_t cp) {
+  switch (cp) {
+    case 0xC6:
+      return "AE";
+    case 0xDE:
+      return "Th";
+    case 0xDF:
+      return "ss";
+    case 0xE6:
+      return "ae";
+    case 0xFE:
+      return "th";
+    case 0x132:
+      return "IJ";
+    case 0x133:
+      return "ij";
+    case 0x152:
+      return "OE";
+    case 0x153:
+      return "oe";
+  }
+  return "?";
+}
+
+// Symbols a report plausibly meets (units, quotes, dashes from word
+// processors); everything else unknown reads "?".
+std::string_view symbol(char32_t cp) {
+  switch (cp) {
+    case 0xA0:
+      return " ";
+    case 0xA9:
+      return "(c)";
+    case 0xAB:
+      return "<<";
+    case 0xAE:
+      return "(R)";
+    case 0xB0:
+      return "deg";
+    case 0xB1:
+      return "+/-";
+    case 0xB5:
+    case 0x3BC:
+      return "u";
+    case 0xB7:
+    case 0x2022:
+      return "*";
+    case 0xBB:
+      return ">>";
+    case 0x2013:
+    case 0x2014:
+    case 0x2212:
+      return "-";
+    case 0x2018:
+    case 0x2019:
+      return "'";
+    case 0x201C:
+    case 0x201D:
+      return "\"";
+    case 0x2026:
+      return "...";
+  }
+  return "?";
+}
+
+}  // namespace
+
+std::string to_ascii(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  for (std::size_t i = 0; i < s.size();) {
+    const auto b = static_cast<unsigned char>(s[i]);
+    if (b < 0x80) {
+      out.push_back(b < 32 || b == 127 ? ' ' : static_cast<char>(b));
+      ++i;
+      continue;
+    }
+    const int extra = b >= 0xF0 ? 3 : b >= 0xE0 ? 2 : b >= 0xC0 ? 1 : -1;
+    char32_t cp = extra > 0 ? (b & (0x3F >> extra)) : 0;
+    bool ok = extra > 0 && i + static_cast<std::size_t>(extra) < s.size();
+    for (int k = 1; ok && k <= extra; ++k) {
+      const auto c = static_cast<unsigned char>(s[i + k]);
+      ok = (c & 0xC0) == 0x80;
+      cp = (cp << 6) | (c & 0x3F);
+    }
+    if (!ok) {
+      out.push_back('?');
+      ++i;
+      continue;
+    }
+    i += 1 + extra;
+    if (cp >= 0xC0 && cp < 0x180) {
+      const char c = kLatin[cp - 0xC0];
+      if (c == '*')
+        out += two_letters(cp);
+      else
+        out.push_back(c);
+    } else {
+      out += symbol(cp);
+    }
+  }
+  return out;
+}
+
+std::string hr_text(const std::vector<double>& hr) {
+  std::string out;
+  out.reserve(hr.size() * 7);
+  for (double v : hr) {
+    if (std::isfinite(v)) out += format("%.2f", v);
+    out.push_back('\n');
+  }
+  return out;
+}
+
+double finite_mean(const std::vector<double>& values) {
+  double sum = 0;
+  std::size_t n = 0;
+  for (double v : values) {
+    if (!std::isfinite(v)) continue;
+    sum += v;
+    ++n;
+  }
+  return n ? sum / static_cast<double>(n) : NAN;
+}
+
+std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marker>& markers,
+                         double cycle_seconds) {
+  const bool with_markers = !markers.empty();
+  std::string out = "cycle,";
+  out += kLogPowerTitle;
+  out += with_markers ? ",markers\n" : "\n";
+  for (std::size_t i = 0; i < cvn.size(); ++i) {
+    out += std::to_string(i + 1);
+    out.push_back(',');
+    if (std::isfinite(cvn[i])) out += format("%.4f", cvn[i]);
+    if (with_markers) {
+      out.push_back(',');
+      out += cycle_marker_keys(markers, static_cast<int>(i), cycle_seconds);
+    }
+    out.push_back('\n');
+  }
+  out += "pow,";
+  const double mean = finite_mean(cvn);
+  if (std::isfinite(mean)) out += format("%.4f", mean);
+  out += with_markers ? ",\n" : "\n";
+  return out;
+}
+
+std::string report_date(std::int64_t unix_seconds) {
+  char date[32] = "";
+  std::time_t t = static_cast<std::time_t>(unix_seconds);
+  std::tm local{};
+#ifdef _WIN32
+  localtime_s(&local, &t);
+#else
+  localtime_r(&t, &local);
+#endif
+  std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
+  return date;
+}
+
+std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
+  const long whole = std::lround(f.duration_seconds);
+  char duration[64];
+  std::snprintf(duration, sizeof duration, "%ld:%02ld min (%.1f s)", whole / 60, whole % 60,
+                f.duration_seconds);
+  std::string cycles = std::to_string(f.cycles);
+  if (f.cycles_with_value != f.cycles)
+    cycles += " (" + std::to_string(f.cycles_with_value) + " with a value)";
+
+  return {
+      {"Date", report_date(f.start_time)},
+      {"Sex / Age", f.sex + " / " + std::to_string(f.age)},
+      {"Periods", "in " + short_number(f.indur) + " s / out " + short_number(f.outdur) + " s"},
+      {"Cycle length", short_number(f.cycle_seconds) + " s"},
+      {"Expected frequency",
+       f.expected_freq > 0 ? format("%.4f", f.expected_freq) + " Hz" : std::string("-")},
+      {"Cycles recorded", cycles},
+      {"Duration", duration},
+      {"R-peaks", std::to_string(f.beats)},
+      {"Markers", marker_summary(f.markers)},
+  };
+}
+
+}  // namespace cvn

@@ -1,0 +1,64 @@
+// The text files of an export folder beside the ECG text (format_recording)
+// and the markers file (markers_csv): the heart-rate series, the per-cycle
+// log-power table and the summary rows the PDF report shows.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/recording.h"
+
+namespace cvn {
+
+/// Title of the log-power column, in the table and on the report's plot.
+inline constexpr std::string_view kLogPowerTitle = "CVN (logpower)";
+
+/// One value per line ("%.2f" beats per minute, "\n" endings); a value that
+/// is not finite leaves its line empty so the 10 Hz grid keeps its length.
+std::string hr_text(const std::vector<double>& hr);
+
+/// "cycle,CVN (logpower)[,markers]\n", one line per cycle numbered from 1
+/// ("%.4f", an empty cell for NaN; markers: the keys inside the cycle), and
+/// "pow,<mean of the non-NaN values>[,]\n". The markers column is there only
+/// when `markers` is not empty.
+std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marker>& markers,
+                         double cycle_seconds);
+
+/// Mean of the finite values; NaN when there is none.
+double finite_mean(const std::vector<double>& values);
+
+struct SummaryRow {
+  std::string label;
+  std::string value;
+};
+
+/// What the summary rows are made of.
+struct SummaryFacts {
+  std::int64_t start_time = 0;  // unix seconds, shown in local time
+  std::string sex;
+  int age = 0;
+  double indur = 0, outdur = 0, cycle_seconds = 0;
+  double expected_freq = 0;  // Hz; 0 when the cycles could not be analysed
+  std::size_t cycles = 0;
+  std::size_t cycles_with_value = 0;
+  double duration_seconds = 0;
+  std::size_t beats = 0;
+  std::vector<Marker> markers;
+};
+
+/// Local time as "%Y-%m-%d %H:%M", as the reports show dates.
+std::string report_date(std::int64_t unix_seconds);
+
+/// Date, Sex / Age, Periods, Cycle length, Expected frequency, Cycles
+/// recorded, Duration, R-peaks, Markers: label and value, in that order.
+std::vector<SummaryRow> summary_rows(const SummaryFacts& facts);
+
+/// Nearest plain ASCII for UTF-8 text ("Zoë" -> "Zoe", "ß" -> "ss"): the
+/// report fonts and EDF header fields hold ASCII only. Letters of Latin-1 and
+/// Latin Extended-A lose their accents, a few symbols get a spelling, control
+/// characters become blanks, and anything else (or a malformed byte) "?".
+std::string to_ascii(std::string_view utf8);
+
+}  // namespace cvn

@@ -1,0 +1,153 @@
+#include "reports/pdf.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "analysis/deflate.h"
+#include "reports/export_files.h"
+
+namespace cvn {
+namespace {
+
+// Advance widths of ASCII 32..126 in 1/1000 em, from Adobe's font metrics
+// (AFM) of Helvetica and Helvetica-Bold. Codes 39 and 96 are the curly
+// quotes of the fonts' standard encoding, which is what a reader shows.
+constexpr short kRegularWidths[95] = {
+    278, 278, 355, 556, 556, 889, 667, 222, 333, 333, 389, 584, 278, 333,  278, 278, 556, 556, 556,
+    556, 556, 556, 556, 556, 556, 556, 278, 278, 584, 584, 584, 556, 1015, 667, 667, 722, 722, 667,
+    611, 778, 722, 278, 500, 667, 556, 833, 722, 778, 667, 778, 722, 667,  611, 722, 667, 944, 667,
+    667, 611, 278, 278, 278, 469, 556, 222, 556, 556, 500, 556, 556, 278,  556, 556, 222, 222, 500,
+    222, 833, 556, 556, 556, 556, 333, 500, 278, 556, 500, 722, 500, 500,  500, 334, 260, 334, 584};
+constexpr short kBoldWidths[95] = {
+    278, 333, 474, 556, 556, 889, 722, 278, 333, 333, 389, 584, 278, 333, 278, 278, 556, 556, 556,
+    556, 556, 556, 556, 556, 556, 556, 333, 333, 584, 584, 584, 611, 975, 722, 722, 722, 722, 667,
+    611, 778, 722, 278, 556, 722, 611, 833, 722, 778, 667, 778, 722, 667, 611, 722, 667, 944, 667,
+    667, 611, 333, 278, 333, 584, 556, 278, 556, 611, 556, 611, 556, 333, 611, 611, 278, 278, 556,
+    278, 889, 611, 611, 611, 611, 389, 556, 333, 611, 556, 778, 556, 556, 500, 389, 280, 389, 584};
+
+std::string color(PdfColor c) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%.2f %.2f %.2f", c.r, c.g, c.b);
+  return buf;
+}
+
+std::string point(double x, double y) {
+  return pdf_number(x) + " " + pdf_number(y);
+}
+
+std::string image_head(int width, int height, std::string_view filter, std::size_t length) {
+  return "<< /Type /XObject /Subtype /Image /Width " + std::to_string(width) + " /Height " +
+         std::to_string(height) + " /ColorSpace /DeviceRGB /BitsPerComponent 8 /Filter /" +
+         std::string(filter) + " /Length " + std::to_string(length) + " >>\nstream\n";
+}
+
+}  // namespace
+
+double text_width(PdfFont font, double size, std::string_view utf8) {
+  const short* widths = font == PdfFont::kBold ? kBoldWidths : kRegularWidths;
+  long units = 0;
+  for (char c : to_ascii(utf8)) units += widths[static_cast<unsigned char>(c) - 32];
+  return static_cast<double>(units) * size / 1000.0;
+}
+
+std::string pdf_string(std::string_view utf8) {
+  std::string out;
+  for (char c : to_ascii(utf8)) {
+    if (c == '\\' || c == '(' || c == ')') out.push_back('\\');
+    out.push_back(c);
+  }
+  return out;
+}
+
+std::string pdf_number(double v) {
+  if (!std::isfinite(v)) v = 0;
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.2f", v);
+  std::string s = buf;
+  while (s.back() == '0') s.pop_back();
+  if (s.back() == '.') s.pop_back();
+  if (s == "-0") s = "0";
+  return s;
+}
+
+void PdfCanvas::line(PdfColor c, double x1, double y1, double x2, double y2) {
+  out_ += color(c) + " RG " + point(x1, y1) + " m " + point(x2, y2) + " l S\n";
+}
+
+void PdfCanvas::guide_line(double x1, double y1, double x2, double y2) {
+  out_ += "0.12 0.25 0.55 RG 0.7 w [2 2] 0 d " + point(x1, y1) + " m " + point(x2, y2) +
+          " l S [] 0 d\n";
+}
+
+void PdfCanvas::fill_rect(PdfColor c, double x, double y, double w, double h) {
+  out_ += color(c) + " rg " + point(x, y) + " " + point(w, h) + " re f\n";
+}
+
+void PdfCanvas::stroke_rect(PdfColor c, double x, double y, double w, double h) {
+  out_ += color(c) + " RG " + point(x, y) + " " + point(w, h) + " re S\n";
+}
+
+void PdfCanvas::line_width(double w) {
+  out_ += pdf_number(w) + " w\n";
+}
+
+void PdfCanvas::text(PdfColor c, PdfFont font, double size, double x, double y,
+                     std::string_view utf8) {
+  out_ += color(c) + " rg BT /" + (font == PdfFont::kBold ? "F2 " : "F1 ") + pdf_number(size) +
+          " Tf " + point(x, y) + " Td (" + pdf_string(utf8) + ") Tj ET\n";
+}
+
+void PdfCanvas::vertical_text(PdfColor c, double size, double x, double y, std::string_view utf8) {
+  out_ += color(c) + " rg BT /F1 " + pdf_number(size) + " Tf 0 1 -1 0 " + point(x, y) + " Tm (" +
+          pdf_string(utf8) + ") Tj ET\n";
+}
+
+void PdfCanvas::image(std::string_view name, double x, double y, double w, double h) {
+  out_ += "q " + pdf_number(w) + " 0 0 " + pdf_number(h) + " " + point(x, y) + " cm /" +
+          std::string(name) + " Do Q\n";
+}
+
+std::string pdf_content_object(std::string_view content) {
+  return "<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + std::string(content) +
+         "\nendstream";
+}
+
+std::string pdf_rgb_image_object(const RgbImage& image) {
+  const std::vector<std::uint8_t> z = zlib_compress(image.rgb);
+  return image_head(image.width, image.height, "FlateDecode", z.size()) +
+         std::string(z.begin(), z.end()) + "\nendstream";
+}
+
+std::string pdf_jpeg_image_object(const ReportLogo& logo) {
+  return image_head(logo.width, logo.height, "DCTDecode", logo.jpeg.size()) + logo.jpeg +
+         "\nendstream";
+}
+
+std::string pdf_file(const std::vector<std::string>& objects) {
+  std::size_t total = 64;
+  for (const std::string& o : objects) total += o.size() + 48;
+  std::string out;
+  out.reserve(total);
+  out += "%PDF-1.4\n";
+  std::vector<std::size_t> offsets;
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    offsets.push_back(out.size());
+    out += std::to_string(i + 1);
+    out += " 0 obj\n";
+    out += objects[i];
+    out += "\nendobj\n";
+  }
+  const std::size_t xref = out.size();
+  const std::string size = std::to_string(objects.size() + 1);
+  out += "xref\n0 " + size + "\n0000000000 65535 f \n";
+  char entry[32];
+  for (std::size_t off : offsets) {
+    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", off);
+    out += entry;
+  }
+  out += "trailer\n<< /Size " + size + " /Root 1 0 R >>\nstartxref\n" + std::to_string(xref) +
+         "\n%%EOF\n";
+  return out;
+}
+
+}  // namespace cvn

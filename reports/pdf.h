@@ -1,0 +1,79 @@
+// A small PDF 1.4 writer: content streams built from a handful of drawing
+// primitives, image objects, and the file assembly with its cross-reference
+// table. The files we write are described in docs/pdf.md.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "analysis/png.h"
+#include "reports/report_logo.h"
+
+namespace cvn {
+
+/// A4 portrait in points (1/72 inch).
+inline constexpr double kPageWidth = 595.0;
+inline constexpr double kPageHeight = 842.0;
+
+/// The two fonts every page declares: /F1 Helvetica and /F2 Helvetica-Bold,
+/// standard Type1 fonts a reader always has, so nothing is embedded.
+enum class PdfFont { kRegular, kBold };
+
+/// Colour components from 0 to 1.
+struct PdfColor {
+  double r = 0, g = 0, b = 0;
+};
+
+/// Width in points of `utf8` as the page shows it (to_ascii) in `font`.
+double text_width(PdfFont font, double size, std::string_view utf8);
+
+/// The bytes between "(" and ")" of a PDF string: the text's nearest ASCII
+/// with backslash and parentheses escaped.
+std::string pdf_string(std::string_view utf8);
+
+/// A coordinate or size: at most two decimals, no trailing zeros (595.0 ->
+/// "595", 12.5 -> "12.5", -0.004 -> "0").
+std::string pdf_number(double v);
+
+/// The operators of one page, appended in drawing order.
+class PdfCanvas {
+ public:
+  /// Straight line in `c` with the current line width.
+  void line(PdfColor c, double x1, double y1, double x2, double y2);
+  /// Dark blue dashed 0.7 pt line (means and guides); later lines are solid.
+  void guide_line(double x1, double y1, double x2, double y2);
+  void fill_rect(PdfColor c, double x, double y, double w, double h);
+  void stroke_rect(PdfColor c, double x, double y, double w, double h);
+  void line_width(double w);
+  /// Text with its baseline starting at (x, y).
+  void text(PdfColor c, PdfFont font, double size, double x, double y, std::string_view utf8);
+  /// Text turned 90 degrees counter-clockwise (vertical axis titles), in F1.
+  void vertical_text(PdfColor c, double size, double x, double y, std::string_view utf8);
+  /// Image resource `name` scaled into the rectangle.
+  void image(std::string_view name, double x, double y, double w, double h);
+  /// Operators written as given, for paths the primitives above do not cover.
+  void raw(std::string_view ops) { out_ += ops; }
+
+  const std::string& content() const { return out_; }
+
+ private:
+  std::string out_;
+};
+
+/// "<< /Length n >>\nstream\n" + content + "\nendstream".
+std::string pdf_content_object(std::string_view content);
+
+/// Image XObject of RGB pixels, zlib-compressed (/FlateDecode).
+std::string pdf_rgb_image_object(const RgbImage& image);
+
+/// Image XObject holding the logo's JPEG bytes unchanged (/DCTDecode).
+std::string pdf_jpeg_image_object(const ReportLogo& logo);
+
+/// "%PDF-1.4", the objects numbered 1, 2, ... in order (object 1 must be the
+/// catalog), the cross-reference table with every object's byte offset, and
+/// the trailer.
+std::string pdf_file(const std::vector<std::string>& objects);
+
+}  // namespace cvn

@@ -1,0 +1,614 @@
+#include "reports/report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "analysis/heart_rate.h"
+#include "analysis/heatmap.h"
+#include "analysis/tfr.h"
+#include "base/constants.h"
+#include "reports/pdf.h"
+
+namespace cvn {
+namespace {
+
+// --- Look: one ink, one accent, greys for structure.
+constexpr PdfColor kInk{0.13, 0.14, 0.17};
+constexpr PdfColor kMuted{0.40, 0.42, 0.47};
+constexpr PdfColor kAccent{0.10, 0.22, 0.42};
+constexpr PdfColor kFrame{0.55, 0.57, 0.61};
+constexpr PdfColor kGrid{0.89, 0.90, 0.92};
+constexpr PdfColor kZebra{0.955, 0.962, 0.972};
+constexpr PdfColor kCvnBlue{0.16, 0.38, 0.68};
+constexpr PdfColor kMarker{0.55, 0.22, 0.62};
+constexpr PdfColor kExpectedGreen{20 / 255.0, 150 / 255.0, 20 / 255.0};  // the heat-maps' line
+constexpr PdfColor kError{0.75, 0.12, 0.12};
+constexpr PdfColor kWhite{1, 1, 1};
+
+// --- Page frame: margins, the title band and the footer.
+constexpr double kLeft = 56;
+constexpr double kRight = kPageWidth - 56;
+constexpr double kTitleSize = 20;
+constexpr double kHeadingSize = 12;
+constexpr double kBodySize = 9.5;
+constexpr double kTickSize = 8;
+constexpr double kLogoHeight = 34;
+constexpr double kLogoMaxWidth = 170;
+constexpr double kFooterY = 34;
+// Plots: the left edge leaves room for tick labels and a vertical title.
+constexpr double kPlotLeft = 100;
+constexpr double kTickLength = 4;
+// The heart-rate curve is thinned to this many points per point of width
+// (keeping each bucket's minimum and maximum, so no beat-to-beat spike hides).
+constexpr double kCurvePointsPerPt = 2;
+// Heat-maps leave room on the right for the expected-frequency label.
+constexpr double kMapRight = kRight - 48;
+
+constexpr const char* kTitle = "Corvane Live - report";
+
+std::string fixed(const char* fmt, double v) {
+  char buf[256];
+  std::snprintf(buf, sizeof buf, fmt, v);
+  return buf;
+}
+
+void text_right(PdfCanvas& c, PdfColor col, PdfFont f, double size, double right, double y,
+                const std::string& s) {
+  c.text(col, f, size, right - text_width(f, size, s), y, s);
+}
+
+void text_centred(PdfCanvas& c, PdfColor col, PdfFont f, double size, double centre, double y,
+                  const std::string& s) {
+  c.text(col, f, size, centre - text_width(f, size, s) / 2, y, s);
+}
+
+// Cuts `s` with "..." so that it fits `width`.
+std::string fit(const std::string& utf8, PdfFont f, double size, double width) {
+  std::string s = to_ascii(utf8);
+  if (text_width(f, size, s) <= width) return s;
+  while (!s.empty() && text_width(f, size, s + "...") > width) s.pop_back();
+  return s + "...";
+}
+
+void logo(PdfCanvas& c, const ReportLogo& logo, double top) {
+  if (logo.empty()) return;
+  double h = kLogoHeight;
+  double w = h * logo.width / logo.height;
+  if (w > kLogoMaxWidth) {
+    w = kLogoMaxWidth;
+    h = w * logo.height / logo.width;
+  }
+  c.image("Logo", kRight - w, top - h, w, h);
+}
+
+void footer(PdfCanvas& c, int page, int pages, const std::string& right) {
+  c.line_width(0.5);
+  c.line(kGrid, kLeft, kFooterY + 12, kRight, kFooterY + 12);
+  c.text(kMuted, PdfFont::kRegular, 8, kLeft, kFooterY, std::string("Corvane Live ") + kAppVersion);
+  text_centred(c, kMuted, PdfFont::kRegular, 8, kPageWidth / 2, kFooterY,
+               "Page " + std::to_string(page) + " of " + std::to_string(pages));
+  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, kFooterY,
+             fit(right, PdfFont::kRegular, 8, 170));
+}
+
+// --- Axes.
+struct Axis {
+  double lo = 0, hi = 1;
+  double step = 1;
+  std::vector<double> ticks;
+  double at(double v, double from, double length) const {
+    return from + (v - lo) / (hi - lo) * length;
+  }
+};
+
+// Ticks at 1, 2 or 5 times a power of ten, about `target` of them; `snap`
+// widens the range to whole steps, `min_step` keeps counts whole.
+Axis nice_axis(double lo, double hi, int target, bool snap, double min_step = 0) {
+  if (!(hi > lo)) {
+    lo -= 0.5;
+    hi += 0.5;
+  }
+  Axis a;
+  const double raw = (hi - lo) / target;
+  const double mag = std::pow(10.0, std::floor(std::log10(raw)));
+  const double f = raw / mag;
+  a.step = std::max(min_step, mag * (f <= 1 ? 1 : f <= 2 ? 2 : f <= 5 ? 5 : 10));
+  if (snap) {
+    lo = std::floor(lo / a.step) * a.step;
+    hi = std::ceil(hi / a.step) * a.step;
+  }
+  a.lo = lo;
+  a.hi = hi;
+  const long first = std::lround(std::ceil(lo / a.step - 1e-9));
+  for (long k = first; k * a.step <= hi + a.step * 1e-9; ++k) a.ticks.push_back(k * a.step);
+  return a;
+}
+
+// Two significant digits, the house form of tick labels, when that shows
+// every tick of the axis exactly; otherwise (1200 s, 1.75) all ticks get as
+// many decimals as the step needs, never an exponent.
+std::vector<std::string> tick_labels(const Axis& a) {
+  std::vector<std::string> labels;
+  bool exact = true;
+  for (double v : a.ticks) {
+    if (std::fabs(v) < a.step * 1e-6) v = 0;
+    labels.push_back(fixed("%.2g", v));
+    exact = exact && labels.back().find('e') == std::string::npos &&
+            std::fabs(std::strtod(labels.back().c_str(), nullptr) - v) <= a.step * 1e-6;
+  }
+  if (exact) return labels;
+  const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(a.step) + 1e-9)));
+  labels.clear();
+  for (double v : a.ticks) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.*f", decimals, std::fabs(v) < a.step * 1e-6 ? 0.0 : v);
+    labels.push_back(buf);
+  }
+  return labels;
+}
+
+struct Box {
+  double x, y, w, h;
+};
+
+void x_axis(PdfCanvas& c, const Box& b, const Axis& a, const std::string& title, bool grid) {
+  c.line_width(0.5);
+  const std::vector<std::string> labels = tick_labels(a);
+  for (std::size_t i = 0; i < a.ticks.size(); ++i) {
+    const double x = a.at(a.ticks[i], b.x, b.w);
+    if (grid) c.line(kGrid, x, b.y, x, b.y + b.h);
+    c.line(kFrame, x, b.y, x, b.y - kTickLength);
+    text_centred(c, kInk, PdfFont::kRegular, kTickSize, x, b.y - kTickLength - 9, labels[i]);
+  }
+  text_centred(c, kInk, PdfFont::kRegular, 9, b.x + b.w / 2, b.y - kTickLength - 22, title);
+}
+
+void y_axis(PdfCanvas& c, const Box& b, const Axis& a, const std::string& title, bool grid) {
+  c.line_width(0.5);
+  double widest = 0;
+  const std::vector<std::string> labels = tick_labels(a);
+  for (std::size_t i = 0; i < a.ticks.size(); ++i) {
+    const double y = a.at(a.ticks[i], b.y, b.h);
+    if (grid) c.line(kGrid, b.x, y, b.x + b.w, y);
+    c.line(kFrame, b.x - kTickLength, y, b.x, y);
+    const std::string& label = labels[i];
+    widest = std::max(widest, text_width(PdfFont::kRegular, kTickSize, label));
+    text_right(c, kInk, PdfFont::kRegular, kTickSize, b.x - kTickLength - 2, y - 2.8, label);
+  }
+  c.vertical_text(kInk, 9, b.x - kTickLength - 6 - widest,
+                  b.y + b.h / 2 - text_width(PdfFont::kRegular, 9, title) / 2, title);
+}
+
+void heading(PdfCanvas& c, double y, const std::string& title, const std::string& note) {
+  c.text(kAccent, PdfFont::kBold, kHeadingSize, kLeft, y, title);
+  if (!note.empty()) text_right(c, kInk, PdfFont::kRegular, kBodySize, kRight, y, note);
+}
+
+void empty_plot(PdfCanvas& c, const Box& b, const std::string& why) {
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+  text_centred(c, kMuted, PdfFont::kRegular, 10, b.x + b.w / 2, b.y + b.h / 2 - 3, why);
+}
+
+// A small line sample and its word, left to right from x; returns the next x.
+double legend_item(PdfCanvas& c, double x, double y, const std::string& what, int kind) {
+  if (kind == 0) {
+    c.raw("0.90 0.35 0.10 RG 1.2 w\n");
+    c.raw(pdf_number(x) + " " + pdf_number(y + 3) + " m " + pdf_number(x + 16) + " " +
+          pdf_number(y + 3) + " l S\n");
+  } else if (kind == 1) {
+    c.guide_line(x, y + 3, x + 16, y + 3);
+  } else if (kind == 2) {
+    c.line_width(0.8);
+    c.line(kMarker, x + 8, y - 1, x + 8, y + 7);
+  } else {
+    c.fill_rect(kCvnBlue, x + 6, y + 1, 4, 4);
+  }
+  c.text(kMuted, PdfFont::kRegular, 8, x + 20, y, what);
+  return x + 28 + text_width(PdfFont::kRegular, 8, what);
+}
+
+// --- Page 1.
+void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
+                     const std::vector<Marker>& markers) {
+  double lo = INFINITY, hi = -INFINITY;
+  for (double v : hr) {
+    if (!std::isfinite(v)) continue;
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+  }
+  if (!(lo <= hi)) {
+    empty_plot(c, b, "(heart-rate series unavailable)");
+    return;
+  }
+  const double seconds = static_cast<double>(hr.size()) * kHrGridStep;
+  const Axis xa = nice_axis(0, std::max(seconds, kHrGridStep), 8, false);
+  const Axis ya = nice_axis(lo, hi, 5, true);
+  x_axis(c, b, xa, "Time (s)", true);
+  y_axis(c, b, ya, "Heart rate (BPM)", true);
+
+  const double mean = finite_mean(hr);
+  c.guide_line(b.x, ya.at(mean, b.y, b.h), b.x + b.w, ya.at(mean, b.y, b.h));
+
+  // Markers under the curve: a line each, the key in a tag at the top; tags
+  // that would overlap step down a row so every key stays readable.
+  constexpr int kTagRows = 4;
+  constexpr double kTagHeight = 10;
+  double row_end[kTagRows];
+  std::fill(row_end, row_end + kTagRows, -INFINITY);
+  for (const Marker& m : markers) {
+    const double t = m.sample / kSampleRate;
+    if (t < xa.lo || t > xa.hi) continue;
+    const double x = xa.at(t, b.x, b.w);
+    c.line_width(0.8);
+    c.line(kMarker, x, b.y, x, b.y + b.h);
+    const std::string key = std::to_string(m.key);
+    const double w = text_width(PdfFont::kBold, 7, key) + 4;
+    int row = 0;
+    while (row + 1 < kTagRows && row_end[row] > x - w / 2) ++row;
+    row_end[row] = x + w / 2 + 1;
+    const double top = b.y + b.h - row * (kTagHeight + 1);
+    c.fill_rect(kMarker, x - w / 2, top - kTagHeight, w, kTagHeight);
+    c.text(kWhite, PdfFont::kBold, 7, x - w / 2 + 2, top - 7.5, key);
+  }
+
+  // The curve, thinned to min and max per bucket; a gap breaks the path.
+  const std::size_t buckets = static_cast<std::size_t>(b.w * kCurvePointsPerPt);
+  c.raw("0.90 0.35 0.10 RG 1.2 w\n");
+  std::string path;
+  bool open = false;
+  const auto point = [&](std::size_t i) {
+    const double x = xa.at(static_cast<double>(i) * kHrGridStep, b.x, b.w);
+    const double y = ya.at(hr[i], b.y, b.h);
+    path += pdf_number(x) + " " + pdf_number(y) + (open ? " l\n" : " m\n");
+    open = true;
+  };
+  const std::size_t n = hr.size();
+  const std::size_t per =
+      std::max<std::size_t>(1, (n + buckets - 1) / std::max<std::size_t>(buckets, 1));
+  for (std::size_t start = 0; start < n; start += per) {
+    const std::size_t end = std::min(n, start + per);
+    std::size_t imin = n, imax = n;
+    for (std::size_t i = start; i < end; ++i) {
+      if (!std::isfinite(hr[i])) continue;
+      if (imin == n || hr[i] < hr[imin]) imin = i;
+      if (imax == n || hr[i] > hr[imax]) imax = i;
+    }
+    if (imin == n) {
+      open = false;
+      continue;
+    }
+    point(std::min(imin, imax));
+    if (imin != imax) point(std::max(imin, imax));
+  }
+  c.raw(path + "S\n");
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+}
+
+void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<double>& cvn) {
+  double lo = INFINITY, hi = -INFINITY;
+  for (double v : cvn) {
+    if (!std::isfinite(v)) continue;
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+  }
+  if (!(lo <= hi)) {
+    empty_plot(c, b,
+               cvn.empty() ? "(recording shorter than one breathing cycle)"
+                           : "(no cycle had usable heart rate)");
+    return;
+  }
+  const double k = static_cast<double>(cvn.size());
+  Axis xa = nice_axis(1, k, 10, false, 1);
+  xa.lo = 0.5;
+  xa.hi = k + 0.5;
+  const Axis ya = nice_axis(lo, hi, 5, true);
+  x_axis(c, b, xa, "Cycles", false);
+  y_axis(c, b, ya, "Log-power (ln)", true);
+  const double mean = finite_mean(cvn);
+  c.guide_line(b.x, ya.at(mean, b.y, b.h), b.x + b.w, ya.at(mean, b.y, b.h));
+
+  const double dot = std::clamp(b.w / k * 0.4, 1.5, 4.0);
+  std::string path;
+  bool open = false;
+  for (std::size_t i = 0; i < cvn.size(); ++i) {
+    if (!std::isfinite(cvn[i])) {
+      open = false;
+      continue;
+    }
+    const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
+    const double y = ya.at(cvn[i], b.y, b.h);
+    path += pdf_number(x) + " " + pdf_number(y) + (open ? " l\n" : " m\n");
+    open = true;
+  }
+  c.raw("0.16 0.38 0.68 RG 0.8 w\n" + path + "S\n");
+  for (std::size_t i = 0; i < cvn.size(); ++i) {
+    if (!std::isfinite(cvn[i])) continue;
+    const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
+    const double y = ya.at(cvn[i], b.y, b.h);
+    c.fill_rect(kCvnBlue, x - dot / 2, y - dot / 2, dot, dot);
+  }
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+}
+
+std::string page_one(const RecordingReport& r) {
+  PdfCanvas c;
+  logo(c, r.logo, 812);
+  c.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
+  c.text(kInk, PdfFont::kBold, 11, kLeft, 766, "Recording:");
+  c.text(kInk, PdfFont::kRegular, 11, kLeft + text_width(PdfFont::kBold, 11, "Recording: "), 766,
+         fit(r.name, PdfFont::kRegular, 11, kRight - kLeft - 70));
+  c.line_width(1);
+  c.line(kAccent, kLeft, 756, kRight, 756);
+
+  constexpr double kRowHeight = 15;
+  double y = 744;
+  for (std::size_t i = 0; i < r.summary.size(); ++i) {
+    y -= kRowHeight;
+    if (i % 2 == 0) c.fill_rect(kZebra, kLeft, y, kRight - kLeft, kRowHeight);
+    c.text(kMuted, PdfFont::kBold, 9, kLeft + 6, y + 4.5, r.summary[i].label);
+    c.text(kInk, PdfFont::kRegular, kBodySize, kLeft + 130, y + 4.5,
+           fit(r.summary[i].value, PdfFont::kRegular, kBodySize, kRight - kLeft - 136));
+  }
+
+  const double mean_hr = finite_mean(r.hr);
+  heading(c, 588, "HR (BPM)",
+          std::isfinite(mean_hr) ? fixed("Mean HR: %.1f BPM", mean_hr) : std::string());
+  heart_rate_plot(c, {kPlotLeft, 398, kRight - kPlotLeft, 178}, r.hr, r.markers);
+  double x = kPlotLeft;
+  x = legend_item(c, x, 350, "heart rate", 0);
+  x = legend_item(c, x, 350, "mean", 1);
+  if (!r.markers.empty()) legend_item(c, x, 350, "marker (its key on top)", 2);
+
+  const double mean = finite_mean(r.cvn);
+  heading(c, 324, "CVN (logpower)", fixed("pow (mean): %.3f", std::isfinite(mean) ? mean : NAN));
+  cvn_plot(c, {kPlotLeft, 134, kRight - kPlotLeft, 178}, r.cvn);
+  x = legend_item(c, kPlotLeft, 86, "one breathing cycle (a gap: no usable heart rate)", 3);
+  legend_item(c, x, 86, "mean", 1);
+
+  footer(c, 1, 2, r.name);
+  return c.content();
+}
+
+// --- Page 2.
+// Row r of the heat-map matrix is 0.02 + r * step Hz, drawn as the r-th pixel
+// row from the bottom; y is where frequency `f` sits on that scale.
+double frequency_y(double f, const Box& b) {
+  const auto& axis = tfr_frequencies();
+  const double rows = static_cast<double>(axis.size());
+  const double step = (axis.back() - axis.front()) / (rows - 1);
+  const double u = ((f - axis.front()) / step + 0.5) / rows;
+  return b.y + std::clamp(u, 0.0, 1.0) * b.h;
+}
+
+void heat_map(PdfCanvas& c, const Box& b, const char* image, const RgbImage& pixels,
+              const RecordingReport& r) {
+  if (pixels.rgb.empty()) {
+    empty_plot(c, b, "(not computed: recording shorter than one breathing cycle)");
+    return;
+  }
+  c.image(image, b.x, b.y, b.w, b.h);
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+  x_axis(c, b, nice_axis(0, std::max(r.duration_seconds, 1.0), 8, false), "Time (s)", false);
+
+  c.line_width(0.5);
+  for (const char* tick : {"0.02", "0.10", "0.18"}) {
+    const double y = frequency_y(std::atof(tick), b);
+    c.line(kFrame, b.x - kTickLength, y, b.x, y);
+    text_right(c, kInk, PdfFont::kRegular, kTickSize, b.x - kTickLength - 2, y - 2.8, tick);
+  }
+  const std::string title = "Frequency (Hz)";
+  c.vertical_text(kInk, 9, b.x - 30, b.y + b.h / 2 - text_width(PdfFont::kRegular, 9, title) / 2,
+                  title);
+
+  // The green line of the picture lies on the expected row and the one above.
+  const auto& axis = tfr_frequencies();
+  const double step = (axis.back() - axis.front()) / static_cast<double>(axis.size() - 1);
+  const double y = frequency_y(r.expected_freq + step / 2, b);
+  c.line_width(1.2);
+  c.line(kExpectedGreen, b.x + b.w, y, b.x + b.w + 6, y);
+  c.text(kExpectedGreen, PdfFont::kBold, 8, b.x + b.w + 8, y - 2.8,
+         fixed("%.4f Hz", r.expected_freq));
+}
+
+// Colour ramps drawn by the heat-map renderer itself, so the legend cannot
+// drift from the pictures: power from low to high, once above the reference
+// level and once below it (greyed).
+void colour_legend(PdfCanvas& c, double x, double y, double w, bool below) {
+  constexpr std::size_t kSteps = 48;
+  std::vector<float> power(kSteps);
+  // Far above (1e12) or below (1) any age's reference level, whose natural
+  // log stays within 0..13 for ages 0 to 120.
+  const double centre = below ? 1.0 : 1e12;
+  for (std::size_t i = 0; i < kSteps; ++i)
+    power[i] = static_cast<float>(centre * (i + 0.5) / kSteps * 2);
+  HeatmapParams p;
+  p.power = power;
+  p.rows = 1;
+  p.cols = kSteps;
+  p.centre = centre;
+  p.half_range = centre;
+  p.expected_row = -10;  // no green line
+  p.blend = true;
+  const RgbImage ramp = render_heatmap(p);
+  const double dw = w / kSteps;
+  for (std::size_t i = 0; i < kSteps && !ramp.rgb.empty(); ++i) {
+    const PdfColor col{ramp.rgb[3 * i] / 255.0, ramp.rgb[3 * i + 1] / 255.0,
+                       ramp.rgb[3 * i + 2] / 255.0};
+    c.fill_rect(col, x + i * dw, y, dw + 0.3, 9);
+  }
+  c.line_width(0.5);
+  c.stroke_rect(kFrame, x, y, w, 9);
+}
+
+std::string page_two(const RecordingReport& r) {
+  PdfCanvas c;
+  logo(c, r.logo, 812);
+  c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "Time-frequency maps of the heart rate");
+  c.text(kInk, PdfFont::kBold, kBodySize, kLeft, 772, "Recording:");
+  c.text(kInk, PdfFont::kRegular, kBodySize,
+         kLeft + text_width(PdfFont::kBold, kBodySize, "Recording: "), 772,
+         fit(r.name, PdfFont::kRegular, kBodySize, 300));
+  c.line_width(1);
+  c.line(kAccent, kLeft, 756, kRight, 756);
+
+  heading(c, 734, "TFR - high time resolution", "");
+  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 734, "3-cycle Morlet wavelet");
+  heat_map(c, {kPlotLeft, 494, kMapRight - kPlotLeft, 230}, "Im1", r.tfr3, r);
+  heading(c, 428, "TFR - high frequency resolution", "");
+  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 428, "10-cycle Morlet wavelet");
+  heat_map(c, {kPlotLeft, 188, kMapRight - kPlotLeft, 230}, "Im2", r.tfr10, r);
+
+  constexpr double kLegendY = 122;
+  c.text(kInk, PdfFont::kBold, 9, kLeft, kLegendY + 18, "How to read the maps");
+  c.text(kMuted, PdfFont::kRegular, 8, kLeft, kLegendY + 1, "Power, low to high:");
+  colour_legend(c, kLeft + 100, kLegendY, 120, false);
+  c.text(kMuted, PdfFont::kRegular, 8, kLeft + 240, kLegendY + 1,
+         "Below the age/sex reference level:");
+  colour_legend(c, kLeft + 375, kLegendY, 108, true);
+  c.text(kMuted, PdfFont::kRegular, 8, kLeft, kLegendY - 16,
+         fixed("Green line: the expected breathing frequency (%.4f Hz). Dark vertical lines: the "
+               "start of each breathing cycle.",
+               r.expected_freq));
+  c.text(
+      kMuted, PdfFont::kRegular, 8, kLeft, kLegendY - 28,
+      "A strong, steady band on the green line means the heart rate follows the paced breathing.");
+
+  footer(c, 2, 2, r.name);
+  return c.content();
+}
+
+std::string page_head(const std::string& resources, int contents) {
+  return "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) + " " +
+         pdf_number(kPageHeight) + "] /Resources << /Font << /F1 7 0 R /F2 8 0 R >>" + resources +
+         " >> /Contents " + std::to_string(contents) + " 0 R >>";
+}
+
+constexpr const char* kHelvetica = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
+constexpr const char* kHelveticaBold =
+    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold >>";
+
+// A picture the page can always reference: the file keeps its fixed objects
+// even when a map could not be computed (the page then shows why instead).
+RgbImage or_blank(const RgbImage& image) {
+  if (!image.rgb.empty()) return image;
+  return RgbImage{1, 1, {255, 255, 255}};
+}
+
+}  // namespace
+
+std::string recording_report_pdf(const RecordingReport& r) {
+  const bool with_logo = !r.logo.empty();
+  const std::string logo_entry = with_logo ? " /Logo 11 0 R" : "";
+  std::vector<std::string> objects;
+  objects.reserve(11);
+  objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
+  objects.push_back("<< /Type /Pages /Kids [3 0 R 4 0 R] /Count 2 >>");
+  objects.push_back(page_head(with_logo ? " /XObject <<" + logo_entry + " >>" : "", 5));
+  objects.push_back(page_head(" /XObject << /Im1 9 0 R /Im2 10 0 R" + logo_entry + " >>", 6));
+  objects.push_back(pdf_content_object(page_one(r)));
+  objects.push_back(pdf_content_object(page_two(r)));
+  objects.push_back(kHelvetica);
+  objects.push_back(kHelveticaBold);
+  objects.push_back(pdf_rgb_image_object(or_blank(r.tfr3)));
+  objects.push_back(pdf_rgb_image_object(or_blank(r.tfr10)));
+  if (with_logo) objects.push_back(pdf_jpeg_image_object(r.logo));
+  return pdf_file(objects);
+}
+
+std::string summary_report_pdf(const SummaryReport& r) {
+  // Table geometry: columns by their left or right edge.
+  constexpr double kRowHeight = 16;
+  constexpr double kTableTop = 724;
+  constexpr double kTableBottom = 70;
+  constexpr double kNameX = kLeft + 4, kFileX = kLeft + 128;
+  constexpr double kDurationRight = 405, kBeatsRight = 452, kCvnRight = kRight - 4;
+  constexpr double kErrorX = 338;
+  const std::size_t per_page =
+      static_cast<std::size_t>((kTableTop - kRowHeight - kTableBottom) / kRowHeight);
+  const std::size_t pages = std::max<std::size_t>(1, (r.entries.size() + per_page - 1) / per_page);
+
+  std::size_t failed = 0;
+  for (const SummaryEntry& e : r.entries) failed += !e.error.empty();
+
+  // Objects as written: catalog, page tree, fonts, logo, then each page and
+  // its content.
+  const bool with_logo = !r.logo.empty();
+  const int first_page = with_logo ? 6 : 5;
+  std::vector<std::string> objects;
+  std::string kids;
+  for (std::size_t p = 0; p < pages; ++p)
+    kids += (p ? " " : "") + std::to_string(first_page + 2 * p) + " 0 R";
+  objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
+  objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages) + " >>");
+  objects.push_back(kHelvetica);
+  objects.push_back(kHelveticaBold);
+  if (with_logo) objects.push_back(pdf_jpeg_image_object(r.logo));
+  const std::string resources = "<< /Font << /F1 3 0 R /F2 4 0 R >>" +
+                                std::string(with_logo ? " /XObject << /Logo 5 0 R >>" : "") + " >>";
+
+  for (std::size_t p = 0; p < pages; ++p) {
+    PdfCanvas c;
+    logo(c, r.logo, 812);
+    c.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
+    c.text(kInk, PdfFont::kBold, 11, kLeft, 766, "Name:");
+    c.text(kInk, PdfFont::kRegular, 11, kLeft + text_width(PdfFont::kBold, 11, "Name: "), 766,
+           fit(r.name, PdfFont::kRegular, 11, 300));
+    c.text(kMuted, PdfFont::kRegular, kBodySize, kLeft, 748,
+           "Created " + report_date(r.created) + " - " + std::to_string(r.entries.size()) +
+               " recording(s)" + (failed ? ", " + std::to_string(failed) + " failed" : ""));
+    c.line_width(1);
+    c.line(kAccent, kLeft, 738, kRight, 738);
+
+    double y = kTableTop;
+    c.fill_rect(kGrid, kLeft, y - kRowHeight, kRight - kLeft, kRowHeight);
+    y -= kRowHeight;
+    const double base = y + 5;
+    c.text(kInk, PdfFont::kBold, 9, kNameX, base, "Name");
+    c.text(kInk, PdfFont::kBold, 9, kFileX, base, "File");
+    text_right(c, kInk, PdfFont::kBold, 9, kDurationRight, base, "Duration");
+    text_right(c, kInk, PdfFont::kBold, 9, kBeatsRight, base, "Beats");
+    text_right(c, kInk, PdfFont::kBold, 9, kCvnRight, base, "CVN (logpower)");
+    const std::size_t end = std::min(r.entries.size(), (p + 1) * per_page);
+    for (std::size_t i = p * per_page; i < end; ++i) {
+      const SummaryEntry& e = r.entries[i];
+      y -= kRowHeight;
+      if (i % 2 == 1) c.fill_rect(kZebra, kLeft, y, kRight - kLeft, kRowHeight);
+      const double b = y + 5;
+      c.text(kInk, PdfFont::kRegular, 9, kNameX, b,
+             fit(e.name, PdfFont::kRegular, 9, kFileX - kNameX - 6));
+      c.text(kInk, PdfFont::kRegular, 9, kFileX, b,
+             fit(e.file, PdfFont::kRegular, 9, (e.error.empty() ? 330 : kErrorX) - kFileX - 6));
+      if (!e.error.empty()) {
+        c.text(kError, PdfFont::kRegular, 9, kErrorX, b,
+               fit(e.error, PdfFont::kRegular, 9, kCvnRight - kErrorX));
+        continue;
+      }
+      const long whole = std::lround(e.duration_seconds);
+      char duration[32];
+      std::snprintf(duration, sizeof duration, "%ld:%02ld min", whole / 60, whole % 60);
+      text_right(c, kInk, PdfFont::kRegular, 9, kDurationRight, b, duration);
+      text_right(c, kInk, PdfFont::kRegular, 9, kBeatsRight, b, std::to_string(e.beats));
+      text_right(c, kInk, PdfFont::kRegular, 9, kCvnRight, b,
+                 std::isfinite(e.cvn_mean) ? fixed("%.3f", e.cvn_mean) : std::string("-"));
+    }
+    if (r.entries.empty())
+      c.text(kMuted, PdfFont::kRegular, 10, kNameX, y - kRowHeight + 5, "(no recordings)");
+    c.line_width(0.7);
+    c.line(kFrame, kLeft, y, kRight, y);
+    footer(c, static_cast<int>(p + 1), static_cast<int>(pages), r.name);
+
+    const int number = static_cast<int>(objects.size()) + 1;
+    objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) +
+                      " " + pdf_number(kPageHeight) + "] /Resources " + resources + " /Contents " +
+                      std::to_string(number + 1) + " 0 R >>");
+    objects.push_back(pdf_content_object(c.content()));
+  }
+  return pdf_file(objects);
+}
+
+}  // namespace cvn

@@ -1,0 +1,148 @@
+// The EDF+ file: its fixed header bytes, and what two independent readers
+// (EDFlib and MNE) get back from it.
+#include "reports/edf.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#ifdef CVN_HAVE_EDFLIB
+#include <edflib.h>
+#endif
+
+#include "base/files.h"
+#include "tests/reports/run_tool.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using test::have_tool;
+using test::run_tool;
+
+std::string bytes_of(const EdfRecording& r) {
+  std::vector<std::uint8_t> b = edf_file(r);
+  return std::string(b.begin(), b.end());
+}
+
+TEST(EdfFile, HeaderFieldsAndRecords) {
+  EdfRecording r;
+  r.samples = {12.5};
+  r.name = "John Doe";
+  r.start_time = 1740920587;  // 2025-03-02 13:03:07 UTC
+  r.annotations = {{2.5, "Marker 3"}};
+  std::string f = bytes_of(r);
+  ASSERT_EQ(f.size(), 768u + 130 * 2 + 120)
+      << "one record of 130 samples and 60 annotation samples";
+  EXPECT_EQ(f.substr(0, 8), "0       ");
+  EXPECT_EQ(f.substr(8, 16), "X X X John_Doe  ");
+  EXPECT_EQ(f.substr(88, 10), "Startdate ");
+  EXPECT_EQ(f.substr(88 + 21, 15), " X X CorvaneLiv");
+  EXPECT_EQ(f.substr(184, 8), "768     ");
+  EXPECT_EQ(f.substr(192, 6), "EDF+C ");
+  EXPECT_EQ(f.substr(236, 8 + 8 + 4), "1       1       2   ");
+  EXPECT_EQ(f.substr(256, 32), "ECG             EDF Annotations ");
+  EXPECT_EQ(f.substr(256 + 216 * 2, 16), "130     60      ");
+  EXPECT_EQ(f.substr(768, 4), std::string("\x0D\x00\x00\x00", 4)) << "12.5 rounds away from zero";
+  // The marker past the only record's end still lands in it.
+  EXPECT_EQ(f.substr(768 + 260, 27), std::string("+0\x14\x14\0+2.500\x14Marker 3\x14\0\0\0", 27));
+
+  r.name = "";
+  EXPECT_EQ(bytes_of(r).substr(8, 10), "X X X X   ");
+  r.sample_rate = 0;
+  EXPECT_TRUE(edf_file(r).empty());
+  r.sample_rate = 130;
+  r.samples.clear();
+  EXPECT_TRUE(edf_file(r).empty());
+}
+
+// Samples: plain, beyond both clip limits, halves; markers: ordinary ones, one
+// at exactly a record boundary, and a crowded second that needs more than the
+// usual 120 annotation bytes.
+struct Written {
+  EdfRecording rec;
+  std::vector<int> digital;
+  std::vector<std::pair<double, std::string>> markers;  // sorted by time
+};
+
+Written example() {
+  Written w;
+  w.rec.name = "Zoë (pilot)";
+  w.rec.start_time = 1740920587;
+  const int n = 130 * 5 + 17;
+  for (int i = 0; i < n; ++i) {
+    double v = 400.0 * std::sin(i * 0.1) + (i % 2 ? 0.5 : -0.5);
+    if (i == 10) v = 40000;
+    if (i == 11) v = -40000;
+    w.rec.samples.push_back(v);
+    w.digital.push_back(static_cast<int>(std::round(std::clamp(v, -32767.0, 32767.0))));
+  }
+  w.rec.annotations = {{4.2, "Marker 2"}, {1.0, "Marker 1"}, {0.25, "Marker 9"}};
+  for (int k = 0; k < 14; ++k)
+    w.rec.annotations.push_back({3.0 + k * 0.05, "Marker " + std::to_string(k % 9 + 1)});
+  for (const auto& a : w.rec.annotations) w.markers.emplace_back(a.seconds, a.label);
+  std::sort(w.markers.begin(), w.markers.end());
+  return w;
+}
+
+TEST(EdfFile, EdflibReadsSamplesAndEveryAnnotation) {
+#ifndef CVN_HAVE_EDFLIB
+  GTEST_SKIP() << "EDFlib (libedf-dev) is not installed";
+#else
+  test::TempDir dir;
+  const Written w = example();
+  const std::vector<std::uint8_t> bytes = edf_file(w.rec);
+  ASSERT_EQ(write_file_checked(dir / "x.edf",
+                               {reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+            "");
+  edf_hdr_struct hdr{};
+  ASSERT_EQ(edfopen_file_readonly((dir / "x.edf").c_str(), &hdr, EDFLIB_READ_ALL_ANNOTATIONS), 0)
+      << "EDFlib error " << hdr.filetype;
+  EXPECT_EQ(hdr.filetype, EDFLIB_FILETYPE_EDFPLUS);
+  EXPECT_STREQ(hdr.patient_name, "Zoe (pilot)");
+  ASSERT_EQ(hdr.edfsignals, 1);
+  const int n = static_cast<int>(hdr.signalparam[0].smp_in_file);
+  ASSERT_EQ(n, 130 * 6);
+  std::vector<int> digital(n);
+  ASSERT_EQ(edfread_digital_samples(hdr.handle, 0, n, digital.data()), n);
+  digital.resize(w.digital.size());
+  EXPECT_EQ(digital, w.digital);
+
+  ASSERT_EQ(hdr.annotations_in_file, static_cast<long long>(w.markers.size()));
+  for (int i = 0; i < hdr.annotations_in_file; ++i) {
+    edf_annotation_struct a{};
+    ASSERT_EQ(edf_get_annotation(hdr.handle, i, &a), 0);
+    EXPECT_EQ(a.onset / 10000, std::llround(w.markers[i].first * 1000)) << i;
+    EXPECT_EQ(a.annotation, w.markers[i].second) << i;
+  }
+  edfclose_file(hdr.handle);
+#endif
+}
+
+TEST(EdfFile, MneReadsTheSameSamplesAndAnnotations) {
+  const std::string python = "/usr/bin/python3";
+  if (!have_tool(python) || run_tool({python, "-c", "import mne"}).status != 0)
+    GTEST_SKIP() << "python3-mne is not installed";
+  test::TempDir dir;
+  const Written w = example();
+  const std::vector<std::uint8_t> bytes = edf_file(w.rec);
+  ASSERT_EQ(write_file_checked(dir / "x.edf",
+                               {reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+            "");
+  test::ToolRun r =
+      run_tool({python, std::string(CVN_SOURCE_DIR) + "/tests/reports/read_edf.py", dir / "x.edf"},
+               dir.path());
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::ostringstream want;
+  want << "samples " << 130 * 6 << "\n";
+  char line[64];
+  for (const auto& [t, label] : w.markers) {
+    std::snprintf(line, sizeof line, "%.3f %s\n", t, label.c_str());
+    want << line;
+  }
+  EXPECT_EQ(r.out, want.str());
+}
+
+}  // namespace
+}  // namespace cvn

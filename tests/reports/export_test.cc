@@ -1,0 +1,139 @@
+// The per-recording writer: six files that agree with the analysis, a fresh
+// folder per export, and failures a person can act on.
+#include "reports/export.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <sstream>
+
+#include "analysis/cycles.h"
+#include "analysis/ecg.h"
+#include "analysis/heart_rate.h"
+#include "assets/assets.h"
+#include "reports/edf.h"
+#include "tests/support/temp_dir.h"
+
+namespace fs = std::filesystem;
+
+namespace cvn {
+namespace {
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
+
+ExportInput sample_input() {
+  ExportInput in;
+  in.samples = read_recording(*find_asset("Sample 1.txt"));
+  in.markers = {{1300, 2}, {1400, 5}, {26000, 9}};
+  in.name = "Anna B";
+  in.start_time = 1740920587;
+  return in;
+}
+
+TEST(WriteExport, FilesAgreeWithTheAnalysis) {
+  test::TempDir dir;
+  const ExportInput in = sample_input();
+  const ExportResult r = write_export(in, dir / "exports");
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.folder, dir / "exports/Anna_B_export");
+  EXPECT_EQ(r.files, (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt",
+                                               "Anna_B_markers.csv", "Anna_B.edf",
+                                               "Anna_B_CVN_logpower.csv", "Anna_B_report.pdf"}));
+  const auto file = [&](const std::string& name) { return test::slurp(r.folder + "/" + name); };
+
+  EXPECT_EQ(file("Anna_B_ECG.txt"), format_recording(in.samples));
+  EXPECT_EQ(file("Anna_B_markers.csv"), markers_csv(in.markers));
+  EdfRecording edf{in.samples,
+                   130,
+                   in.name,
+                   {{10, "Marker 2"}, {1400 / 130.0, "Marker 5"}, {200, "Marker 9"}},
+                   in.start_time};
+  const std::vector<std::uint8_t> edf_bytes = edf_file(edf);
+  EXPECT_EQ(file("Anna_B.edf"), std::string(edf_bytes.begin(), edf_bytes.end()));
+  EXPECT_EQ(file("Anna_B_report.pdf").substr(0, 9), "%PDF-1.4\n");
+
+  const std::vector<double> rr = analyze_ecg(in.samples, kSampleRate, kMaxHeartRate);
+  const std::vector<double> hr = regular_hr(rr, in.samples.size(), kSampleRate);
+  const std::vector<std::string> hr_lines = lines(file("Anna_B_HR.txt"));
+  ASSERT_EQ(hr_lines.size(), hr.size());
+  for (std::size_t i = 0; i < hr.size(); ++i)
+    ASSERT_NEAR(std::stod(hr_lines[i]), hr[i], 0.005) << i;
+  EXPECT_EQ(r.beats, rr.size() + 1);
+
+  const CycleAnalysis cycles = analyze_cycles(in.samples, rr, in.cycle_seconds, kSampleRate);
+  const std::vector<std::string> table = lines(file("Anna_B_CVN_logpower.csv"));
+  ASSERT_EQ(table.size(), cycles.cvn.size() + 2);
+  EXPECT_EQ(table.front(), "cycle,CVN (logpower),markers");
+  double sum = 0;
+  for (std::size_t i = 0; i < cycles.cvn.size(); ++i) {
+    std::istringstream row(table[i + 1]);
+    std::string number, value, keys;
+    std::getline(row, number, ',');
+    std::getline(row, value, ',');
+    std::getline(row, keys);
+    EXPECT_EQ(number, std::to_string(i + 1));
+    ASSERT_NEAR(std::stod(value), cycles.cvn[i], 5e-5) << table[i + 1];
+    EXPECT_EQ(keys, i == 0 ? "2 5" : i == 12 ? "9" : "") << table[i + 1];
+    sum += cycles.cvn[i];
+  }
+  EXPECT_EQ(table.back().substr(0, 4), "pow,");
+  EXPECT_NEAR(std::stod(table.back().substr(4)), sum / cycles.cvn.size(), 5e-5);
+  EXPECT_EQ(table.back().back(), ',') << "the markers column stays, empty";
+  EXPECT_NEAR(r.cvn_mean, sum / cycles.cvn.size(), 1e-12);
+
+  // A second export of the same session never touches the first.
+  const ExportResult again = write_export(in, dir / "exports");
+  ASSERT_TRUE(again.ok()) << again.error;
+  EXPECT_EQ(again.folder, dir / "exports/Anna_B-2_export");
+}
+
+TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
+  test::TempDir dir;
+  ExportInput in;
+  in.name = "kubios";
+  for (int i = 0; i < 300; ++i) in.rr_seconds.push_back(0.9 + 0.1 * std::sin(i * 0.4));
+  const ExportResult r = write_export(in, dir.path());
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.files, (std::vector<std::string>{"kubios_HR.txt", "kubios_markers.csv",
+                                               "kubios_CVN_logpower.csv", "kubios_report.pdf"}));
+  EXPECT_EQ(r.beats, 301u);
+  EXPECT_GT(lines(test::slurp(r.folder + "/kubios_CVN_logpower.csv")).size(), 2u);
+}
+
+TEST(WriteExport, FailuresNameThePathAndTheReason) {
+  test::TempDir dir;
+  // A file where the exports folder should be: root cannot write past it either.
+  ASSERT_TRUE(test::spit(dir / "exports", "not a folder"));
+  ExportResult r = write_export(sample_input(), dir / "exports");
+  EXPECT_FALSE(r.ok());
+  EXPECT_TRUE(r.folder.empty());
+  EXPECT_NE(r.error.find(dir / "exports"), std::string::npos) << r.error;
+  EXPECT_TRUE(r.error.find("Not a directory") != std::string::npos ||
+              r.error.find("File exists") != std::string::npos ||
+              r.error.find("in the way") != std::string::npos)
+      << r.error;
+  std::vector<std::string> entries;
+  for (const auto& e : fs::directory_iterator(dir.path())) entries.push_back(e.path().filename());
+  EXPECT_EQ(entries, std::vector<std::string>{"exports"}) << "nothing written elsewhere";
+
+  if (::geteuid() != 0) {  // root ignores folder permissions
+    fs::create_directories(dir / "ro");
+    ::chmod((dir / "ro").c_str(), 0555);
+    r = write_export(sample_input(), dir / "ro");
+    ::chmod((dir / "ro").c_str(), 0755);
+    EXPECT_NE(r.error.find("Permission denied"), std::string::npos) << r.error;
+    EXPECT_NE(r.error.find(dir / "ro/Anna_B_export"), std::string::npos) << r.error;
+    EXPECT_TRUE(fs::is_empty(dir / "ro"));
+  }
+}
+
+}  // namespace
+}  // namespace cvn

@@ -1,0 +1,185 @@
+// The PDF reports as readers see them: our own cross-reference check, then
+// qpdf, pdfinfo, pdftotext, pdfimages and pdftoppm from poppler.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <regex>
+
+#include "assets/assets.h"
+#include "base/files.h"
+#include "reports/pdf.h"
+#include "reports/report.h"
+#include "tests/reports/run_tool.h"
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using test::have_tool;
+using test::run_tool;
+
+ReportLogo bundled_logo() {
+  ReportLogo logo;
+  logo.jpeg = std::string(*find_asset("report_logo.jpg"));
+  jpeg_frame_size(logo.jpeg, &logo.width, &logo.height);
+  return logo;
+}
+
+RgbImage gradient(int w, int h) {
+  RgbImage im{w, h, std::vector<std::uint8_t>(static_cast<std::size_t>(w) * h * 3)};
+  for (std::size_t i = 0; i < im.rgb.size(); ++i) im.rgb[i] = static_cast<std::uint8_t>(i * 7);
+  return im;
+}
+
+RecordingReport example_report() {
+  RecordingReport r;
+  r.name = "Zoë (pilot) \\ 2";
+  r.summary = {{"Date", "2025-03-02 14:03"},
+               {"Sex / Age", "F / 45"},
+               {"Markers", "3 @ 12.5 s, 1 @ 20.0 s"},
+               {"R-peaks", "321"}};
+  for (int i = 0; i < 3000; ++i) r.hr.push_back(70 + 8 * std::sin(i * 0.04));
+  r.markers = {{1625, 3}, {2600, 1}};
+  r.cvn = {5.1, NAN, 5.3, 5.2};
+  r.tfr3 = gradient(300, 320);
+  r.tfr10 = gradient(300, 320);
+  r.expected_freq = 0.0625;
+  r.duration_seconds = 300;
+  r.logo = bundled_logo();
+  return r;
+}
+
+SummaryReport example_summary() {
+  SummaryReport s;
+  s.name = "Ward (B) study";
+  s.created = 1740920587;
+  for (int i = 0; i < 70; ++i)
+    s.entries.push_back({"Person " + std::to_string(i), "p" + std::to_string(i) + ".txt", 600.0 + i,
+                         static_cast<std::size_t>(700 + i), 4.25 + i * 0.001, ""});
+  s.entries[5].error = "Could not read p5.txt: Permission denied";
+  return s;
+}
+
+class ReportPdf : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir_ = new test::TempDir;
+    ASSERT_EQ(write_file_checked(report(), recording_report_pdf(example_report())), "");
+    ASSERT_EQ(write_file_checked(summary(), summary_report_pdf(example_summary())), "");
+  }
+  static void TearDownTestSuite() { delete dir_; }
+  void SetUp() override {
+    if (!have_tool("/usr/bin/qpdf") || !have_tool("/usr/bin/pdftotext"))
+      GTEST_SKIP() << "qpdf and poppler-utils are not installed";
+  }
+  static std::string report() { return *dir_ / "report.pdf"; }
+  static std::string summary() { return *dir_ / "summary.pdf"; }
+  static inline test::TempDir* dir_ = nullptr;
+};
+
+// Every xref entry must point at the first digit of its object's number line,
+// and /Size must count the objects written, with and without a logo.
+TEST(PdfFile, CrossReferenceOffsetsAndObjectCount) {
+  RecordingReport r = example_report();
+  for (bool with_logo : {true, false}) {
+    if (!with_logo) r.logo = {};
+    const std::string pdf = recording_report_pdf(r);
+    const std::size_t objects = with_logo ? 11 : 10;
+    EXPECT_EQ(pdf.find("/Logo") != std::string::npos, with_logo);
+    const std::size_t xref = pdf.rfind("\nxref\n") + 1;
+    EXPECT_NE(pdf.find("startxref\n" + std::to_string(xref) + "\n%%EOF\n"), std::string::npos);
+    EXPECT_NE(pdf.find("/Size " + std::to_string(objects + 1) + " /Root 1 0 R"), std::string::npos);
+    const std::string head = "xref\n0 " + std::to_string(objects + 1) + "\n0000000000 65535 f \n";
+    ASSERT_EQ(pdf.compare(xref, head.size(), head), 0);
+    for (std::size_t i = 1; i <= objects; ++i) {
+      const std::size_t at = std::stoul(pdf.substr(xref + head.size() + (i - 1) * 20, 10));
+      const std::string line = std::to_string(i) + " 0 obj\n";
+      EXPECT_EQ(pdf.compare(at, line.size(), line), 0) << "object " << i;
+    }
+  }
+  EXPECT_EQ(pdf_string("a(b)\\c ë"), "a\\(b\\)\\\\c e");
+  EXPECT_EQ(pdf_number(595.0) + " " + pdf_number(12.345) + " " + pdf_number(-0.001), "595 12.35 0");
+}
+
+TEST_F(ReportPdf, QpdfFindsNoErrors) {
+  for (const std::string& file : {report(), summary()}) {
+    test::ToolRun r = run_tool({"/usr/bin/qpdf", "--check", file});
+    EXPECT_EQ(r.status, 0) << file << "\n" << r.out << r.err;
+    EXPECT_NE(r.out.find("No syntax or stream encoding errors"), std::string::npos) << r.out;
+  }
+}
+
+TEST_F(ReportPdf, PdfinfoSeesA4Pages) {
+  const std::pair<std::string, std::string> cases[] = {{report(), "2"}, {summary(), "2"}};
+  for (const auto& [file, pages] : cases) {
+    test::ToolRun r = run_tool({"/usr/bin/pdfinfo", file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("Pages: +" + pages + "\n"))) << r.out;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("Page size: +595 x 842 pts \\(A4\\)")))
+        << r.out;
+  }
+}
+
+TEST_F(ReportPdf, PdftotextFindsEveryText) {
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {report(),
+       {"Corvane Live - report",
+        "Recording: Zoe (pilot) \\ 2",
+        "Date",
+        "2025-03-02 14:03",
+        "Sex / Age",
+        "F / 45",
+        "Markers",
+        "3 @ 12.5 s, 1 @ 20.0 s",
+        "R-peaks",
+        "321",
+        "pow (mean): 5.200",
+        "Mean HR: ",
+        "HR (BPM)",
+        "Time (s)",
+        "CVN (logpower)",
+        "Cycles",
+        "TFR - high time resolution",
+        "TFR - high frequency resolution",
+        "Frequency (Hz)",
+        "0.02",
+        "0.10",
+        "0.18",
+        "0.0625 Hz",
+        "Page 1 of 2",
+        "Page 2 of 2"}},
+      {summary(),
+       {"Corvane Live - report", "Name: Ward (B) study", "CVN (logpower)", "Person 0", "p69.txt",
+        "4.319", "Could not read p5.txt: Permission denied", "Page 1 of 2", "Page 2 of 2"}},
+  };
+  for (const auto& [file, texts] : cases) {
+    test::ToolRun r = run_tool({"/usr/bin/pdftotext", file, "-"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const std::string& t : texts) EXPECT_NE(r.out.find(t), std::string::npos) << t;
+  }
+}
+
+TEST_F(ReportPdf, PdfimagesListsTwoRgbMapsAndTheJpegLogo) {
+  test::ToolRun r = run_tool({"/usr/bin/pdfimages", "-list", report()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  // page num type width height color comp bpc enc ...
+  std::regex row(R"(\n +(\d) +\d+ +image +(\d+) +(\d+) +(\w+) +(\d) +8 +(\w+))");
+  std::vector<std::string> seen;
+  for (std::sregex_iterator it(r.out.begin(), r.out.end(), row), end; it != end; ++it)
+    seen.push_back((*it)[1].str() + " " + (*it)[2].str() + "x" + (*it)[3].str() + " " +
+                   (*it)[4].str() + " " + (*it)[6].str());
+  EXPECT_EQ(seen, (std::vector<std::string>{"1 600x150 rgb jpeg", "2 600x150 rgb jpeg",
+                                            "2 300x320 rgb image", "2 300x320 rgb image"}))
+      << r.out;
+}
+
+TEST_F(ReportPdf, PdftoppmRendersWithoutAWarning) {
+  for (const std::string& file : {report(), summary()}) {
+    test::ToolRun r = run_tool({"/usr/bin/pdftoppm", "-r", "40", "-png", file, *dir_ / "page"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "") << file;
+  }
+}
+
+}  // namespace
+}  // namespace cvn
