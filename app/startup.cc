@@ -140,6 +140,7 @@ int run_app(int argc, char** argv) {
   g_app.logo = load_report_logo(f.web_root);
   if (!g_app.logo.empty())
     std::printf("  Report logo loaded (%dx%d).\n", g_app.logo.width, g_app.logo.height);
+  engine->set_report_logo(g_app.logo);
 
   int first_port = argc > 1 ? parse_port(argv[1]) : kDefaultPort;
   int port = 0;

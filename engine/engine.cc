@@ -80,7 +80,7 @@ void Engine::reset_results() {
   ++generation_;
   tfr_ = {};
   saved_as_.clear();
-  export_state_ = JobState::kIdle;
+  export_ = {};
 }
 
 std::vector<double> Engine::current_samples() {
@@ -402,7 +402,7 @@ Snapshot Engine::snapshot() {
   s.sex = sex_;
   s.age = age_;
   s.tfr = tfr_.state;
-  s.export_job = export_state_;
+  s.export_job = export_.state;
   s.saved_as = saved_as_;
   s.markers = markers_;
   return s;
@@ -443,6 +443,51 @@ void Engine::start_tfr() {
     tfr_.tfr10_uri = std::move(r.tfr10_uri);
     tfr_.state = JobState::kDone;
   });
+}
+
+void Engine::start_export() {
+  ExportInput in;
+  std::uint64_t generation;
+  {
+    Guard g(mu_);
+    export_ = {};
+    export_.state = JobState::kRunning;
+    SessionCopy c = copy_session();
+    in.samples = std::move(c.samples);
+    in.markers = std::move(c.markers);
+    in.name = c.name;
+    in.indur = c.indur;
+    in.outdur = c.outdur;
+    in.cycle_seconds = c.cycle_seconds;
+    in.sex = c.sex;
+    in.age = c.age;
+    in.start_time = c.start_time;
+    in.logo = logo_;
+    generation = c.generation;
+  }
+  run_detached([this, in = std::move(in), generation] {
+    ExportResult r;
+    try {
+      r = write_export(in, data_folder_ + "/exports");
+    } catch (const std::exception& e) {
+      r.error = std::string("Export failed: ") + e.what();
+    }
+    Guard g(mu_);
+    // The files are on disk either way; the status belongs to its session.
+    if (generation != generation_) return;
+    export_.state = r.ok() ? JobState::kDone : JobState::kError;
+    export_.result = std::move(r);
+  });
+}
+
+ExportStatus Engine::export_status() {
+  Guard g(mu_);
+  return export_;
+}
+
+void Engine::set_report_logo(ReportLogo logo) {
+  Guard g(mu_);
+  logo_ = std::move(logo);
 }
 
 TfrResult Engine::tfr() {

@@ -22,6 +22,8 @@
 #include "base/recording.h"
 #include "engine/clock.h"
 #include "engine/live_analysis.h"
+#include "reports/export.h"
+#include "reports/report_logo.h"
 #include "sensor/ble_manager.h"
 
 namespace cvn {
@@ -88,6 +90,11 @@ struct ImportResult {
   std::string file;  // raw ECG: the recording it was saved as
   bool kubios = false;
   std::size_t beats = 0;  // Kubios: RR intervals read
+};
+
+struct ExportStatus {
+  JobState state = JobState::kIdle;
+  ExportResult result;  // meaningful once the job has ended
 };
 
 struct TfrResult {
@@ -157,6 +164,14 @@ class Engine {
   void start_tfr();
   TfrResult tfr();
 
+  /// Starts the export job: the session so far into a new folder under
+  /// exports/, on a thread of its own, while the session goes on.
+  void start_export();
+  ExportStatus export_status();
+
+  /// The logo the PDF reports carry; set once at start-up.
+  void set_report_logo(ReportLogo logo);
+
   /// Runs one analysis pass over the current samples and stores the results.
   void update_analysis();
 
@@ -225,7 +240,8 @@ class Engine {
   std::uint64_t generation_ = 0;
 
   TfrResult tfr_;
-  JobState export_state_ = JobState::kIdle;
+  ExportStatus export_;
+  ReportLogo logo_;
   std::string saved_as_;
 };
 

@@ -115,6 +115,26 @@ Response save(const ServerContext& c, const Request&) {
                         ",\"count\":" + std::to_string(r.count) + "}");
 }
 
+Response export_start(const ServerContext& c, const Request&) {
+  c.engine->start_export();
+  return Response::json("{\"ok\":true,\"status\":\"exporting\"}");
+}
+
+Response export_status(const ServerContext& c, const Request&) {
+  ExportStatus e = c.engine->export_status();
+  std::string body =
+      std::string("{\"status\":\"") + job_text(e.state, "exporting") + "\",\"result\":";
+  if (e.state == JobState::kDone || e.state == JobState::kError) {
+    body += "{\"folder\":" + json_text(e.result.folder) + ",\"files\":[";
+    for (std::size_t i = 0; i < e.result.files.size(); ++i)
+      body += (i ? "," : "") + json_text(e.result.files[i]);
+    body += "]}";
+  } else {
+    body += "null";
+  }
+  return Response::json(body + ",\"error\":" + json_text(e.result.error) + "}");
+}
+
 Response tfr(const ServerContext& c, const Request&) {
   c.engine->start_tfr();
   return Response::json("{\"ok\":true,\"status\":\"computing\"}");
@@ -174,6 +194,8 @@ constexpr Route kRoutes[] = {
     {"/start_live", start_live},
     {"/stop", stop},
     {"/save", save},
+    {"/export", export_start},
+    {"/export_status", export_status},
     {"/tfr", tfr},
     {"/tfr_status", tfr_status},
     {"/tfr_images", tfr_images},

@@ -86,7 +86,6 @@ TEST_F(Api, ReplayControlRoutes) {
   EXPECT_EQ(get("/stop"), R"({"ok":true})");
   EXPECT_NE(get("/status").find(R"("running":false)"), std::string::npos);
   EXPECT_NE(get("/save").find(R"({"ok":true,"file":"N_on5_off11_M40_)"), std::string::npos);
-  EXPECT_EQ(http_get(server.port(), "/export"), std::string(kNotFoundAnswer));  // not built yet
 }
 
 TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
@@ -111,6 +110,43 @@ TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
             std::string::npos)
       << s.substr(0, 200);
   EXPECT_NE(s.find(R"("total":10,)"), std::string::npos);
+}
+
+TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
+  auto export_and_wait = [&] {
+    EXPECT_EQ(get("/export"), R"({"ok":true,"status":"exporting"})");
+    std::string st;
+    for (int i = 0;
+         i < 500 && (st = get("/export_status")).find("\"exporting\"") != std::string::npos; ++i)
+      std::this_thread::sleep_for(10ms);
+    return st;
+  };
+  EXPECT_EQ(get("/export_status"), R"({"status":"idle","result":null,"error":""})");
+  EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&name=Zo%C3%AB"), R"({"ok":true})");
+  EXPECT_EQ(get("/seek?frac=0.3"), R"({"ok":true})");
+  EXPECT_EQ(get("/mark?key=2"), R"({"ok":true})");
+  EXPECT_EQ(get("/seek?frac=0.6"), R"({"ok":true})");
+  EXPECT_EQ(get("/mark?key=7"), R"({"ok":true})");
+  const std::string folder = data / "exports/Zo_export";
+  EXPECT_EQ(export_and_wait(),
+            R"({"status":"done","result":{"folder":")" + folder +
+                R"(","files":["Zo_ECG.txt","Zo_HR.txt","Zo_markers.csv","Zo.edf",)"
+                R"("Zo_CVN_logpower.csv","Zo_report.pdf"]},"error":""})");
+  EXPECT_NE(get("/status").find(R"("export_status":"done")"), std::string::npos);
+  EXPECT_EQ(test::slurp(folder + "/Zo_markers.csv").substr(0, 28), "marker,sample_index,seconds\n");
+  EXPECT_NE(export_and_wait().find(R"("folder":")" + folder.substr(0, folder.size() - 7) +
+                                   R"(-2_export")"),
+            std::string::npos);
+
+  // Nowhere to write: a file stands where the exports folder should be (a
+  // read-only folder stops no one when the tests run as root).
+  std::filesystem::remove_all(data / "exports");
+  test::spit(data / "exports", "");
+  std::string failed = export_and_wait();
+  EXPECT_TRUE(failed.starts_with(R"({"status":"error","result":{"folder":"","files":[]},)"
+                                 R"("error":"Could not create the exports folder )"))
+      << failed;
+  EXPECT_NE(get("/status").find(R"("export_status":"error")"), std::string::npos);
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
