@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <filesystem>
 
 #include "base/files.h"
 #include "base/numbers.h"
@@ -336,7 +337,27 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   }
   const std::string name = import_name(file_name);
   if (looks_like_kubios(text)) {
-    r.note = "Kubios RR exports can be imported once batch processing is available.";
+    r.beats = read_kubios_rr(text).size();
+    if (r.beats < kMinKubiosBeats) {
+      r.note = "This looks like a Kubios file but no RR-interval column was found.";
+      return r;
+    }
+    if (batch_running_) {
+      r.note = "A batch is already running.";
+      return r;
+    }
+    // The export goes through a batch of its own, in a fresh upload area.
+    std::string error = reset_upload_folder();
+    if (error.empty()) error = write_file_checked(upload_folder() + "/" + name + ".csv", text);
+    if (!error.empty()) {
+      r.note = error;
+      return r;
+    }
+    if (!start_batch(upload_folder(), true, name, settings)) {
+      r.note = "A batch is already running.";
+      return r;
+    }
+    r.kubios = true;
     return r;
   }
   double rate;
@@ -483,6 +504,64 @@ void Engine::start_export() {
 ExportStatus Engine::export_status() {
   Guard g(mu_);
   return export_;
+}
+
+bool Engine::start_batch(const std::string& folder, bool single, const std::string& report_name,
+                         const std::optional<SessionSettings>& settings) {
+  bool expected = false;
+  if (!batch_running_.compare_exchange_strong(expected, true)) return false;
+  BatchRequest request;
+  ReportLogo logo;
+  {
+    Guard g(mu_);
+    logo = logo_;
+    if (settings) apply_settings(*settings);
+    request.folder = folder;
+    request.single = single;
+    request.report_name = report_name;
+    request.settings.indur = indur_;
+    request.settings.outdur = outdur_;
+    request.settings.cycle_seconds = cycle_seconds_;
+    request.settings.sex = sex_;
+    request.settings.age = age_;
+    request.settings.sample_rate = import_rate_;
+    request.settings.per_person = single && settings.has_value();
+    batch_ = {};
+    batch_.state = JobState::kRunning;
+    batch_.message = "Scanning…";
+  }
+  run_detached([this, request = std::move(request), logo = std::move(logo)] {
+    BatchOutcome out;
+    try {
+      out = run_batch(request, data_folder_ + "/exports", logo,
+                      [this](int done, int total, const std::string& message) {
+                        Guard g(mu_);
+                        batch_.done = done;
+                        batch_.total = total;
+                        batch_.message = message;
+                      });
+    } catch (const std::exception& e) {
+      out.error = e.what();
+    }
+    Guard g(mu_);
+    batch_.state = out.error.empty() ? JobState::kDone : JobState::kError;
+    batch_.message = out.error.empty() ? out.message : "Batch failed: " + out.error;
+    batch_.outcome = std::move(out);
+    batch_running_ = false;
+  });
+  return true;
+}
+
+std::string Engine::reset_upload_folder() {
+  std::error_code ec;
+  std::filesystem::remove_all(upload_folder(), ec);
+  if (!ec) std::filesystem::create_directories(upload_folder(), ec);
+  return ec ? "Could not prepare the upload folder " + upload_folder() + ": " + ec.message() : "";
+}
+
+BatchStatus Engine::batch_status() {
+  Guard g(mu_);
+  return batch_;
 }
 
 void Engine::set_report_logo(ReportLogo logo) {

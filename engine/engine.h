@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "base/recording.h"
+#include "engine/batch.h"
 #include "engine/clock.h"
 #include "engine/live_analysis.h"
 #include "reports/export.h"
@@ -97,6 +98,13 @@ struct ExportStatus {
   ExportResult result;  // meaningful once the job has ended
 };
 
+struct BatchStatus {
+  JobState state = JobState::kIdle;
+  int total = 0, done = 0;
+  std::string message;   // "Scanning…", "Processing 3 / 10 — Anna", how it ended
+  BatchOutcome outcome;  // meaningful once the batch has ended
+};
+
 struct TfrResult {
   JobState state = JobState::kIdle;
   std::string message;              // the error, when there is one
@@ -168,6 +176,17 @@ class Engine {
   /// exports/, on a thread of its own, while the session goes on.
   void start_export();
   ExportStatus export_status();
+
+  /// Starts a batch over `folder` on a thread of its own, unless one runs
+  /// (then false). `settings`, when given, become the session's and are set
+  /// for this person: single mode with its own age and sex.
+  bool start_batch(const std::string& folder, bool single, const std::string& report_name,
+                   const std::optional<SessionSettings>& settings);
+  BatchStatus batch_status();
+  /// Where uploaded folders are put together for a batch.
+  std::string upload_folder() const { return data_folder_ + "/_upload_tmp"; }
+  /// Empties the upload folder; the error for the user, or "".
+  std::string reset_upload_folder();
 
   /// The logo the PDF reports carry; set once at start-up.
   void set_report_logo(ReportLogo logo);
@@ -241,6 +260,8 @@ class Engine {
 
   TfrResult tfr_;
   ExportStatus export_;
+  BatchStatus batch_;
+  std::atomic<bool> batch_running_{false};
   ReportLogo logo_;
   std::string saved_as_;
 };

@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "base/file_names.h"
+#include "base/files.h"
+#include "base/recording.h"
 #include "engine/engine.h"
 #include "sensor/ble_manager.h"
 #include "server/json.h"
@@ -157,6 +160,66 @@ Response tfr_images(const ServerContext& c, const Request&) {
   return Response::json(std::move(body));
 }
 
+Response busy() {
+  return Response::json(R"({"ok":false,"reason":"A batch is already running."})");
+}
+
+Response batch_start(const ServerContext& c, const Request& r) {
+  const std::string& root = r.param("root");
+  if (root.empty()) return Response::json(R"({"ok":false,"reason":"No folder selected."})");
+  return c.engine->start_batch(root, false, "", std::nullopt) ? ok() : busy();
+}
+
+Response batch_status(const ServerContext& c, const Request&) {
+  BatchStatus b = c.engine->batch_status();
+  std::string body = std::string("{\"status\":\"") + job_text(b.state, "running") +
+                     "\",\"total\":" + std::to_string(b.total) +
+                     ",\"done\":" + std::to_string(b.done) + ",\"msg\":" + json_text(b.message);
+  if (b.state == JobState::kDone || b.state == JobState::kError) {
+    const BatchOutcome& o = b.outcome;
+    body += ",\"result\":{\"reports\":[";
+    for (std::size_t i = 0; i < o.reports.size(); ++i)
+      body += (i ? "," : "") + json_text(o.reports[i]);
+    body += "],\"folder\":" + json_text(o.folder) + ",\"failed\":[";
+    bool first = true;
+    for (const BatchItem& item : o.items) {
+      if (item.error.empty()) continue;
+      body += (first ? "{\"file\":" : ",{\"file\":") + json_text(item.file) +
+              ",\"error\":" + json_text(item.error) + "}";
+      first = false;
+    }
+    body += "]}";
+  }
+  return Response::json(body + "}");
+}
+
+Response batch_new(const ServerContext& c, const Request&) {
+  c.engine->reset_upload_folder();
+  return ok();
+}
+
+Response batch_upload(const ServerContext& c, const Request& r) {
+  const std::string& rel = r.param("rel");
+  // The page sends the path inside the folder the user chose; nothing may
+  // land outside the upload area.
+  if (!is_safe_relative_path(rel)) return Response::json(R"({"ok":false})");
+  const fs::path path = fs::path(c.engine->upload_folder()) / fs::path(rel);
+  std::error_code ec;
+  fs::create_directories(path.parent_path(), ec);
+  if (!write_file_checked(path.string(), r.body).empty()) return Response::json(R"({"ok":false})");
+  return ok();
+}
+
+Response batch_run(const ServerContext& c, const Request& r) {
+  const bool single = r.param("mode") == "single";
+  std::string name = r.param("batchname");
+  if (name.empty()) name = r.param("patient");
+  name = sanitize_file_name(name, "import");
+  return c.engine->start_batch(c.engine->upload_folder(), single, name, session_settings(r.query))
+             ? ok()
+             : busy();
+}
+
 Response import(const ServerContext& c, const Request& r) {
   std::string file_name = r.param("fname");
   if (file_name.empty()) file_name = r.param("name");
@@ -199,6 +262,11 @@ constexpr Route kRoutes[] = {
     {"/tfr", tfr},
     {"/tfr_status", tfr_status},
     {"/tfr_images", tfr_images},
+    {"/batch_start", batch_start},
+    {"/batch_status", batch_status},
+    {"/batch_new", batch_new},
+    {"/batch_upload", batch_upload},
+    {"/batch_run", batch_run},
     {"/import", import},
     {"/stream", nullptr, stream},
 };

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <vector>
 
+#include "tests/support/kubios_export.h"
+
 namespace cvn {
 namespace {
 
@@ -53,32 +55,8 @@ TEST(Resample, LeavesTheInputAloneWhenThereIsNothingToDo) {
   EXPECT_EQ(resample(x, 130.5).size(), 398u);  // half a hertz away is resampled: 398.47
 }
 
-// A Kubios HRV Scientific export as it lays out its RR table: "sep=,", a
-// results block, the table title, two header rows, then 13 cells per row
-// (empty, beat time, RR, spectra, components, ECG time, ECG, marker), CRLF.
-std::string kubios_export(const std::vector<double>& rr, int ecg_rows_after = 0) {
-  std::string t =
-      "sep=,\r\nKubios HRV Scientific,version 4.1\r\n\r\nRESULTS FOR SINGLE SAMPLE\r\n"
-      "Mean RR  (ms):,812.5\r\n\r\n"
-      "RR INTERVAL DATA, SPECTRUM ESTIMATES AND ECG-WAVEFORM\r\n"
-      ",Time,RR interval,FFT spectrum,,AR spectrum,,VLF comp,LF comp,HF comp,ECG time,"
-      "ECG,Marker\r\n"
-      ",(s),(s),(Hz),(s^2/Hz),(Hz),(s^2/Hz),(s),(s),(s),(s),(mV),\r\n";
-  double time = 0;
-  for (std::size_t i = 0; i < rr.size(); ++i) {
-    time += rr[i];
-    // The spectrum columns end before the RR column does.
-    std::string spectrum = i < 2 ? "0.001,0.2,0.001,0.3" : ",,,";
-    t += "," + std::to_string(time) + "," + std::to_string(rr[i]) + "," + spectrum +
-         ",0.01,0.02,0.03," + std::to_string(i * 0.002) + ",0.1,\r\n";
-  }
-  // The ECG waveform may run on after the RR column.
-  for (int i = 0; i < ecg_rows_after; ++i) t += ",,,,,,,,,," + std::to_string(i) + ",0.2,\r\n";
-  return t;
-}
-
 TEST(Kubios, RecognisedByContent) {
-  EXPECT_TRUE(looks_like_kubios(kubios_export({0.8, 0.9, 1.0})));
+  EXPECT_TRUE(looks_like_kubios(test::kubios_export({0.8, 0.9, 1.0})));
   EXPECT_TRUE(looks_like_kubios("sep=,\n12\n13\n"));  // a raw ECG CSV with the hint is Kubios
   EXPECT_TRUE(looks_like_kubios("x\r\nSEP=;\r\n"));
   EXPECT_TRUE(looks_like_kubios("Title\nHRV Analysis Results\n"));
@@ -88,11 +66,11 @@ TEST(Kubios, RecognisedByContent) {
 
 TEST(Kubios, ReadsTheRrColumnWhereverTheOtherColumnsEnd) {
   const std::vector<double> rr = {0.812, 0.9, 1.05, 0.7, 0.95};
-  std::vector<double> got = read_kubios_rr(kubios_export(rr, 40));
+  std::vector<double> got = read_kubios_rr(test::kubios_export(rr, 40));
   ASSERT_EQ(got.size(), rr.size());
   for (std::size_t i = 0; i < rr.size(); ++i) EXPECT_NEAR(got[i], rr[i], 1e-6);
-  EXPECT_EQ(read_kubios_rr(kubios_export({0.8, 0.9})).size(), 2u);  // too few for a report
-  EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());   // no table title
+  EXPECT_EQ(read_kubios_rr(test::kubios_export({0.8, 0.9})).size(), 2u);  // too few for a report
+  EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());         // no table title
   // A cell must be a whole number: "0.8 s" is a header, not a beat.
   EXPECT_TRUE(read_kubios_rr("RR INTERVAL DATA\n,1,0.8 s\n,x,0.8\n").empty());
 }

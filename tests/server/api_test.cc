@@ -11,6 +11,7 @@
 #include "engine/engine.h"
 #include "server/routes.h"
 #include "tests/support/http_client.h"
+#include "tests/support/kubios_export.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {
@@ -40,6 +41,13 @@ class Api : public testing::Test {
   void TearDown() override { engine.stop(); }
 
   std::string get(const std::string& target) { return body_of(http_get(server.port(), target)); }
+  std::string wait_for_batch() {
+    std::string st;
+    for (int i = 0; i < 1000 && (st = get("/batch_status")).starts_with(R"({"status":"running")");
+         ++i)
+      std::this_thread::sleep_for(10ms);
+    return st;
+  }
 
   TempDir web, data;
   Engine engine{data.path(), nullptr};
@@ -147,6 +155,79 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
                                  R"("error":"Could not create the exports folder )"))
       << failed;
   EXPECT_NE(get("/status").find(R"("export_status":"error")"), std::string::npos);
+}
+
+// Runs `command`; its standard output, or "<failed>" when it did not exit 0.
+std::string run(const std::string& command) {
+  std::string out;
+  if (FILE* p = popen((command + " 2>&1").c_str(), "r")) {
+    char buf[4096];
+    for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    if (pclose(p) != 0) out = "<failed> " + out;
+  }
+  return out;
+}
+
+TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
+  EXPECT_EQ(get("/batch_status"), R"({"status":"idle","total":0,"done":0,"msg":""})");
+  EXPECT_EQ(get("/batch_start?root="), R"({"ok":false,"reason":"No folder selected."})");
+  auto post = [&](const std::string& target, const std::string& body) {
+    return body_of(test::http_post(server.port(), target, body));
+  };
+  const std::string ecg1(*find_asset("Sample 1.txt")), ecg2(*find_asset("Sample 2.txt"));
+  EXPECT_EQ(get("/batch_new"), R"({"ok":true})");
+  EXPECT_EQ(post("/batch_upload?rel=Anna%2Fmorning.txt", ecg1), R"({"ok":true})");
+  EXPECT_EQ(post("/batch_upload?rel=Ben%2Fmorning.txt", ecg2), R"({"ok":true})");
+  EXPECT_EQ(post("/batch_upload?rel=Ben%2Fnotes.txt", "coffee at 9\n"), R"({"ok":true})");
+  for (const char* escape : {"..%2Fevil.txt", "%2Ftmp%2Fevil.txt", "a%5C..%5C..%5Cevil.txt",
+                             "C:evil.txt", "Anna%2F..%2F..%2Fevil.txt", "ok%00.txt"})
+    EXPECT_EQ(post(std::string("/batch_upload?rel=") + escape, "x"), R"({"ok":false})") << escape;
+  EXPECT_FALSE(std::filesystem::exists(data / "evil.txt"));
+  EXPECT_FALSE(std::filesystem::exists(data / "_upload_tmp/../evil.txt"));
+
+  EXPECT_EQ(get("/batch_run?mode=folder&batchname=Study"), R"({"ok":true})");
+  EXPECT_EQ(get("/batch_run?mode=folder"),
+            R"({"ok":false,"reason":"A batch is already running."})");
+  const std::string st = wait_for_batch();
+  EXPECT_TRUE(st.starts_with(R"({"status":"done","total":3,"done":3,"msg":"Done — 2 report(s))"))
+      << st;
+  // One folder per person, or per recording of a person with several.
+  EXPECT_NE(st.find(R"("reports":["Anna_export/Anna_report.pdf",)"
+                    R"("Ben_morning_export/Ben_morning_report.pdf","Study_2)"),
+            std::string::npos)
+      << st;
+  EXPECT_NE(
+      st.find(R"("failed":[{"file":"notes.txt","error":"Not a recording: no samples in it."}])"),
+      std::string::npos)
+      << st;
+  // Nothing but the program's own folders in the data folder.
+  std::vector<std::string> top;
+  for (const auto& e : std::filesystem::directory_iterator(data.path()))
+    top.push_back(e.path().filename().string());
+  std::sort(top.begin(), top.end());
+  EXPECT_EQ(top, (std::vector<std::string>{"_upload_tmp", "exports", "recordings", "sample_data"}));
+}
+
+TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
+  std::vector<double> rr;
+  for (double t = 0; t < 300;) {  // five minutes breathing at 16 s
+    rr.push_back(0.9 + 0.08 * std::sin(2 * M_PI * t / 16));
+    t += rr.back();
+  }
+  std::string reply =
+      body_of(test::http_post(server.port(), "/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F",
+                              test::kubios_export(rr, 30)));
+  EXPECT_EQ(reply, R"({"ok":true,"kubios":true,"beats":)" + std::to_string(rr.size()) + "}");
+  const std::string st = wait_for_batch();
+  ASSERT_TRUE(st.starts_with(R"({"status":"done",)")) << st;
+  std::size_t at = st.find("_summary_report.pdf");
+  ASSERT_NE(at, std::string::npos) << st;
+  std::size_t start = st.rfind('"', at) + 1;
+  const std::string pdf = data / ("exports/" + st.substr(start, at + 19 - start));
+  EXPECT_EQ(run("qpdf --check '" + pdf + "' >/dev/null && echo ok"), "ok\n");
+  std::string text = run("pdftotext '" + pdf + "' -");
+  EXPECT_NE(text.find("Name:"), std::string::npos) << text;
+  EXPECT_NE(text.find("CVN (logpower)"), std::string::npos) << text;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {

@@ -1,0 +1,236 @@
+#include "engine/batch.h"
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "base/files.h"
+#include "base/recording.h"
+#include "engine/import.h"
+#include "reports/export.h"
+#include "reports/report.h"
+
+namespace fs = std::filesystem;
+
+namespace cvn {
+
+namespace {
+
+bool ends_with_longer(const std::string& name, std::string_view ending) {
+  return name.size() > ending.size() && name.ends_with(ending);
+}
+
+// Our own outputs lie beside the recordings they came from; they are not
+// recordings themselves.
+bool is_recording_file(const std::string& name) {
+  if (ends_with_longer(name, ".txt")) return true;
+  if (!ends_with_longer(name, ".csv")) return false;
+  return !ends_with_longer(name, "_markers.csv") && !ends_with_longer(name, "_cvn_logpower.csv") &&
+         !ends_with_longer(name, "_CVN_logpower.csv");
+}
+
+std::string stem_of(const std::string& name) {
+  std::size_t dot = name.rfind('.');
+  return dot == std::string::npos ? name : name.substr(0, dot);
+}
+
+// Regular files of `folder` that are recordings, sorted by name; folders
+// below are searched too when `deep`.
+std::vector<BatchFile> recordings_in(const fs::path& folder, bool deep) {
+  std::vector<BatchFile> out;
+  std::error_code ec;
+  if (deep) {
+    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+      if (it->is_regular_file(ec) && is_recording_file(it->path().filename().string()))
+        out.push_back({it->path().string(), it->path().filename().string()});
+  } else {
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
+      if (it->is_regular_file(ec) && is_recording_file(it->path().filename().string()))
+        out.push_back({it->path().string(), it->path().filename().string()});
+  }
+  std::sort(out.begin(), out.end(),
+            [](const BatchFile& a, const BatchFile& b) { return a.path < b.path; });
+  return out;
+}
+
+struct Job {
+  const BatchGroup* group;
+  const BatchFile* file;
+};
+
+// One recording into its export folder. Every way it can fail is a sentence
+// for the summary, never an exception.
+BatchItem process(const Job& job, const BatchSettings& settings, const std::string& exports,
+                  const ReportLogo& logo) {
+  BatchItem item;
+  item.person = job.group->name;
+  item.file = job.file->name;
+  std::optional<std::string> text = read_file(job.file->path);
+  if (!text) {
+    item.error = "Could not read the file.";
+    return item;
+  }
+  ExportInput in;
+  if (looks_like_kubios(*text)) {
+    in.rr_seconds = read_kubios_rr(*text);
+    item.rr_only = true;
+    if (in.rr_seconds.size() < kMinKubiosBeats) {
+      item.error = "This looks like a Kubios file but no RR-interval column was found.";
+      return item;
+    }
+  } else {
+    in.samples = resample(read_recording(*text), settings.sample_rate);
+    if (in.samples.size() < kMinImportSamples) {
+      item.error = in.samples.empty()
+                       ? "Not a recording: no samples in it."
+                       : "Too short to analyse: " + std::to_string(in.samples.size()) +
+                             " samples, at least " + std::to_string(kMinImportSamples) +
+                             " (3 s) needed.";
+      return item;
+    }
+    if (std::optional<std::string> m = read_file(markers_path(job.file->path)))
+      in.markers = read_markers(*m);
+  }
+  text.reset();
+  // A person with several recordings gets one folder per recording.
+  in.name = job.group->files.size() > 1
+                ? job.group->name + "_" + sanitize_file_name(stem_of(job.file->name))
+                : job.group->name;
+  in.cycle_seconds = settings.cycle_seconds;
+  in.indur = settings.indur;
+  in.outdur = settings.outdur;
+  in.sex = settings.sex;
+  in.age = settings.age;
+  in.logo = logo;
+  ExportResult r = write_export(in, exports);
+  item.error = r.error;
+  item.export_folder = r.folder;
+  for (const std::string& f : r.files)
+    if (f.ends_with("_report.pdf"))
+      item.report = std::filesystem::path(r.folder).filename().string() + "/" + f;
+  item.beats = r.beats;
+  item.duration_seconds = r.duration_seconds;
+  item.cvn_mean = r.cvn_mean;
+  return item;
+}
+
+}  // namespace
+
+std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
+                                   const std::string& report_name) {
+  std::vector<BatchGroup> groups;
+  if (single) {
+    BatchGroup g{sanitize_file_name(report_name, "import"), recordings_in(folder, true)};
+    if (!g.files.empty()) groups.push_back(std::move(g));
+    return groups;
+  }
+  std::error_code ec;
+  std::map<std::string, BatchGroup> by_name;  // sorted, and two folders never merge silently
+  for (const BatchFile& f : recordings_in(folder, false)) {
+    std::string name = sanitize_file_name(stem_of(f.name));
+    by_name[name].name = name;
+    by_name[name].files.push_back(f);
+  }
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    if (!it->is_directory(ec)) continue;
+    std::vector<BatchFile> files = recordings_in(it->path(), true);
+    if (files.empty()) continue;
+    std::string name = sanitize_file_name(it->path().filename().string());
+    BatchGroup& g = by_name[name];
+    g.name = name;
+    g.files.insert(g.files.end(), files.begin(), files.end());
+  }
+  for (auto& [name, g] : by_name) groups.push_back(std::move(g));
+  return groups;
+}
+
+BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_folder,
+                       const ReportLogo& logo, const BatchProgress& progress, int threads) {
+  BatchOutcome out;
+  out.folder = exports_folder;
+  const std::vector<BatchGroup> groups =
+      list_batch(request.folder, request.single, request.report_name);
+  std::vector<Job> jobs;
+  for (const BatchGroup& g : groups)
+    for (const BatchFile& f : g.files) jobs.push_back({&g, &f});
+  const int total = static_cast<int>(jobs.size());
+  if (jobs.empty()) {
+    out.message = "No recordings (.txt raw ECG or .csv Kubios) found in that folder.";
+    progress(0, 0, out.message);
+    return out;
+  }
+  std::error_code ec;
+  std::filesystem::create_directories(exports_folder, ec);
+  if (!std::filesystem::is_directory(exports_folder, ec)) {
+    out.error = "Could not create the exports folder " + exports_folder + ": " +
+                (ec ? ec.message() : std::string("a file of that name is in the way"));
+    return out;
+  }
+  progress(0, total, "Processing…");
+
+  // Each worker holds one recording at a time, so memory follows the
+  // largest recording, not the size of the study.
+  out.items.resize(jobs.size());
+  std::atomic<std::size_t> next{0};
+  std::mutex mu;
+  int done = 0;
+  auto work = [&] {
+    for (std::size_t i; (i = next++) < jobs.size();) {
+      {
+        std::lock_guard<std::mutex> g(mu);
+        progress(done, total,
+                 "Processing " + std::to_string(done + 1) + " / " + std::to_string(total) + " — " +
+                     jobs[i].group->name);
+      }
+      BatchItem item = process(jobs[i], request.settings, exports_folder, logo);
+      std::lock_guard<std::mutex> g(mu);
+      out.items[i] = std::move(item);
+      ++done;
+      progress(done, total,
+               "Processing " + std::to_string(std::min(done + 1, total)) + " / " +
+                   std::to_string(total) + " — " + jobs[i].group->name);
+    }
+  };
+  std::vector<std::thread> pool;
+  for (int t = 1; t < std::min<int>(threads, total); ++t) pool.emplace_back(work);
+  work();
+  for (std::thread& t : pool) t.join();
+
+  std::size_t written = 0, failed = 0;
+  for (const BatchItem& item : out.items) {
+    if (!item.error.empty()) {
+      ++failed;
+      continue;
+    }
+    ++written;
+    if (!item.report.empty()) out.reports.push_back(item.report);
+  }
+  SummaryReport summary;
+  summary.name = !request.report_name.empty()
+                     ? request.report_name
+                     : std::filesystem::path(request.folder).filename().string();
+  summary.created = static_cast<std::int64_t>(std::time(nullptr));
+  summary.logo = logo;
+  for (const BatchItem& item : out.items)
+    summary.entries.push_back(
+        {item.person, item.file, item.duration_seconds, item.beats, item.cvn_mean, item.error});
+  const std::string summary_name = sanitize_file_name(summary.name, "batch") + "_" +
+                                   file_time_stamp(summary.created) + "_summary_report.pdf";
+  std::string error =
+      write_file_checked(exports_folder + "/" + summary_name, summary_report_pdf(summary));
+  if (!error.empty()) {
+    out.error = error;
+    return out;
+  }
+  out.reports.push_back(summary_name);
+  out.message = "Done — " + std::to_string(written) + " report(s) written to " + exports_folder +
+                "." +
+                (failed ? " " + std::to_string(failed) + " file(s) could not be processed." : "");
+  return out;
+}
+
+}  // namespace cvn
