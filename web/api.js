@@ -78,6 +78,13 @@ export function openStream(onSnapshot, onLost) {
     return readStream(onSnapshot, onLost);
   }
   let series = { hr_series: [], cvn_series: [] };
+  let close = () => worker.terminate();
+  // A worker that cannot start (its script did not load) leaves the reading
+  // to this thread.
+  worker.onerror = () => {
+    worker.terminate();
+    close = readStream(onSnapshot, onLost);
+  };
   worker.onmessage = ({ data }) => {
     if (data.lost) return onLost();
     if (data.series) series = data.series;
@@ -85,5 +92,5 @@ export function openStream(onSnapshot, onLost) {
     data.s.cvn_series = series.cvn_series;
     onSnapshot(data.s);
   };
-  return () => worker.terminate();
+  return () => close();
 }
