@@ -1,0 +1,279 @@
+// The two canvases: the ECG scope and the chart of heart rate and score over
+// time. The scale and tick arithmetic is pure and exported for the tests; the
+// drawing functions take a 2D context and a layout.
+
+import { clockText } from './format.js';
+
+// The program sends at most the last six seconds of its 130 Hz ECG (780
+// samples). The scope is always that wide, so a shorter trace starts at the
+// left and grows to the right like a sweep.
+export const kScopeSamples = 780;
+
+const kScopeHeadroom = 0.12;   // above and below the trace's range
+const kScopeGrid = 38;         // pixels
+const kWindowSeconds = 180;    // the chart shows at least three minutes...
+const kWindowCycles = 6;       // ...and at least six breathing cycles
+const kHrMinSpan = 6;          // bpm: a steady heart rate is not drawn as noise
+const kHrPad = 0.14;           // share of the span above and below
+const kHrIdle = [50, 90];      // bpm, before there is a heart rate
+const kTimeSteps = [5, 10, 15, 20, 30, 60, 120, 300, 600, 1200, 3600];  // seconds
+const kTimeLabelWidth = 110;   // pixels per time label at most
+const kPlot = { left: 46, right: 44, top: 16, bottom: 24 };
+
+const colours = {
+  grid: '#eef2f5', scopeGrid: '#edf1f4', scope: '#0c5f6e', faint: '#8a9bab',
+  band: 'rgba(17,137,138,0.06)', cycle: '#c9d6de', axis: '#6b7f90', frame: '#dbe4ea',
+  hrAxis: '#b23a45', hr: '#d64550', score: '#4357c7', scoreZero: 'rgba(67,87,199,0.45)', mark: '#c27803',
+};
+
+/** The smallest 1, 2, 2.5 or 5 times a power of ten that splits `span` into at most `target` steps. */
+export function niceStep(span, target) {
+  const raw = span / Math.max(1, target);
+  const p = Math.pow(10, Math.floor(Math.log10(raw)));
+  for (const m of [1, 2, 2.5, 5, 10]) if (m * p >= raw) return m * p;
+  return 10 * p;
+}
+
+/** The multiples of `step` from `lo` to `hi`, rounded to tenths so 0.1 steps do not drift. */
+export function valueTicks(lo, hi, step) {
+  const out = [];
+  for (let i = Math.ceil(lo / step); i * step <= hi + 1e-9; i++) out.push(Math.round(i * step * 10) / 10);
+  return out;
+}
+
+/** Seconds between time labels, so that labels keep `kTimeLabelWidth` pixels apart. */
+export function timeStep(windowSeconds, plotWidth) {
+  const want = windowSeconds / Math.max(3, Math.floor(plotWidth / kTimeLabelWidth));
+  return kTimeSteps.find((v) => v >= want) || kTimeSteps[kTimeSteps.length - 1];
+}
+
+/** The visible time span: at least `kWindowSeconds` and six cycles wide, ending at the latest point. */
+export function timeWindow(hrSeries, cycleSeconds) {
+  const width = Math.max(kWindowSeconds, kWindowCycles * cycleSeconds);
+  const lastX = hrSeries.length ? hrSeries[hrSeries.length - 1].x : 0;
+  const t1 = Math.max(lastX, width);
+  return { t0: t1 - width, t1, width };
+}
+
+/** Index of the first point with x >= t in a series sorted by x. */
+export function firstAtOrAfter(series, t) {
+  let lo = 0, hi = series.length;
+  while (lo < hi) {
+    const mid = (lo + hi) >> 1;
+    if (series[mid].x < t) lo = mid + 1; else hi = mid;
+  }
+  return lo;
+}
+
+/** The heart-rate axis for the points between t0 and t1: at least 6 bpm, padded by 14 %. */
+export function heartRateRange(hrSeries, t0, t1) {
+  let lo = Infinity, hi = -Infinity;
+  for (let i = firstAtOrAfter(hrSeries, t0); i < hrSeries.length; i++) {
+    const p = hrSeries[i];
+    if (p.x > t1) break;
+    if (p.y == null) continue;
+    if (p.y < lo) lo = p.y;
+    if (p.y > hi) hi = p.y;
+  }
+  if (lo === Infinity) return { lo: kHrIdle[0], hi: kHrIdle[1] };
+  if (hi - lo < kHrMinSpan) {
+    const m = (hi + lo) / 2;
+    lo = m - kHrMinSpan / 2;
+    hi = m + kHrMinSpan / 2;
+  }
+  const pad = (hi - lo) * kHrPad;
+  return { lo: lo - pad, hi: hi + pad };
+}
+
+/**
+ * Sizes a canvas to `size` (its box in CSS pixels, as a ResizeObserver saw
+ * it: measuring here would force a layout per draw) at the screen's pixel
+ * ratio and clears it; null when too small to draw in.
+ */
+export function fitCanvas(canvas, size, minW, minH) {
+  const dpr = window.devicePixelRatio || 1;
+  const w = Math.max(1, Math.round(size.w * dpr)), h = Math.max(1, Math.round(size.h * dpr));
+  if (canvas.width !== w || canvas.height !== h) { canvas.width = w; canvas.height = h; }
+  const ctx = canvas.getContext('2d');
+  ctx.setTransform(dpr, 0, 0, dpr, 0, 0);
+  ctx.clearRect(0, 0, size.w, size.h);
+  if (size.w < minW || size.h < minH) return null;
+  return { ctx, w: size.w, h: size.h };
+}
+
+// ---------- ECG scope ----------
+
+/** Draws the scope; `emptyText` shows when there is no trace. */
+export function drawScope(canvas, size, ecg, emptyText) {
+  const c = fitCanvas(canvas, size, 4, 4);
+  if (!c) return;
+  const { ctx, w, h } = c;
+  ctx.strokeStyle = colours.scopeGrid;
+  ctx.lineWidth = 1;
+  ctx.beginPath();
+  for (let x = 0.5; x < w; x += kScopeGrid) { ctx.moveTo(x, 0); ctx.lineTo(x, h); }
+  for (let y = 0.5; y < h; y += kScopeGrid) { ctx.moveTo(0, y); ctx.lineTo(w, y); }
+  ctx.stroke();
+  if (!ecg || ecg.length < 2) {
+    ctx.fillStyle = colours.faint;
+    ctx.font = '14px system-ui, sans-serif';
+    ctx.textAlign = 'center';
+    ctx.fillText(emptyText, w / 2, h / 2);
+    return;
+  }
+  let lo = Infinity, hi = -Infinity;
+  for (const v of ecg) { if (v < lo) lo = v; if (v > hi) hi = v; }
+  let range = hi - lo;
+  if (!(range > 0)) { range = 1; lo -= 0.5; }
+  lo -= range * kScopeHeadroom;
+  range *= 1 + 2 * kScopeHeadroom;
+  const dx = w / (kScopeSamples - 1);
+  ctx.strokeStyle = colours.scope;
+  ctx.lineWidth = 1.6;
+  ctx.lineJoin = 'round';
+  ctx.beginPath();
+  for (let i = 0; i < ecg.length; i++) {
+    const x = i * dx, y = h - ((ecg[i] - lo) / range) * h;
+    if (i) ctx.lineTo(x, y); else ctx.moveTo(x, y);
+  }
+  ctx.stroke();
+}
+
+// ---------- heart rate and score ----------
+
+// In-breath bands, so the rise of the heart rate can be read against them.
+function drawBreathBands(ctx, g, cyc, indur) {
+  ctx.fillStyle = colours.band;
+  for (let k = Math.floor(g.t0 / cyc); k * cyc < g.t1; k++) {
+    const a = Math.max(g.t0, k * cyc), b = Math.min(g.t1, k * cyc + indur);
+    if (b > a) ctx.fillRect(g.x(a), g.top, g.x(b) - g.x(a), g.ph);
+  }
+}
+
+// Horizontal grid lines and labels from the heart-rate axis.
+function drawHeartRateAxis(ctx, g) {
+  ctx.strokeStyle = colours.grid;
+  ctx.lineWidth = 1;
+  ctx.fillStyle = colours.hrAxis;
+  ctx.textAlign = 'right';
+  ctx.textBaseline = 'middle';
+  ctx.beginPath();
+  for (const v of valueTicks(g.lo, g.hi, niceStep(g.hi - g.lo, 5))) {
+    const y = Math.round(g.yHr(v)) + 0.5;
+    ctx.moveTo(g.left, y);
+    ctx.lineTo(g.left + g.pw, y);
+    ctx.fillText(String(v), g.left - 8, y);
+  }
+  ctx.stroke();
+}
+
+function drawCycleLines(ctx, g, cyc) {
+  ctx.strokeStyle = colours.cycle;
+  ctx.beginPath();
+  for (let k = Math.ceil(g.t0 / cyc); k * cyc <= g.t1; k++) {
+    const x = Math.round(g.x(k * cyc)) + 0.5;
+    ctx.moveTo(x, g.top);
+    ctx.lineTo(x, g.top + g.ph);
+  }
+  ctx.stroke();
+}
+
+function drawTimeAxis(ctx, g) {
+  const step = timeStep(g.width, g.pw);
+  ctx.fillStyle = colours.axis;
+  ctx.textAlign = 'center';
+  ctx.textBaseline = 'top';
+  for (let t = Math.ceil(g.t0 / step) * step; t <= g.t1 + 1e-9; t += step) ctx.fillText(clockText(t), g.x(t), g.top + g.ph + 6);
+}
+
+// The score's fixed −1..+1 axis on the right, its zero dashed.
+function drawScoreAxis(ctx, g) {
+  ctx.textAlign = 'left';
+  ctx.textBaseline = 'middle';
+  ctx.fillStyle = colours.score;
+  for (const v of [-1, -0.5, 0, 0.5, 1]) ctx.fillText((v > 0 ? '+' : v < 0 ? '−' : '') + Math.abs(v), g.left + g.pw + 8, g.yScore(v));
+  const y = Math.round(g.yScore(0)) + 0.5;
+  ctx.save();
+  ctx.setLineDash([5, 5]);
+  ctx.strokeStyle = colours.scoreZero;
+  ctx.beginPath();
+  ctx.moveTo(g.left, y);
+  ctx.lineTo(g.left + g.pw, y);
+  ctx.stroke();
+  ctx.restore();
+}
+
+// One series as a line from just before the window on, broken at unknown values.
+function drawSeries(ctx, g, series, y, colour, width) {
+  ctx.strokeStyle = colour;
+  ctx.lineWidth = width;
+  ctx.lineJoin = 'round';
+  ctx.beginPath();
+  let pen = false;
+  for (let i = firstAtOrAfter(series, g.t0 - 1); i < series.length; i++) {
+    const p = series[i];
+    if (p.y == null) { pen = false; continue; }
+    if (pen) ctx.lineTo(g.x(p.x), y(p.y)); else ctx.moveTo(g.x(p.x), y(p.y));
+    pen = true;
+  }
+  ctx.stroke();
+}
+
+function drawMarkers(ctx, g, markers) {
+  ctx.font = '600 11px system-ui, sans-serif';
+  ctx.textAlign = 'center';
+  ctx.textBaseline = 'middle';
+  for (const m of markers) {
+    if (m.t < g.t0 || m.t > g.t1) continue;
+    const x = Math.round(g.x(m.t)) + 0.5;
+    ctx.save();
+    ctx.setLineDash([4, 4]);
+    ctx.strokeStyle = colours.mark;
+    ctx.lineWidth = 1.5;
+    ctx.beginPath();
+    ctx.moveTo(x, g.top + 10);
+    ctx.lineTo(x, g.top + g.ph);
+    ctx.stroke();
+    ctx.restore();
+    ctx.fillStyle = colours.mark;
+    ctx.beginPath();
+    ctx.arc(x, g.top + 4, 8, 0, Math.PI * 2);
+    ctx.fill();
+    ctx.fillStyle = '#fff';
+    ctx.fillText(String(m.k), x, g.top + 4.5);
+  }
+}
+
+/** Draws heart rate (left axis) and score (right axis, −1..+1) over time from a snapshot. */
+export function drawTrend(canvas, size, s) {
+  const c = fitCanvas(canvas, size, 60, 60);
+  if (!c || !(s.cycle_seconds > 0)) return;
+  const { ctx, w, h } = c;
+  const hr = s.hr_series || [], score = s.cvn_series || [];
+  const win = timeWindow(hr, s.cycle_seconds);
+  const { lo, hi } = heartRateRange(hr, win.t0, win.t1);
+  const pw = w - kPlot.left - kPlot.right, ph = h - kPlot.top - kPlot.bottom;
+  const g = {
+    ...win, lo, hi, pw, ph, left: kPlot.left, top: kPlot.top,
+    x: (t) => kPlot.left + ((t - win.t0) / win.width) * pw,
+    yHr: (v) => kPlot.top + (1 - (v - lo) / (hi - lo)) * ph,
+    yScore: (v) => kPlot.top + (1 - (Math.max(-1, Math.min(1, v)) + 1) / 2) * ph,
+  };
+  ctx.font = '12px system-ui, sans-serif';
+  drawBreathBands(ctx, g, s.cycle_seconds, Math.max(0, s.indur));
+  drawHeartRateAxis(ctx, g);
+  drawCycleLines(ctx, g, s.cycle_seconds);
+  drawTimeAxis(ctx, g);
+  drawScoreAxis(ctx, g);
+  ctx.save();
+  ctx.beginPath();
+  ctx.rect(g.left, g.top - 2, pw, ph + 4);
+  ctx.clip();
+  drawSeries(ctx, g, hr, g.yHr, colours.hr, 2);
+  drawSeries(ctx, g, score, g.yScore, colours.score, 2.2);
+  ctx.restore();
+  drawMarkers(ctx, g, s.markers || []);
+  ctx.strokeStyle = colours.frame;
+  ctx.lineWidth = 1;
+  ctx.strokeRect(g.left + 0.5, g.top + 0.5, pw - 1, ph - 1);
+}

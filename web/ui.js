@@ -1,0 +1,33 @@
+// Small DOM helpers shared by the screens.
+
+export const $ = (id) => document.getElementById(id);
+
+/** Sets an element's text unless it already shows it (no layout work then). */
+export function setText(el, text) {
+  if (el.textContent !== text) el.textContent = text;
+}
+
+/** A one-line note: plain, 'err' or 'ok'. */
+export function setNote(el, text, kind) {
+  setText(el, text || '');
+  el.classList.toggle('err', kind === 'err');
+  el.classList.toggle('ok', kind === 'ok');
+}
+
+const kToastMs = 1600;
+let toastTimer = 0;
+export function toast(text) {
+  const t = $('toast');
+  t.textContent = text;
+  t.classList.add('show');
+  clearTimeout(toastTimer);
+  toastTimer = setTimeout(() => t.classList.remove('show'), kToastMs);
+}
+
+/** Texts the page shows when this build of the program lacks a route. */
+export const kNotYet = {
+  import: 'Import is not available in this version yet.',
+  batch: 'Batch processing is not available in this version yet.',
+  tfr: 'TFR is not available in this version yet.',
+  scan: 'Scanning is not available in this version yet.',
+};
