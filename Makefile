@@ -32,7 +32,7 @@ sanitize: deps-test
 # linked, packed with a README into $(DIST)/CorvaneLive-<version>-win64.zip.
 windows: deps-windows
 	python3 tools/winrt_iids.py --check sensor/winrt_ble_abi_win32.h
-	cmake -S . -B $(WIN_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake \
+	cmake --no-warn-unused-cli -S . -B $(WIN_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake \
 	  -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
 	cmake --build $(WIN_BUILD) -j $(JOBS) --target corvane-live corvane-analyze
 	tools/package_windows.sh $(WIN_BUILD) $(DIST)

@@ -85,7 +85,10 @@ if ! poll "$kStartSeconds" banner; then
 fi
 port=$(sed -n 's|.*http://127.0.0.1:\([0-9]*\)/.*|\1|p' "$tmp/out")
 
-page() { get / | grep -qi "<html"; }
+page() {
+  local html
+  html=$(get /) && grep -qi "<html" <<<"$html"
+}
 check "the page loads" page
 check "/bt_available is false" json /bt_available 'd == {"available": False}'
 check "/scan fails with the watcher-start message" json /scan \
