@@ -2,7 +2,10 @@
 BUILD ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: run test sanitize deps-build deps-test clean
+WIN_BUILD ?= build-win
+DIST ?= dist
+
+.PHONY: run test sanitize windows deps-build deps-test deps-windows clean
 
 run: deps-build
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
@@ -25,11 +28,23 @@ sanitize: deps-test
 	cmake --build $(BUILD)-asan -j $(JOBS) --target $(SAN_TESTS)
 	for t in $(SAN_TESTS); do UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ./$(BUILD)-asan/tests/$$t || exit 1; done
 
+# Both programs cross-compiled for 64-bit Windows with MinGW-w64, statically
+# linked, packed with a README into $(DIST)/CorvaneLive-<version>-win64.zip.
+windows: deps-windows
+	python3 tools/winrt_iids.py --check sensor/winrt_ble_abi_win32.h
+	cmake --no-warn-unused-cli -S . -B $(WIN_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64.cmake \
+	  -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(WIN_BUILD) -j $(JOBS) --target corvane-live corvane-analyze
+	tools/package_windows.sh $(WIN_BUILD) $(DIST)
+
 deps-build:
 	@tools/deps.sh build
 
 deps-test:
 	@tools/deps.sh test
 
+deps-windows:
+	@tools/deps.sh windows
+
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(WIN_BUILD) $(DIST)

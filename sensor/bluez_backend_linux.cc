@@ -225,6 +225,19 @@ std::string signal_rule(const std::string& member, const std::string& interface,
   return rule;
 }
 
+// Inside, the backend reports failures as exceptions (sd-bus errors, error
+// replies, a link closed under a waiting call); at the stack interface they
+// become a status whose message names the step, in BlueZ's words.
+template <class F>
+BleStatus guarded(const char* what, F&& f) {
+  try {
+    f();
+    return BleStatus::success();
+  } catch (const std::exception& e) {
+    return BleStatus::failure(std::string("BlueZ: ") + what + ": " + e.what());
+  }
+}
+
 // ---------------------------------------------------------------------------
 // The connection to the system bus and its event loop.
 
@@ -619,14 +632,17 @@ class BluezLink : public BleConnection {
     resolved_ = connected_ && flag(device, "ServicesResolved").value_or(false);
   }
 
-  void watch_connection(std::function<void(bool)> on_change) override {
+  BleStatus watch_connection(std::function<void(bool)> on_change) override {
     std::lock_guard<std::mutex> g(mu_);
     if (!closed_) on_change_ = std::move(on_change);
+    return BleStatus::success();
   }
 
   // BlueZ keeps a link up for as long as a client wants it once Connect has
   // succeeded, so this is the nearest thing to WinRT's MaintainConnection.
-  bool maintain_connection() override { return connect(); }
+  BleStatus maintain_connection(bool* kept) override {
+    return guarded("cannot connect", [&] { *kept = connect(); });
+  }
 
   // Cached from BlueZ's signals and the Connect reply, so it is cheap and
   // never fails.
@@ -635,53 +651,24 @@ class BluezLink : public BleConnection {
     return connected_ && !closed_;
   }
 
-  Discovery discover_all() override { return discover(nullptr); }
-  Discovery discover_service(const std::string& uuid) override { return discover(&uuid); }
-
-  bool has_characteristic(const std::string& uuid) override {
-    std::string service;
-    {
-      std::lock_guard<std::mutex> g(mu_);
-      service = service_;
-    }
-    if (service.empty()) return false;
-    for (const auto& [path, interfaces] : bus_->managed_objects(&closed_)) {
-      const Props* c = interface(interfaces, kCharacteristic);
-      const std::string* u = c ? text(*c, "UUID") : nullptr;
-      if (!u || !same_uuid(*u, uuid) || !is_below(path, service)) continue;
-      std::lock_guard<std::mutex> g(mu_);
-      characteristics_[uuid] = path;
-      return true;
-    }
-    return false;
+  BleStatus discover_all(Discovery* out) override {
+    return guarded("cannot discover services", [&] { *out = discover(nullptr); });
+  }
+  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+    return guarded("cannot discover services", [&] { *out = discover(&uuid); });
   }
 
-  void subscribe(const std::string& uuid,
-                 std::function<void(const std::vector<std::uint8_t>&)> on_value) override {
-    const std::string path = characteristic(uuid);
-    {
-      std::lock_guard<std::mutex> g(mu_);
-      if (closed_) throw std::runtime_error("link closed");
-      handlers_[path] = std::move(on_value);
-    }
-    // The handler is in place before the match, the match before StartNotify.
-    add_match(signal_rule("PropertiesChanged", kProperties, path, kCharacteristic),
-              [this, path](sd_bus_message* m) { on_value_changed(path, m); });
-    bus_->call(path, kCharacteristic, "StartNotify", nullptr, nullptr, kCallTimeout, &closed_);
-    std::lock_guard<std::mutex> g(mu_);
-    notifying_.push_back(path);
+  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+    return guarded("cannot list characteristics", [&] { *present = find_characteristic(uuid); });
   }
 
-  void write(const std::string& uuid, const std::vector<std::uint8_t>& value) override {
-    bus_->call(
-        characteristic(uuid), kCharacteristic, "WriteValue",
-        [&](sd_bus_message* m) {
-          check(sd_bus_message_append_array(m, 'y', value.data(), value.size()), "value");
-          // "request" is a write with response (BlueZ 5.51 and later; older
-          // versions ignore the option and choose by the characteristic).
-          check(sd_bus_message_append(m, "a{sv}", 1, "type", "s", "request"), "options");
-        },
-        nullptr, kCallTimeout, &closed_);
+  BleStatus subscribe(const std::string& uuid,
+                      std::function<void(const std::vector<std::uint8_t>&)> on_value) override {
+    return guarded("cannot subscribe", [&] { start_notify(uuid, std::move(on_value)); });
+  }
+
+  BleStatus write(const std::string& uuid, const std::vector<std::uint8_t>& value) override {
+    return guarded("cannot write", [&] { write_value(uuid, value); });
   }
 
   void close() override {
@@ -717,6 +704,52 @@ class BluezLink : public BleConnection {
   }
 
  private:
+  bool find_characteristic(const std::string& uuid) {
+    std::string service;
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      service = service_;
+    }
+    if (service.empty()) return false;
+    for (const auto& [path, interfaces] : bus_->managed_objects(&closed_)) {
+      const Props* c = interface(interfaces, kCharacteristic);
+      const std::string* u = c ? text(*c, "UUID") : nullptr;
+      if (!u || !same_uuid(*u, uuid) || !is_below(path, service)) continue;
+      std::lock_guard<std::mutex> g(mu_);
+      characteristics_[uuid] = path;
+      return true;
+    }
+    return false;
+  }
+
+  void start_notify(const std::string& uuid,
+                    std::function<void(const std::vector<std::uint8_t>&)> on_value) {
+    const std::string path = characteristic(uuid);
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      if (closed_) throw std::runtime_error("link closed");
+      handlers_[path] = std::move(on_value);
+    }
+    // The handler is in place before the match, the match before StartNotify.
+    add_match(signal_rule("PropertiesChanged", kProperties, path, kCharacteristic),
+              [this, path](sd_bus_message* m) { on_value_changed(path, m); });
+    bus_->call(path, kCharacteristic, "StartNotify", nullptr, nullptr, kCallTimeout, &closed_);
+    std::lock_guard<std::mutex> g(mu_);
+    notifying_.push_back(path);
+  }
+
+  void write_value(const std::string& uuid, const std::vector<std::uint8_t>& value) {
+    bus_->call(
+        characteristic(uuid), kCharacteristic, "WriteValue",
+        [&](sd_bus_message* m) {
+          check(sd_bus_message_append_array(m, 'y', value.data(), value.size()), "value");
+          // "request" is a write with response (BlueZ 5.51 and later; older
+          // versions ignore the option and choose by the characteristic).
+          check(sd_bus_message_append(m, "a{sv}", 1, "type", "s", "request"), "options");
+        },
+        nullptr, kCallTimeout, &closed_);
+  }
+
   void add_match(const std::string& rule, std::function<void(sd_bus_message*)> fn) {
     std::shared_ptr<Match> m = bus_->match(rule, std::move(fn));
     std::unique_lock<std::mutex> g(mu_);
@@ -797,7 +830,7 @@ class BluezLink : public BleConnection {
       auto it = characteristics_.find(uuid);
       if (it != characteristics_.end()) return it->second;
     }
-    if (!has_characteristic(uuid)) throw std::runtime_error("no characteristic " + uuid);
+    if (!find_characteristic(uuid)) throw std::runtime_error("no characteristic " + uuid);
     std::lock_guard<std::mutex> g(mu_);
     return characteristics_[uuid];
   }
@@ -883,24 +916,29 @@ class BluezBackend : public BleBackend {
     }
   }
 
-  bool has_adapter() override {
-    for (const auto& [path, interfaces] : bus()->managed_objects())
-      if (interface(interfaces, kAdapter)) return true;
-    return false;
+  BleStatus has_adapter(bool* present) override {
+    return guarded("cannot list adapters", [&] {
+      *present = false;
+      for (const auto& [path, interfaces] : bus()->managed_objects())
+        if (interface(interfaces, kAdapter)) *present = true;
+    });
   }
 
   // A scan belongs to the thread that started it, so the warm-up's
   // stop_scan cannot end the user's scan running at the same time.
-  void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    std::unique_ptr<Scanner> scanner = logged("cannot scan", [&] {
-      return std::make_unique<Scanner>(
+  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+    std::unique_ptr<Scanner> scanner;
+    BleStatus s = guarded("cannot scan", [&] {
+      scanner = std::make_unique<Scanner>(
           bus(), [seen = std::move(seen)](const std::string&, std::uint64_t address,
                                           const std::string& name) { seen(address, name); });
     });
+    if (!s.ok()) return s;
     std::unique_ptr<Scanner> previous;
     std::lock_guard<std::mutex> g(mu_);
     previous = std::move(scans_[std::this_thread::get_id()]);
     scans_[std::this_thread::get_id()] = std::move(scanner);
+    return s;
   }
 
   void stop_scan() override {
@@ -914,34 +952,23 @@ class BluezBackend : public BleBackend {
     }
   }
 
-  std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
-    return logged("cannot open the device", [&]() -> std::shared_ptr<BleConnection> {
+  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+    return guarded("cannot open the device", [&] {
       std::shared_ptr<Bus> b = bus();
       std::string path = device_path(b->managed_objects(), address);
       if (path.empty()) path = look_for(b, address);
       if (path.empty()) {
         logLine("BlueZ: " + format_ble_address(address) + " not found");
-        return nullptr;
+        return;
       }
       logLine("BlueZ: device " + path);
-      auto link = std::make_shared<BluezLink>(b, path);
-      link->start();
-      return link;
+      auto opened = std::make_shared<BluezLink>(b, path);
+      opened->start();
+      *link = std::move(opened);
     });
   }
 
  private:
-  // The procedure logs that a step failed; this line says why.
-  template <class F>
-  static auto logged(const char* what, F&& f) -> decltype(f()) {
-    try {
-      return f();
-    } catch (const std::exception& e) {
-      logLine(std::string("BlueZ: ") + what + ": " + e.what());
-      throw;
-    }
-  }
-
   std::shared_ptr<Bus> bus() {
     std::lock_guard<std::mutex> g(mu_);
     if (!bus_ || !bus_->alive()) bus_ = std::make_shared<Bus>();

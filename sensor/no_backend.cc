@@ -1,5 +1,7 @@
 // Builds without a Bluetooth library: the program runs with no sensor link
 // (replay and import still work; the page says Bluetooth is unavailable).
+// Windows always has its WinRT link (winble_backend_win32.cc).
+#ifndef _WIN32
 #include "sensor/platform_backend.h"
 
 namespace cvn {
@@ -9,3 +11,5 @@ std::shared_ptr<BleBackend> make_platform_backend() {
 }
 
 }  // namespace cvn
+
+#endif  // _WIN32

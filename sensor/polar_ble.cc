@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <map>
-#include <stdexcept>
 
 #include "base/log.h"
 #include "sensor/ble_common.h"
@@ -78,16 +77,14 @@ std::string service_failure(const std::string& status) {
 PolarBle::PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings, LogSink log)
     : backend_(std::move(backend)), timings_(timings), log_(std::move(log)) {
   std::thread([backend = backend_, pause = timings_.warm_up, log = log_] {
-    try {
-      backend->init_thread();
-      backend->has_adapter();
-      backend->start_scan([](std::uint64_t, const std::string&) {});
-      std::this_thread::sleep_for(pause);
-      backend->stop_scan();
-      log("BLE warm-up complete");
-    } catch (...) {
-      // A stack that is not ready now may be by the user's first scan.
-    }
+    // A stack that is not ready now may be by the user's first scan, so a
+    // failing step just ends the warm-up.
+    bool present = false;
+    if (!backend->init_thread().ok() || !backend->has_adapter(&present).ok()) return;
+    if (!backend->start_scan([](std::uint64_t, const std::string&) {}).ok()) return;
+    std::this_thread::sleep_for(pause);
+    backend->stop_scan();
+    log("BLE warm-up complete");
   }).detach();
 }
 
@@ -96,22 +93,19 @@ PolarBle::~PolarBle() {
 }
 
 bool PolarBle::available() {
-  try {
-    backend_->init_thread();
-    return backend_->has_adapter();
-  } catch (...) {
-    // Only a machine that plainly reports no adapter is ruled out.
-    return true;
-  }
+  bool present = false;
+  // Only a machine that plainly reports no adapter is ruled out.
+  if (!backend_->init_thread().ok() || !backend_->has_adapter(&present).ok()) return true;
+  return present;
 }
 
 ScanResult PolarBle::scan() {
-  backend_->init_thread();
+  BleStatus started = backend_->init_thread();
   log_("scan() enter");
   std::mutex mu;
   std::map<std::uint64_t, std::string> seen;  // ordered: the list comes out by address
-  try {
-    backend_->start_scan([&](std::uint64_t address, const std::string& name) {
+  if (started.ok()) {
+    started = backend_->start_scan([&](std::uint64_t address, const std::string& name) {
       std::lock_guard<std::mutex> g(mu);
       // A later empty name never erases one seen before.
       if (!name.empty())
@@ -119,7 +113,9 @@ ScanResult PolarBle::scan() {
       else
         seen.emplace(address, std::string());
     });
-  } catch (...) {
+  }
+  if (!started.ok()) {
+    if (!started.message().empty()) log_(started.message());
     log_("scan() exception starting watcher");
     return {{}, kScanStartFailed};
   }
@@ -145,87 +141,96 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
   auto attempt = std::make_shared<Attempt>();
   attempt_ = attempt;
   worker_ = std::thread([attempt, backend = backend_, t = timings_, address, log = log_] {
-    try {
-      backend->init_thread();
-      log("connect " + address);
-      attempt->say(kStatusConnecting);
-
-      std::shared_ptr<BleConnection> link = backend->open_device(parse_ble_address(address));
-      if (!link) {
-        attempt->say(kStatusNotFound);
-        return;
-      }
-      if (!attempt->publish(link)) return;
-      link->watch_connection([attempt](bool connected) {
-        if (!connected && attempt->streaming) attempt->say(kStatusDisconnected);
-      });
-      if (link->maintain_connection())
-        log("GattSession: MaintainConnection=true");
-      else
-        log("GattSession maintain unavailable");
-
-      std::string last_status = "none";
-      bool found = false;
-      for (int n = 1; n <= kDiscoveryAttempts && !found; ++n) {
-        if (n > 1) {
-          attempt->say("Connecting… (attempt " + std::to_string(n) + " of " +
-                       std::to_string(kDiscoveryAttempts) + ")");
-          std::this_thread::sleep_for(t.retry_pause);
-        }
-        try {
-          // Halfway through, a full discovery refreshes a stale service
-          // cache that makes the targeted query come back empty.
-          if (n == 3) {
-            BleConnection::Discovery all = link->discover_all();
-            log(std::string("full discovery: ") + gatt_status_text(all.status) + ", " +
-                std::to_string(all.services) + " services");
-          }
-          BleConnection::Discovery d = link->discover_service(kPmdServiceUuid);
-          last_status = gatt_status_text(d.status);
-          log("PMD discovery attempt " + std::to_string(n) + ": " + last_status + ", " +
-              std::to_string(d.services) +
-              " svc, conn=" + std::to_string(link->connected() ? 1 : 0));
-          found = d.status == 0 && d.services > 0;
-        } catch (...) {
-          log("PMD discovery attempt " + std::to_string(n) + ": exception");
-          last_status = "exception";
-        }
-      }
-      if (!found) {
-        attempt->say(service_failure(last_status));
-        log("PMD service not found after retries (" + last_status + ")");
-        return;
-      }
-      if (!link->has_characteristic(kPmdControlUuid) || !link->has_characteristic(kPmdDataUuid)) {
-        attempt->say(kStatusNoCharacteristics);
-        log("control/data char missing");
-        return;
-      }
-      attempt->say(kStatusStarting);
-
-      link->subscribe(kPmdDataUuid, [attempt](const std::vector<std::uint8_t>& frame) {
-        std::vector<double> batch = decode_ecg_frame(frame);
-        if (!batch.empty()) attempt->deliver(batch);
-      });
-      attempt->settings_reply = false;
-      // Any value on the control point counts as the settings reply.
-      link->subscribe(kPmdControlUuid, [attempt](const std::vector<std::uint8_t>&) {
-        attempt->settings_reply = true;
-      });
-      link->write(kPmdControlUuid, pmd_settings_request());
-      for (int i = 0; i < kSettingsPolls && !attempt->settings_reply; ++i)
-        std::this_thread::sleep_for(t.settings_poll);
-      log(attempt->settings_reply ? "settings response received"
-                                  : "no settings response (sending start anyway)");
-      std::this_thread::sleep_for(t.before_start);
-      link->write(kPmdControlUuid, pmd_start_ecg());
-      attempt->streaming = true;
-      attempt->say(kStatusStreaming);
-      log("ECG start command sent");
-    } catch (...) {
+    // A step the stack could not do ends the procedure: the stack's words
+    // go to the log, the user is pointed to it.
+    auto fail = [&](const BleStatus& s) {
+      if (!s.message().empty()) log(s.message());
       attempt->say(kStatusFailed);
       log("connect exception");
+    };
+    BleStatus s = backend->init_thread();
+    if (!s.ok()) return fail(s);
+    log("connect " + address);
+    attempt->say(kStatusConnecting);
+
+    std::shared_ptr<BleConnection> link;
+    if (!(s = backend->open_device(parse_ble_address(address), &link)).ok()) return fail(s);
+    if (!link) {
+      attempt->say(kStatusNotFound);
+      return;
     }
+    if (!attempt->publish(link)) return;
+    s = link->watch_connection([attempt](bool connected) {
+      if (!connected && attempt->streaming) attempt->say(kStatusDisconnected);
+    });
+    if (!s.ok()) return fail(s);
+    bool kept = false;
+    if (!(s = link->maintain_connection(&kept)).ok()) return fail(s);
+    log(kept ? "GattSession: MaintainConnection=true" : "GattSession maintain unavailable");
+
+    std::string last_status = "none";
+    bool found = false;
+    for (int n = 1; n <= kDiscoveryAttempts && !found; ++n) {
+      if (n > 1) {
+        attempt->say("Connecting… (attempt " + std::to_string(n) + " of " +
+                     std::to_string(kDiscoveryAttempts) + ")");
+        std::this_thread::sleep_for(t.retry_pause);
+      }
+      // Halfway through, a full discovery refreshes a stale service cache
+      // that makes the targeted query come back empty.
+      BleConnection::Discovery all, d;
+      if (n == 3 && (s = link->discover_all(&all)).ok())
+        log(std::string("full discovery: ") + gatt_status_text(all.status) + ", " +
+            std::to_string(all.services) + " services");
+      if (s.ok()) s = link->discover_service(kPmdServiceUuid, &d);
+      if (!s.ok()) {
+        if (!s.message().empty()) log(s.message());
+        log("PMD discovery attempt " + std::to_string(n) + ": exception");
+        last_status = "exception";
+        s = BleStatus::success();
+        continue;
+      }
+      last_status = gatt_status_text(d.status);
+      log("PMD discovery attempt " + std::to_string(n) + ": " + last_status + ", " +
+          std::to_string(d.services) + " svc, conn=" + std::to_string(link->connected() ? 1 : 0));
+      found = d.status == 0 && d.services > 0;
+    }
+    if (!found) {
+      attempt->say(service_failure(last_status));
+      log("PMD service not found after retries (" + last_status + ")");
+      return;
+    }
+    bool control = false, data = false;
+    if (!(s = link->has_characteristic(kPmdControlUuid, &control)).ok()) return fail(s);
+    if (control && !(s = link->has_characteristic(kPmdDataUuid, &data)).ok()) return fail(s);
+    if (!control || !data) {
+      attempt->say(kStatusNoCharacteristics);
+      log("control/data char missing");
+      return;
+    }
+    attempt->say(kStatusStarting);
+
+    s = link->subscribe(kPmdDataUuid, [attempt](const std::vector<std::uint8_t>& frame) {
+      std::vector<double> batch = decode_ecg_frame(frame);
+      if (!batch.empty()) attempt->deliver(batch);
+    });
+    if (!s.ok()) return fail(s);
+    attempt->settings_reply = false;
+    // Any value on the control point counts as the settings reply.
+    s = link->subscribe(kPmdControlUuid, [attempt](const std::vector<std::uint8_t>&) {
+      attempt->settings_reply = true;
+    });
+    if (!s.ok()) return fail(s);
+    if (!(s = link->write(kPmdControlUuid, pmd_settings_request())).ok()) return fail(s);
+    for (int i = 0; i < kSettingsPolls && !attempt->settings_reply; ++i)
+      std::this_thread::sleep_for(t.settings_poll);
+    log(attempt->settings_reply ? "settings response received"
+                                : "no settings response (sending start anyway)");
+    std::this_thread::sleep_for(t.before_start);
+    if (!(s = link->write(kPmdControlUuid, pmd_start_ecg())).ok()) return fail(s);
+    attempt->streaming = true;
+    attempt->say(kStatusStreaming);
+    log("ECG start command sent");
   });
 }
 

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -17,30 +16,41 @@ namespace {
 
 using Handler = std::function<void(const std::vector<std::uint8_t>&)>;
 
+constexpr const char* kClosed = "simulated strap: link closed";
+
 class SimulatedLink : public BleConnection {
  public:
   explicit SimulatedLink(std::shared_ptr<const std::vector<double>> ecg) : ecg_(std::move(ecg)) {}
   ~SimulatedLink() override { close(); }
 
-  void watch_connection(std::function<void(bool)>) override {}
-  bool maintain_connection() override { return true; }
+  BleStatus watch_connection(std::function<void(bool)>) override { return BleStatus::success(); }
+  BleStatus maintain_connection(bool* kept) override {
+    *kept = true;
+    return BleStatus::success();
+  }
   bool connected() override { return !closed(); }
-  Discovery discover_all() override { return {0, 5}; }
-  Discovery discover_service(const std::string& uuid) override {
-    return {0, uuid == kPmdServiceUuid ? 1 : 0};
+  BleStatus discover_all(Discovery* out) override {
+    *out = {0, 5};
+    return BleStatus::success();
   }
-  bool has_characteristic(const std::string& uuid) override {
-    return uuid == kPmdControlUuid || uuid == kPmdDataUuid;
+  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+    *out = {0, uuid == kPmdServiceUuid ? 1 : 0};
+    return BleStatus::success();
   }
-  void subscribe(const std::string& uuid, Handler h) override {
+  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+    *present = uuid == kPmdControlUuid || uuid == kPmdDataUuid;
+    return BleStatus::success();
+  }
+  BleStatus subscribe(const std::string& uuid, Handler h) override {
     std::lock_guard<std::mutex> g(mu_);
-    if (closed_) throw std::runtime_error("link closed");
+    if (closed_) return BleStatus::failure(kClosed);
     (uuid == kPmdDataUuid ? data_ : control_) = std::move(h);
+    return BleStatus::success();
   }
-  void write(const std::string& uuid, const std::vector<std::uint8_t>& bytes) override {
+  BleStatus write(const std::string& uuid, const std::vector<std::uint8_t>& bytes) override {
     std::unique_lock<std::mutex> g(mu_);
-    if (closed_) throw std::runtime_error("link closed");
-    if (uuid != kPmdControlUuid || bytes.empty()) return;
+    if (closed_) return BleStatus::failure(kClosed);
+    if (uuid != kPmdControlUuid || bytes.empty()) return BleStatus::success();
     if (bytes == pmd_settings_request() && control_) {
       // A settings reply as the strap sends it: response code F0, the
       // operation, the type, status 0, then the settings themselves.
@@ -48,6 +58,7 @@ class SimulatedLink : public BleConnection {
     } else if (bytes == pmd_start_ecg() && !streamer_.joinable()) {
       streamer_ = std::thread([this] { stream(); });
     }
+    return BleStatus::success();
   }
   void close() override {
     std::thread t;
@@ -110,14 +121,19 @@ class SimulatedStrap : public BleBackend {
  public:
   explicit SimulatedStrap(std::vector<double> ecg)
       : ecg_(std::make_shared<const std::vector<double>>(std::move(ecg))) {}
-  bool has_adapter() override { return true; }
-  void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  BleStatus has_adapter(bool* present) override {
+    *present = true;
+    return BleStatus::success();
+  }
+  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     seen(parse_ble_address(kSimulatedStrapAddress), kSimulatedStrapName);
+    return BleStatus::success();
   }
   void stop_scan() override {}
-  std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
-    if (address != parse_ble_address(kSimulatedStrapAddress)) return nullptr;
-    return std::make_shared<SimulatedLink>(ecg_);
+  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+    if (address == parse_ble_address(kSimulatedStrapAddress))
+      *link = std::make_shared<SimulatedLink>(ecg_);
+    return BleStatus::success();
   }
 
  private:

@@ -1,17 +1,21 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a build needs, or prints the exact command when
-# we are not root. Usage: tools/deps.sh build|test
+# we are not root. Usage: tools/deps.sh build|test|windows
 set -euo pipefail
 
 build_pkgs=(g++ cmake make pkg-config libsystemd-dev)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
            python3 python3-numpy python3-scipy chromium dbus python3-dbus python3-gi
            libedf-dev python3-mne qpdf poppler-utils)
+# The Windows cross-build and its smoke test under Wine (make windows,
+# tools/wine_smoke.sh); not needed for everyday work.
+windows_pkgs=(cmake make python3 zip curl g++-mingw-w64-x86-64-posix wine64 wine)
 
 case "${1:-build}" in
   build) want=("${build_pkgs[@]}") ;;
   test) want=("${build_pkgs[@]}" "${test_pkgs[@]}") ;;
-  *) echo "usage: $0 build|test" >&2; exit 2 ;;
+  windows) want=("${windows_pkgs[@]}") ;;
+  *) echo "usage: $0 build|test|windows" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -48,27 +48,42 @@ struct FakeLink : BleConnection {
   std::vector<Bytes> writes;
 
   explicit FakeLink(Script script) : s(std::move(script)) {}
-  void watch_connection(std::function<void(bool)> f) override { on_change = std::move(f); }
-  bool maintain_connection() override { return true; }
+  BleStatus watch_connection(std::function<void(bool)> f) override {
+    on_change = std::move(f);
+    return BleStatus::success();
+  }
+  BleStatus maintain_connection(bool* kept) override {
+    *kept = true;
+    return BleStatus::success();
+  }
   bool connected() override { return !closed; }
-  Discovery discover_all() override { return {0, 6}; }
-  Discovery discover_service(const std::string& uuid) override {
+  BleStatus discover_all(Discovery* out) override {
+    *out = {0, 6};
+    return BleStatus::success();
+  }
+  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
     ++attempts;
-    if (attempts == 2) throw std::runtime_error("stack hiccup");
+    if (attempts == 2) return BleStatus::failure("stack hiccup");
     bool found = s.pmd_found_on_attempt != 0 && attempts >= s.pmd_found_on_attempt;
-    return {found ? 0 : 1, found && uuid == kPmdServiceUuid ? 1 : 0};
+    *out = {found ? 0 : 1, found && uuid == kPmdServiceUuid ? 1 : 0};
+    return BleStatus::success();
   }
-  bool has_characteristic(const std::string&) override { return s.characteristics; }
-  void subscribe(const std::string& uuid, std::function<void(const Bytes&)> h) override {
+  BleStatus has_characteristic(const std::string&, bool* present) override {
+    *present = s.characteristics;
+    return BleStatus::success();
+  }
+  BleStatus subscribe(const std::string& uuid, std::function<void(const Bytes&)> h) override {
     std::lock_guard<std::mutex> g(mu);
-    if (closed) throw std::runtime_error("closed");
+    if (closed) return BleStatus::failure("closed");
     handlers[uuid] = std::move(h);
+    return BleStatus::success();
   }
-  void write(const std::string& uuid, const Bytes& bytes) override {
+  BleStatus write(const std::string& uuid, const Bytes& bytes) override {
     std::lock_guard<std::mutex> g(mu);
-    if (closed) throw std::runtime_error("closed");
+    if (closed) return BleStatus::failure("closed");
     writes.push_back(bytes);
     if (bytes == pmd_settings_request() && s.settings_reply) handlers[kPmdControlUuid]({0xF0, 1});
+    return BleStatus::success();
   }
   void close() override {
     std::lock_guard<std::mutex> g(mu);
@@ -92,21 +107,26 @@ struct FakeStack : BleBackend {
   Script s;
   // Read by the warm-up thread while a test flips them.
   std::atomic<bool> adapter{true};
-  std::atomic<bool> scan_throws{false};
+  std::atomic<bool> scan_fails{false};
   std::shared_ptr<FakeLink> last;
   std::mutex mu;
-  bool has_adapter() override { return adapter; }
-  void start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    if (scan_throws) throw std::runtime_error("radio off");
+  BleStatus has_adapter(bool* present) override {
+    *present = adapter;
+    return BleStatus::success();
+  }
+  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+    if (scan_fails) return BleStatus::failure("radio off");
     for (const auto& [a, n] : s.adverts) seen(a, n);
+    return BleStatus::success();
   }
   void stop_scan() override {}
-  std::shared_ptr<BleConnection> open_device(std::uint64_t address) override {
+  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
     std::this_thread::sleep_for(s.open_delay);
-    if (!s.device_exists || address != 0xA09E1A000001ull) return nullptr;
+    if (!s.device_exists || address != 0xA09E1A000001ull) return BleStatus::success();
     std::lock_guard<std::mutex> g(mu);
     last = std::make_shared<FakeLink>(s);
-    return last;
+    *link = last;
+    return BleStatus::success();
   }
   std::shared_ptr<FakeLink> link() {
     std::lock_guard<std::mutex> g(mu);
@@ -173,7 +193,7 @@ TEST_F(PolarBleTest, ScanFailuresAreMessagesNotExceptions) {
   EXPECT_EQ(r.error,
             "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
             "close.");
-  stack->scan_throws = true;
+  stack->scan_fails = true;
   r = ble.scan();
   EXPECT_TRUE(r.devices.empty());
   EXPECT_EQ(r.error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.");
