@@ -21,6 +21,7 @@
 
 #include "base/recording.h"
 #include "engine/clock.h"
+#include "engine/journal.h"
 #include "engine/live_analysis.h"
 #include "sensor/ble_manager.h"
 
@@ -164,6 +165,8 @@ class Engine {
   void maybe_start_worker(double* last_start);
   void on_samples(const std::vector<double>& batch);
   void on_status(const std::string& text);
+  void open_journal();
+  void pump_journal(bool sync_now);
 
   std::recursive_mutex mu_;
   const std::string data_folder_;
@@ -210,6 +213,9 @@ class Engine {
   TfrResult tfr_;
   JobState export_state_ = JobState::kIdle;
   std::string saved_as_;
+
+  // The running live session's journal; see save() for when it goes away.
+  LiveJournal journal_;
 };
 
 }  // namespace cvn
