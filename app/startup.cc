@@ -173,8 +173,8 @@ int run_app(int argc, char** argv) {
     if (r.failed)
       std::fprintf(stderr, "Could not recover recordings/%s.\n", r.journal.c_str());
     else if (!r.file.empty())
-      std::printf("  Recovered an unsaved session as recordings/%s (%.1f s, %zu markers).\n",
-                  r.file.c_str(), r.samples / kSampleRate, r.markers);
+      std::printf("  Recovered an unsaved session as recordings/%s (%.1f s, %zu marker%s).\n",
+                  r.file.c_str(), r.samples / kSampleRate, r.markers, r.markers == 1 ? "" : "s");
   }
 
   g_app.logo = load_report_logo(f.web_root);

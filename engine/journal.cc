@@ -1,5 +1,6 @@
 #include "engine/journal.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -32,7 +33,7 @@ JournalContents read_journal(std::string_view text) {
   out.samples = read_recording(text);
   std::size_t start = 0;
   while (start < text.size()) {
-    std::size_t nl = text.find('\n', start);
+    std::size_t nl = std::min(text.find('\n', start), text.size());
     std::string line(text.substr(start, nl - start));
     start = nl + 1;
     if (line.empty() || line[0] != kMarkerTag) continue;
