@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "base/recording.h"
 #include "engine/engine.h"
+#include "engine/journal.h"
 #include "sensor/sensor_link.h"
 #include "server/http.h"
 #include "server/routes.h"
@@ -136,6 +137,14 @@ int run_app(int argc, char** argv) {
   if (simulated) simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
   Engine* engine = new Engine(f.data, make_sensor_link(simulated ? &simulated_ecg : nullptr));
   prepare_data_folder(f);
+  // Before serving, so no new session can start a journal of its own first.
+  for (const Recovery& r : recover_journals(f.data + "/recordings")) {
+    if (r.failed)
+      std::fprintf(stderr, "Could not recover recordings/%s.\n", r.journal.c_str());
+    else if (!r.file.empty())
+      std::printf("  Recovered an unsaved session as recordings/%s (%.1f s, %zu marker%s).\n",
+                  r.file.c_str(), r.samples / kSampleRate, r.markers, r.markers == 1 ? "" : "s");
+  }
 
   g_app.logo = load_report_logo(f.web_root);
   if (!g_app.logo.empty())

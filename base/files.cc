@@ -50,4 +50,21 @@ std::string write_file_checked(const std::string& path, std::string_view bytes) 
   return "Could not write " + path + ": " + (err ? std::strerror(err) : "write failed");
 }
 
+bool write_file_atomic(const std::string& path, std::string_view bytes) {
+  // Same folder, so the rename never crosses volumes; an ending that no
+  // listing picks up, so a crash mid-write leaves nothing that looks real.
+  const std::string temp = path + ".tmp";
+  File f(std::fopen(temp.c_str(), "wb"));
+  bool ok = f != nullptr;
+  if (ok && !bytes.empty())
+    ok = std::fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size();
+  // Synced before the rename: otherwise a power cut can leave the new name
+  // pointing at blocks that never reached the disk.
+  ok = ok && sync_file(f.get());
+  if (f) ok = std::fclose(f.release()) == 0 && ok;
+  ok = ok && replace_file(temp, path);
+  if (!ok) std::remove(temp.c_str());
+  return ok;
+}
+
 }  // namespace cvn

@@ -1,5 +1,6 @@
 // Whole-file reads and writes shared by start-up, the server and the writers.
 #pragma once
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,5 +18,18 @@ bool write_file(const std::string& path, std::string_view bytes);
 /// "Could not write <path>: <the system's reason>" (disk full, permission
 /// denied, ...), a text a person can act on.
 std::string write_file_checked(const std::string& path, std::string_view bytes);
+
+/// Writes `bytes` to a temporary file beside `path`, pushes it to the disk,
+/// then renames it over `path`: a crash or power cut leaves the old file or
+/// the new one, never a part. False on any failure (the old file stays).
+bool write_file_atomic(const std::string& path, std::string_view bytes);
+
+/// Hands what `f` buffers to the system (fflush), then waits until the
+/// system has it on the disk (fsync / FlushFileBuffers). False on failure.
+bool sync_file(std::FILE* f);
+
+/// Renames `from` to `to`, replacing a file already at `to` (which a plain
+/// rename refuses on Windows). False on failure.
+bool replace_file(const std::string& from, const std::string& to);
 
 }  // namespace cvn

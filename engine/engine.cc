@@ -111,6 +111,8 @@ void Engine::stop() {
   if (mode == Mode::kLive && ble_) ble_->stop();
   if (clock_thread_.joinable() && clock_thread_.get_id() != std::this_thread::get_id())
     clock_thread_.join();
+  // Everything that arrived up to the stop goes to the disk now.
+  if (mode == Mode::kLive) pump_journal(true);
   for (int i = 0; i < kWorkerWaitRounds && analysis_busy_.load(); ++i)
     std::this_thread::sleep_for(kWorkerWaitStep);
   Guard g(mu_);
@@ -127,6 +129,7 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
   text.reset();
 
   stop();
+  journal_.remove();  // a new session: the stopped live one was given up
   {
     Guard g(mu_);
     apply_settings(settings);
@@ -164,6 +167,7 @@ void Engine::start_live(const std::string& address, const std::optional<std::str
     running_ = true;
     stop_request_ = false;
   }
+  open_journal();
   // Outside the lock: a link that reports a status at once calls back into
   // the engine from inside connectAndStream.
   if (ble_)
@@ -182,6 +186,23 @@ void Engine::on_samples(const std::vector<double>& batch) {
 void Engine::on_status(const std::string& text) {
   Guard g(mu_);
   bt_status_ = text;
+}
+
+void Engine::open_journal() {
+  SessionCopy c = copy_session();
+  // Replaces the previous session's journal: starting anew gives that one up.
+  journal_.start(data_folder_ + "/recordings/" +
+                     session_stem(c.name, c.indur, c.outdur, c.sex, c.age, c.start_time) +
+                     std::string(kJournalEnding),
+                 c.generation);
+}
+
+void Engine::pump_journal(bool sync_now) {
+  {
+    Guard g(mu_);
+    journal_.collect(generation_, live_samples_, markers_);  // copies only
+  }
+  journal_.write(clock_.now(), sync_now);
 }
 
 void Engine::seek(double frac) {
@@ -259,6 +280,7 @@ void Engine::clock_loop() {
       }
     }
     maybe_start_worker(&last_start);
+    if (mode == Mode::kLive) pump_journal(false);
     if (mode == Mode::kReplay) {
       Guard g(mu_);
       if (replay_pos_ >= replay_total_) break;
@@ -301,27 +323,38 @@ bool Engine::add_marker(int key) {
 }
 
 SaveResult Engine::save() {
-  SessionCopy c = copy_session();
+  SessionCopy c;
+  bool finished_live;
+  {
+    Guard g(mu_);
+    c = copy_session();
+    finished_live = mode_ == Mode::kLive && !running_;
+  }
   SaveResult r;
   if (c.samples.size() < static_cast<std::size_t>(kSampleRateInt)) {
     r.error = "Nothing recorded to save yet.";
     return r;
   }
-  std::string file = sanitize_file_name(c.name) + "_on" + short_number(c.indur) + "_off" +
-                     short_number(c.outdur) + "_" + c.sex + std::to_string(c.age) + "_" +
-                     file_time_stamp(clock_.wall()) + ".csv";
+  std::string file = session_stem(c.name, c.indur, c.outdur, c.sex, c.age, clock_.wall()) + ".csv";
   std::string path = data_folder_ + "/recordings/" + file;
-  if (!write_file(path, format_recording(c.samples))) {
+  // Atomic, so a crash mid-save never leaves a truncated recording.
+  if (!write_file_atomic(path, format_recording(c.samples))) {
     r.error = "write failed";
     return r;
   }
   // The header-only file is written too, so a replay finds "no markers"
   // rather than a missing file.
-  write_file(markers_path(path), markers_csv(c.markers));
+  bool markers_written = write_file_atomic(markers_path(path), markers_csv(c.markers));
   {
     Guard g(mu_);
     saved_as_ = file;
   }
+  // The journal goes once no data can be lost with it: this save holds the
+  // whole live session (it was stopped, so nothing more can arrive), or a
+  // new session is started (open_journal, start_replay: the old one was
+  // given up). A session stopped but not saved keeps its journal, so closing
+  // the window after Stop still recovers it at the next start.
+  if (finished_live && markers_written) journal_.remove(c.generation);
   r.file = file;
   r.count = c.samples.size();
   return r;

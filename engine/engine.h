@@ -22,6 +22,7 @@
 #include "base/recording.h"
 #include "engine/batch.h"
 #include "engine/clock.h"
+#include "engine/journal.h"
 #include "engine/live_analysis.h"
 #include "reports/export.h"
 #include "reports/report_logo.h"
@@ -214,6 +215,8 @@ class Engine {
   void maybe_start_worker(double* last_start);
   void on_samples(const std::vector<double>& batch);
   void on_status(const std::string& text);
+  void open_journal();
+  void pump_journal(bool sync_now);
 
   std::recursive_mutex mu_;
   const std::string data_folder_;
@@ -264,6 +267,9 @@ class Engine {
   std::atomic<bool> batch_running_{false};
   ReportLogo logo_;
   std::string saved_as_;
+
+  // The running live session's journal; see save() for when it goes away.
+  LiveJournal journal_;
 };
 
 }  // namespace cvn

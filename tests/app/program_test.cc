@@ -1,8 +1,13 @@
 // The real program as a user starts it: banner, port choice, exit status.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <regex>
+#include <thread>
 
+#include "base/recording.h"
 #include "server/net.h"
 #include "tests/support/http_client.h"
 #include "tests/support/process.h"
@@ -12,6 +17,7 @@ namespace cvn {
 namespace {
 
 using test::ChildProcess;
+using test::slurp;
 using test::TempDir;
 
 constexpr int kTries = 50;
@@ -90,6 +96,51 @@ TEST(Program, AllFiftyPortsBusyIsAnErrorExit) {
     ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env_for(home), home.path());
     EXPECT_TRUE(app.wait_for_output(banner(first + kTries - 1), 5000)) << app.out() << app.err();
   }
+}
+
+// The worst a clinician can meet: the program killed mid-session. What the
+// live journal held must come back at the next start as a recording that is
+// listed and keeps its markers.
+TEST(Program, RecoversALiveSessionKilledMidway) {
+  TempDir data;
+  const std::vector<std::string> env = {"CVN_DATA=" + data.path(), "CVN_SIMULATED_STRAP=1",
+                                        "CVN_NO_BROWSER=1", "PATH=/usr/bin:/bin"};
+  int first = free_port_range(kTries + 1);
+  {
+    ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env, data.path());
+    ASSERT_TRUE(app.wait_for_output(banner(first), 5000)) << app.out() << app.err();
+    ASSERT_NE(test::body_of(test::http_get(first, "/scan")).find("A0:9E:1A:00:00:01"),
+              std::string::npos);
+    ASSERT_EQ(test::body_of(test::http_get(first,
+                                           "/start_live?address=A0:9E:1A:00:00:01"
+                                           "&device=Polar%20H10%20SIM00001&name=Kill")),
+              "{\"ok\":true}");
+    const auto start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_until(start + std::chrono::seconds(5));
+    EXPECT_EQ(test::body_of(test::http_get(first, "/mark?key=3")), "{\"ok\":true}");
+    std::this_thread::sleep_until(start + std::chrono::seconds(10));
+    EXPECT_EQ(test::body_of(test::http_get(first, "/mark?key=5")), "{\"ok\":true}");
+    std::this_thread::sleep_until(start + std::chrono::seconds(15));
+    app.kill();  // SIGKILL: no handler, no flush, as a crash
+  }
+
+  ChildProcess app({CVN_LIVE_BINARY, std::to_string(first)}, env, data.path());
+  ASSERT_TRUE(app.wait_for_output(banner(first), 5000)) << app.out() << app.err();
+  EXPECT_NE(app.out().find("  Recovered an unsaved session as recordings/Kill_on5_off11_M40_"),
+            std::string::npos)
+      << app.out();
+  std::string list = test::body_of(test::http_get(first, "/recordings"));
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(
+      list, m, std::regex(R"re("(Kill_on5_off11_M40_\d{8}-\d{6}_recovered\.csv)")re")))
+      << list;
+  const std::string recording = slurp(data / ("recordings/" + m[1].str()));
+  // 15 s less the connection and at most the last unsynced moments.
+  EXPECT_GE(std::count(recording.begin(), recording.end(), '\n'), 12 * 130);
+  std::string markers = slurp(data / ("recordings/" + markers_path(m[1].str())));
+  EXPECT_TRUE(std::regex_search(markers, std::regex("\n3,\\d+,.*\n5,\\d+,"))) << markers;
+  for (const auto& e : std::filesystem::directory_iterator(data / "recordings"))
+    EXPECT_NE(e.path().extension(), ".journal") << e.path();
 }
 
 }  // namespace

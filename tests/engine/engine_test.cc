@@ -185,6 +185,43 @@ TEST_F(EngineTest, LiveScopeTrailsArrivalByFourTenthsOfASecond) {
   EXPECT_EQ(s.samples, 1300);
 }
 
+// The journal lives from start_live until the session's data is safe: saved
+// after the stop, or given up by starting anew. Stopped but unsaved, it stays.
+TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
+  auto journals = [&] {
+    std::vector<JournalContents> out;
+    for (const auto& e : std::filesystem::directory_iterator(data / "recordings"))
+      if (e.path().extension() == ".journal") out.push_back(read_journal(slurp(e.path())));
+    return out;
+  };
+  engine.start_live("AA", std::nullopt, named("Kim"));
+  sensor->samples(std::vector<double>(260, 7.0));
+  ASSERT_TRUE(engine.add_marker(4));
+  // The acquisition clock writes what arrived; no stop needed.
+  ASSERT_TRUE(wait_until(
+      [&] {
+        auto j = journals();
+        return j.size() == 1 && j[0].markers.size() == 1 && j[0].markers[0].sample == 260;
+      },
+      2s));
+  ASSERT_EQ(engine.save().error, "");  // saved while running: more may come
+  ASSERT_EQ(journals().size(), 1u);
+  sensor->samples(std::vector<double>(130, 8.0));
+  engine.stop();
+  EXPECT_EQ(journals().at(0).samples.size(), 390u);  // the stop writes the rest
+  ASSERT_EQ(engine.save().error, "");
+  EXPECT_TRUE(journals().empty());
+
+  engine.start_live("AA", std::nullopt, named("Kim"));
+  sensor->samples(std::vector<double>(130, 1.0));
+  engine.stop();
+  EXPECT_EQ(journals().at(0).samples.size(), 130u);  // stopped, unsaved: kept
+  engine.start_live("AA", std::nullopt, named("Kim"));  // same name, same second
+  EXPECT_TRUE(journals().at(0).samples.empty());        // the old one was given up
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  EXPECT_TRUE(journals().empty());
+}
+
 // The strap's callbacks append from their own thread while the analysis
 // worker and the page read the same samples.
 TEST(EngineLive, SamplesArriveWhileTheAnalysisReadsThem) {

@@ -1,0 +1,175 @@
+#include "engine/journal.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <limits>
+
+#include "base/files.h"
+
+namespace cvn {
+
+namespace {
+
+// The first line; readers skip it like any line that is neither a sample
+// nor a marker, so it only tells a person what the file is.
+constexpr std::string_view kJournalHeader = "# Corvane Live journal 1\n";
+// Marker lines start with this letter, which no sample line can hold.
+constexpr char kMarkerTag = 'm';
+
+}  // namespace
+
+std::string session_stem(std::string_view name, double indur, double outdur, const std::string& sex,
+                         int age, std::int64_t unix_time) {
+  return sanitize_file_name(name) + "_on" + short_number(indur) + "_off" + short_number(outdur) +
+         "_" + sex + std::to_string(age) + "_" + file_time_stamp(unix_time);
+}
+
+JournalContents read_journal(std::string_view text) {
+  std::size_t end = text.rfind('\n');
+  text = end == std::string_view::npos ? std::string_view() : text.substr(0, end + 1);
+  JournalContents out;
+  // Marker lines hold a letter, so the recording reader skips them.
+  out.samples = read_recording(text);
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t nl = std::min(text.find('\n', start), text.size());
+    std::string line(text.substr(start, nl - start));
+    start = nl + 1;
+    if (line.empty() || line[0] != kMarkerTag) continue;
+    int key = 0;
+    long sample = 0;
+    if (std::sscanf(line.c_str() + 1, "%d,%ld", &key, &sample) != 2) continue;
+    if (key < 1 || key > 9 || sample < 0 || sample > static_cast<long>(out.samples.size()))
+      continue;
+    out.markers.push_back({static_cast<std::int32_t>(sample), key});
+  }
+  return out;
+}
+
+LiveJournal::~LiveJournal() {
+  std::lock_guard<std::mutex> g(mu_);
+  close_locked();
+}
+
+void LiveJournal::close_locked() {
+  if (file_) std::fclose(file_);
+  file_ = nullptr;
+  samples_.clear();
+  markers_.clear();
+}
+
+bool LiveJournal::start(const std::string& path, std::uint64_t session) {
+  std::lock_guard<std::mutex> g(mu_);
+  close_locked();
+  if (!path_.empty()) std::remove(path_.c_str());
+  path_ = path;
+  session_ = session;
+  samples_done_ = markers_done_ = 0;
+  last_sync_ = -std::numeric_limits<double>::infinity();
+  unsynced_ = false;
+  file_ = std::fopen(path.c_str(), "wb");
+  if (!file_) return false;
+  if (std::fwrite(kJournalHeader.data(), 1, kJournalHeader.size(), file_) !=
+          kJournalHeader.size() ||
+      !sync_file(file_)) {
+    close_locked();
+    return false;
+  }
+  return true;
+}
+
+void LiveJournal::collect(std::uint64_t session, const std::vector<double>& samples,
+                          const std::vector<Marker>& markers) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (!file_ || session != session_) return;
+  if (samples.size() > samples_done_) {
+    samples_.insert(samples_.end(), samples.begin() + samples_done_, samples.end());
+    samples_done_ = samples.size();
+  }
+  if (markers.size() > markers_done_) {
+    markers_.insert(markers_.end(), markers.begin() + markers_done_, markers.end());
+    markers_done_ = markers.size();
+  }
+}
+
+void LiveJournal::write(double now, bool sync_now) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (!file_) return;
+  if (!samples_.empty() || !markers_.empty()) {
+    // Samples first: a marker's index never exceeds the samples before it,
+    // so a torn tail cannot leave a marker pointing past the recording.
+    std::string text = format_recording(samples_);
+    char buf[48];
+    for (const Marker& m : markers_) {
+      int n = std::snprintf(buf, sizeof buf, "%c%d,%ld\n", kMarkerTag, m.key,
+                            static_cast<long>(m.sample));
+      text.append(buf, static_cast<std::size_t>(n));
+    }
+    samples_.clear();
+    markers_.clear();
+    // fflush at once: from then on only a power cut can lose the data.
+    if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() || std::fflush(file_) != 0) {
+      close_locked();
+      return;
+    }
+    unsynced_ = true;
+  }
+  if (unsynced_ && (sync_now || now - last_sync_ >= kJournalSyncSeconds)) {
+    if (!sync_file(file_)) {
+      close_locked();
+      return;
+    }
+    last_sync_ = now;
+    unsynced_ = false;
+  }
+}
+
+void LiveJournal::remove() {
+  std::lock_guard<std::mutex> g(mu_);
+  close_locked();
+  if (!path_.empty()) std::remove(path_.c_str());
+  path_.clear();
+}
+
+void LiveJournal::remove(std::uint64_t session) {
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    if (session != session_) return;
+  }
+  // Between the two locks only start() can change the session, and it
+  // already removes the file we would remove.
+  remove();
+}
+
+std::vector<Recovery> recover_journals(const std::string& recordings_folder) {
+  namespace fs = std::filesystem;
+  std::vector<Recovery> out;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(recordings_folder, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (!entry.is_regular_file(ec) || !name.ends_with(kJournalEnding)) continue;
+    const std::string path = recordings_folder + "/" + name;
+    std::optional<std::string> text = read_file(path);
+    if (!text) continue;
+    JournalContents j = read_journal(*text);
+    Recovery r;
+    r.journal = name;
+    if (!j.samples.empty()) {
+      std::string stem = name.substr(0, name.size() - kJournalEnding.size());
+      r.file = stem + std::string(kRecoveredSuffix) + ".csv";
+      r.samples = j.samples.size();
+      r.markers = j.markers.size();
+      const std::string target = recordings_folder + "/" + r.file;
+      // The journal goes only once both files are safely in place; a crash
+      // before that recovers again next time, over the same names.
+      r.failed = !write_file_atomic(target, format_recording(j.samples)) ||
+                 !write_file_atomic(markers_path(target), markers_csv(j.markers));
+    }
+    if (!r.failed) fs::remove(path, ec);
+    out.push_back(std::move(r));
+  }
+  return out;
+}
+
+}  // namespace cvn

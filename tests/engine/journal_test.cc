@@ -1,0 +1,87 @@
+// The live journal: what a crash leaves on disk reads back, and start-up
+// turns it into a recording named after the session.
+#include "engine/journal.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/support/temp_dir.h"
+
+namespace cvn {
+namespace {
+
+using test::slurp;
+using test::spit;
+using test::TempDir;
+
+TEST(JournalFormat, TornTailsAndBadMarkersAreDropped) {
+  struct Case {
+    const char* text;
+    std::vector<double> samples;
+    std::string markers;  // as markers_csv writes them, without the header
+  };
+  const Case cases[] = {
+      {"", {}, ""},
+      {"# Corvane Live journal 1\n", {}, ""},
+      {"# Corvane Live journal 1\n1\n2\nm3,2\n3\n-4", {1, 2, 3}, "3,2,0.015\n"},  // torn sample
+      {"1\n2\nm3,2\n3\nm5,", {1, 2, 3}, "3,2,0.015\n"},                           // torn marker
+      {"1\n2\nm3,2\nm4,2\n", {1, 2}, "3,2,0.015\n4,2,0.015\n"},  // the sample index is the truth
+      {"1\nm0,1\nm10,1\nm5,-1\nm5,2\n", {1}, ""},  // bad key, bad index, past the last sample
+      {"12", {}, ""},                              // nothing complete
+  };
+  for (const Case& c : cases) {
+    JournalContents j = read_journal(c.text);
+    EXPECT_EQ(j.samples, c.samples) << c.text;
+    EXPECT_EQ(markers_csv(j.markers), "marker,sample_index,seconds\n" + c.markers) << c.text;
+  }
+}
+
+TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
+  TempDir dir;
+  const std::int64_t t = 1700000000;
+  const std::string stem = session_stem(" Kim Lee ", 5.5, 11, "F", 33, t);
+  EXPECT_EQ(stem, "Kim_Lee_on5.5_off11_F33_" + file_time_stamp(t));
+
+  std::vector<double> samples;
+  std::vector<Marker> markers;
+  {
+    LiveJournal journal;
+    ASSERT_TRUE(journal.start(dir / (stem + ".journal"), 7));
+    for (int round = 0; round < 3; ++round) {
+      for (int i = 0; i < 73; ++i) samples.push_back(round * 100 + i + 0.5);
+      markers.push_back({static_cast<std::int32_t>(samples.size()), round + 1});
+      journal.collect(7, samples, markers);
+      journal.collect(8, std::vector<double>(1000, 9.0), {});  // another session's
+      journal.write(round * 0.5, false);
+    }
+  }  // closed as a killed process leaves it, plus a torn last write:
+  std::string text = slurp(dir / (stem + ".journal"));
+  spit(dir / (stem + ".journal"), text + "12");
+  spit(dir / "empty.journal", "# Corvane Live journal 1\n");
+  spit(dir / "other.csv", "1\n");
+
+  std::vector<Recovery> found = recover_journals(dir.path());
+  ASSERT_EQ(found.size(), 2u);
+  std::vector<std::string> left;
+  for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+    left.push_back(e.path().filename().string());
+  std::sort(left.begin(), left.end());
+  const std::string file = stem + "_recovered.csv";
+  EXPECT_EQ(left, (std::vector<std::string>{file, stem + "_recovered_markers.csv", "other.csv"}));
+  EXPECT_EQ(slurp(dir / file), format_recording(samples));
+  EXPECT_EQ(slurp(dir / (stem + "_recovered_markers.csv")), markers_csv(markers));
+  for (const Recovery& r : found) {
+    EXPECT_FALSE(r.failed);
+    if (r.journal == "empty.journal") {
+      EXPECT_EQ(r.file, "");
+    } else {
+      EXPECT_EQ(r.file, file);
+      EXPECT_EQ(r.samples, 219u);
+      EXPECT_EQ(r.markers, 3u);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace cvn
