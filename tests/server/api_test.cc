@@ -44,7 +44,7 @@ class Api : public testing::Test {
   TempDir web, data;
   Engine engine{data.path(), nullptr};
   test::TestServer server{[this](SocketHandle s, const Request& r) {
-    dispatch(ServerContext{web.path(), data.path(), &engine}, s, r);
+    dispatch(ServerContext{web.path(), data.path(), &engine, server.port()}, s, r);
   }};
 };
 
