@@ -311,23 +311,36 @@ class Reader {
         if (would_block()) return;
         // Out of descriptors or memory: give up the quietest pending
         // connection and let the listener rest a moment.
-        evict_quietest();
+        make_room(now);
         listener_rest_ = now + kAcceptPause;
         return;
       }
-      if (pending_.size() >= static_cast<std::size_t>(limits_.max_pending)) evict_quietest();
+      if (pending_.size() >= static_cast<std::size_t>(limits_.max_pending)) make_room(now);
       set_nonblocking(c, true);
       pending_.push_back({c, now + limits_.head_timeout, now, {}, 0, false});
     }
   }
 
-  void evict_quietest() {
-    if (pending_.empty()) return;
-    auto quietest = std::min_element(
-        pending_.begin(), pending_.end(),
-        [](const Pending& a, const Pending& b) { return a.last_read < b.last_read; });
-    close_socket(quietest->socket);
-    pending_.erase(quietest);
+  // Makes room for one more connection by closing the one quiet longest.
+  // Each candidate gets one last look first: in a burst the oldest sockets
+  // are often not idle at all, their heads just not read yet, and those
+  // move on as requests instead.
+  void make_room(Clock::time_point now) {
+    for (std::size_t looks = pending_.size(); !pending_.empty(); --looks) {
+      auto quietest = std::min_element(
+          pending_.begin(), pending_.end(),
+          [](const Pending& a, const Pending& b) { return a.last_read < b.last_read; });
+      if (looks > 0) read_head(*quietest, now);
+      if (quietest->complete) {
+        Pending p = std::move(*quietest);
+        pending_.erase(quietest);
+        return start(std::move(p), now);
+      }
+      if (looks > 0 && quietest->last_read == now) continue;  // it spoke; look at the next
+      close_socket(quietest->socket);
+      pending_.erase(quietest);
+      return;
+    }
   }
 
   SocketHandle listener_;

@@ -86,7 +86,9 @@ TestServer::TestServer(RequestHandler handler, ServerLimits limits) {
   // Spread parallel test programs over different ranges.
   int first = 20000 + static_cast<int>(::getpid() % 2000) * 10;
   listener_ = bind_loopback(first, 200, &port_);
-  if (listener_ == kInvalidSocket || !listen_on(listener_, 128)) std::abort();
+  // A deep backlog: tests open hundreds of connections at once and must not
+  // wait for the kernel's SYN retries.
+  if (listener_ == kInvalidSocket || !listen_on(listener_, 1024)) std::abort();
   thread_ =
       std::thread([this, h = std::move(handler), limits] { serve(listener_, h, limits, &stop_); });
 }
