@@ -5,7 +5,8 @@ set -euo pipefail
 
 build_pkgs=(g++ cmake make pkg-config libsystemd-dev)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
-           python3 python3-numpy python3-scipy chromium dbus python3-dbus python3-gi)
+           python3 python3-numpy python3-scipy chromium dbus python3-dbus python3-gi
+           clang libclang-rt-14-dev)
 
 case "${1:-build}" in
   build) want=("${build_pkgs[@]}") ;;
