@@ -84,6 +84,10 @@ bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* rea
   for (std::size_t i = 0; i < sockets.size(); ++i)
     fds[i] = {static_cast<SOCKET>(sockets[i]), POLLRDNORM, 0};
   ready->assign(sockets.size(), false);
+  if (sockets.empty()) {  // WSAPoll refuses an empty set; poll() just waits
+    ::Sleep(static_cast<DWORD>(timeout_ms < 0 ? 0 : timeout_ms));
+    return true;
+  }
   int n = ::WSAPoll(fds.data(), static_cast<ULONG>(fds.size()), timeout_ms);
   if (n == SOCKET_ERROR) return false;
   for (std::size_t i = 0; i < fds.size(); ++i) (*ready)[i] = fds[i].revents != 0;
