@@ -65,7 +65,8 @@ struct Request {
   std::string body;  // only for POST
 
   // The few headers the server acts on (names are case-insensitive, values
-  // trimmed). A header sent twice reads as "", which no check accepts.
+  // trimmed). Host, Origin or Sec-Fetch-Site sent twice reads as "", which
+  // no check accepts.
   std::optional<std::string> host;
   std::optional<std::string> origin;
   std::optional<std::string> sec_fetch_site;
