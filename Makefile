@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 WIN_BUILD ?= build-win
 DIST ?= dist
 
-.PHONY: run test sanitize windows deps-build deps-test deps-windows clean
+.PHONY: run test sanitize fuzz windows deps-build deps-test deps-windows clean
 
 run: deps-build
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
@@ -36,6 +36,23 @@ windows: deps-windows
 	  -DCMAKE_BUILD_TYPE=Release -DCVN_BUILD_TESTS=OFF -DCVN_BUILD_BENCH=OFF >/dev/null
 	cmake --build $(WIN_BUILD) -j $(JOBS) --target corvane-live corvane-analyze
 	tools/package_windows.sh $(WIN_BUILD) $(DIST)
+
+# libFuzzer (clang, AddressSanitizer and UndefinedBehaviorSanitizer): every
+# target in tests/fuzz/ for FUZZ_SECONDS each, starting from its seeds in
+# tests/fuzz/corpus/<target>/. New inputs go to $(BUILD)-fuzz/corpus/, crash
+# files to $(BUILD)-fuzz/; a crash fails the run. A crash becomes a fix plus
+# its input among the seeds. Still to come: the Kubios RR reader, with the
+# import work.
+FUZZ_TARGETS = http_request_fuzz recording_fuzz markers_fuzz pmd_fuzz jpeg_fuzz
+FUZZ_SECONDS ?= 20
+fuzz: deps-test
+	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCVN_FUZZ=ON -DCVN_BUILD_BENCH=OFF >/dev/null
+	cmake --build $(BUILD)-fuzz -j $(JOBS) --target $(FUZZ_TARGETS)
+	for t in $(FUZZ_TARGETS); do \
+	  mkdir -p $(BUILD)-fuzz/corpus/$$t && \
+	  ./$(BUILD)-fuzz/tests/$$t -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=$(BUILD)-fuzz/$$t- \
+	    $(BUILD)-fuzz/corpus/$$t tests/fuzz/corpus/$$t || exit 1; \
+	done
 
 deps-build:
 	@tools/deps.sh build

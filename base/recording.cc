@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <sstream>
 
 namespace cvn {
@@ -71,7 +72,8 @@ std::vector<double> read_recording(std::string_view text) {
 std::string format_recording(const std::vector<double>& samples) {
   std::string out;
   out.reserve(samples.size() * 6);
-  char buf[32];
+  // The longest "%.0f" of a double: sign, 309 digits (DBL_MAX), line feed, NUL.
+  char buf[std::numeric_limits<double>::max_exponent10 + 4];
   for (double v : samples) {
     // std::round halves away from zero; "%.0f" would round halves to even.
     int n = std::snprintf(buf, sizeof buf, "%.0f\n", std::round(v));

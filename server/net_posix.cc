@@ -1,6 +1,9 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,8 +49,11 @@ bool listen_on(SocketHandle s, int backlog) {
 }
 
 SocketHandle accept_on(SocketHandle listener) {
-  int c = ::accept(static_cast<int>(listener), nullptr, nullptr);
-  return c < 0 ? kInvalidSocket : c;
+  for (;;) {
+    int c = ::accept(static_cast<int>(listener), nullptr, nullptr);
+    if (c < 0 && errno == EINTR) continue;
+    return c < 0 ? kInvalidSocket : c;
+  }
 }
 
 long recv_some(SocketHandle s, char* buf, std::size_t n) {
@@ -64,6 +70,36 @@ long send_some(SocketHandle s, const char* buf, std::size_t n) {
     if (r < 0 && errno == EINTR) continue;
     return r;
   }
+}
+
+bool would_block() {
+  return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+
+bool set_nonblocking(SocketHandle s, bool on) {
+  int flags = ::fcntl(static_cast<int>(s), F_GETFL, 0);
+  if (flags < 0) return false;
+  flags = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  return ::fcntl(static_cast<int>(s), F_SETFL, flags) == 0;
+}
+
+bool set_receive_timeout(SocketHandle s, int ms) {
+  timeval tv{};
+  tv.tv_sec = ms / 1000;
+  tv.tv_usec = (ms % 1000) * 1000;
+  return ::setsockopt(static_cast<int>(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
+}
+
+bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* ready,
+                   int timeout_ms) {
+  std::vector<pollfd> fds(sockets.size());
+  for (std::size_t i = 0; i < sockets.size(); ++i)
+    fds[i] = {static_cast<int>(sockets[i]), POLLIN, 0};
+  ready->assign(sockets.size(), false);
+  int n = ::poll(fds.data(), fds.size(), timeout_ms);
+  if (n < 0) return errno == EINTR;
+  for (std::size_t i = 0; i < fds.size(); ++i) (*ready)[i] = fds[i].revents != 0;
+  return true;
 }
 
 void shutdown_socket(SocketHandle s) {

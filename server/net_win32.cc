@@ -1,3 +1,8 @@
+// WSAPoll needs Windows Vista or later.
+#if !defined(_WIN32_WINNT) || _WIN32_WINNT < 0x0600
+#undef _WIN32_WINNT
+#define _WIN32_WINNT 0x0600
+#endif
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
@@ -53,6 +58,40 @@ long recv_some(SocketHandle s, char* buf, std::size_t n) {
 
 long send_some(SocketHandle s, const char* buf, std::size_t n) {
   return ::send(static_cast<SOCKET>(s), buf, static_cast<int>(n), 0);
+}
+
+bool would_block() {
+  int e = WSAGetLastError();
+  return e == WSAEWOULDBLOCK || e == WSAETIMEDOUT;
+}
+
+bool set_nonblocking(SocketHandle s, bool on) {
+  u_long mode = on ? 1 : 0;
+  return ::ioctlsocket(static_cast<SOCKET>(s), FIONBIO, &mode) == 0;
+}
+
+bool set_receive_timeout(SocketHandle s, int ms) {
+  DWORD value = static_cast<DWORD>(ms);
+  return ::setsockopt(static_cast<SOCKET>(s), SOL_SOCKET, SO_RCVTIMEO,
+                      reinterpret_cast<const char*>(&value), sizeof value) == 0;
+}
+
+bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* ready,
+                   int timeout_ms) {
+  std::vector<WSAPOLLFD> fds(sockets.size());
+  // POLLRDNORM rather than POLLIN: WSAPoll refuses flags a socket type does
+  // not support, and normal data (or a pending accept) is all we wait for.
+  for (std::size_t i = 0; i < sockets.size(); ++i)
+    fds[i] = {static_cast<SOCKET>(sockets[i]), POLLRDNORM, 0};
+  ready->assign(sockets.size(), false);
+  if (sockets.empty()) {  // WSAPoll refuses an empty set; poll() just waits
+    ::Sleep(static_cast<DWORD>(timeout_ms < 0 ? 0 : timeout_ms));
+    return true;
+  }
+  int n = ::WSAPoll(fds.data(), static_cast<ULONG>(fds.size()), timeout_ms);
+  if (n == SOCKET_ERROR) return false;
+  for (std::size_t i = 0; i < fds.size(); ++i) (*ready)[i] = fds[i].revents != 0;
+  return true;
 }
 
 void shutdown_socket(SocketHandle s) {

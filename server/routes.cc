@@ -89,9 +89,12 @@ Response seek(const ServerContext& c, const Request& r) {
 }
 
 Response start_replay(const ServerContext& c, const Request& r) {
+  // A name that could leave the folder is as missing as one that is not there.
+  const std::string& file = r.param("file");
   std::string folder = r.param("dir") == "saved" ? "/recordings" : "/sample_data";
-  std::string path = c.data_folder + folder + "/" + r.param("file");
-  if (!c.engine->start_replay(path, session_settings(r.query), replay_options(r.query)))
+  std::string path = c.data_folder + folder + "/" + file;
+  if (!is_plain_file_name(file) ||
+      !c.engine->start_replay(path, session_settings(r.query), replay_options(r.query)))
     return Response::json("{\"error\":\"file not found\"}", 404);
   return ok();
 }
@@ -280,6 +283,14 @@ const Route* find_route(std::string_view path) {
 }
 
 void dispatch(const ServerContext& ctx, SocketHandle s, const Request& req) {
+  switch (check_request_source(req, ctx.port)) {
+    case Refusal::kNone:
+      break;
+    case Refusal::kForeignHost:
+      return send_response(s, Response::json("{\"error\":\"foreign host\"}", 403));
+    case Refusal::kCrossSite:
+      return send_response(s, Response::json("{\"error\":\"cross-site request\"}", 403));
+  }
   if (std::optional<Response> file = static_route(ctx.web_root, req.path))
     return send_response(s, *file);
   const Route* route = ctx.engine ? find_route(req.path) : nullptr;

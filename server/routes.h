@@ -17,6 +17,7 @@ struct ServerContext {
   std::string web_root;
   std::string data_folder;
   Engine* engine = nullptr;  // null: only the page and media are served
+  int port = 0;              // the bound port: the Host and Origin checks need it
 };
 
 /// One API route: a plain function from the request to its answer. The
@@ -31,6 +32,9 @@ struct Route {
 const Route* find_route(std::string_view path);
 
 /// Answers one request; the path is compared byte for byte, the method never.
+/// A request for another host or from another origin (check_request_source)
+/// gets 403 before any route runs, static files included: the page must not
+/// be framed by another site either.
 void dispatch(const ServerContext& ctx, SocketHandle s, const Request& req);
 
 }  // namespace cvn

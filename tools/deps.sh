@@ -6,7 +6,7 @@ set -euo pipefail
 build_pkgs=(g++ cmake make pkg-config libsystemd-dev)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
            python3 python3-numpy python3-scipy chromium dbus python3-dbus python3-gi
-           libedf-dev python3-mne qpdf poppler-utils)
+           libedf-dev python3-mne qpdf poppler-utils clang libclang-rt-14-dev)
 # The Windows cross-build and its smoke test under Wine (make windows,
 # tools/wine_smoke.sh); not needed for everyday work.
 windows_pkgs=(cmake make python3 zip curl g++-mingw-w64-x86-64-posix wine64 wine)

@@ -52,7 +52,7 @@ class Api : public testing::Test {
   TempDir web, data;
   Engine engine{data.path(), nullptr};
   test::TestServer server{[this](SocketHandle s, const Request& r) {
-    dispatch(ServerContext{web.path(), data.path(), &engine}, s, r);
+    dispatch(ServerContext{web.path(), data.path(), &engine, server.port()}, s, r);
   }};
 };
 
@@ -324,6 +324,69 @@ TEST_F(Api, ConcurrentClientsWhileSessionsStartAndStop) {
   for (auto& t : clients) t.join();
   EXPECT_EQ(bad.load(), 0);
   EXPECT_NE(get("/status").find(R"("frac":1,)"), std::string::npos);
+}
+
+std::string with_headers(int port, const std::string& target, const std::string& headers) {
+  return test::exchange(port, {"GET " + target + " HTTP/1.1\r\n" + headers + "\r\n\r\n"});
+}
+
+TEST_F(Api, ForeignHostGetsNoData) {
+  // A page on evil.example whose name was rebound to 127.0.0.1.
+  for (const char* target : {"/status", "/", "/recordings"}) {
+    std::string a =
+        with_headers(server.port(), target, "Host: evil.example:" + std::to_string(server.port()));
+    EXPECT_EQ(status_line(a), "HTTP/1.1 403 OK") << target;
+    EXPECT_EQ(body_of(a), R"({"error":"foreign host"})");
+  }
+  // No Host at all is a command-line tool, and allowed.
+  EXPECT_EQ(status_line(test::exchange(server.port(), {"GET /status HTTP/1.1\r\n\r\n"})),
+            "HTTP/1.1 200 OK");
+}
+
+TEST_F(Api, CrossSiteRequestsChangeNothing) {
+  ASSERT_EQ(get("/start_replay?file=Sample%201.txt&speed=0"), R"({"ok":true})");
+  const std::string host = "Host: 127.0.0.1:" + std::to_string(server.port()) + "\r\n";
+  for (const char* from : {"Origin: http://evil.example", "Sec-Fetch-Site: cross-site",
+                           "Sec-Fetch-Site: same-site", "Origin: null"}) {
+    std::string a = with_headers(server.port(), "/stop", host + from);
+    EXPECT_EQ(status_line(a), "HTTP/1.1 403 OK") << from;
+    EXPECT_EQ(body_of(a), R"({"error":"cross-site request"})");
+    EXPECT_TRUE(engine.running()) << from;
+  }
+  // The page itself: same origin, as Chromium and Firefox label it.
+  std::string own = "Origin: http://127.0.0.1:" + std::to_string(server.port()) +
+                    "\r\nSec-Fetch-Site: same-origin";
+  EXPECT_EQ(body_of(with_headers(server.port(), "/stop", host + own)), R"({"ok":true})");
+  EXPECT_FALSE(engine.running());
+}
+
+TEST_F(Api, ReplayFileNamesCannotLeaveTheirFolder) {
+  test::spit(data / "secret.txt", "1\n2\n3\n");  // exists, one folder up
+  for (const char* file : {"../secret.txt", "..%2Fsecret.txt", "..%5Csecret.txt", "%2Fetc%2Fpasswd",
+                           "r.csv%00.txt", ""}) {
+    std::string a = http_get(server.port(), std::string("/start_replay?dir=saved&file=") + file);
+    EXPECT_EQ(status_line(a), "HTTP/1.1 404 OK") << file;
+    EXPECT_EQ(body_of(a), R"({"error":"file not found"})");
+  }
+  EXPECT_FALSE(engine.running());
+}
+
+TEST_F(Api, EightHundredIdleConnectionsDoNotLockThePageOut) {
+  constexpr int kIdle = 800;
+  // Both ends live in this process: two descriptors per connection.
+  if (!test::raise_descriptor_limit(2 * kIdle + 200)) GTEST_SKIP() << "descriptor limit too low";
+  const int threads_before = test::thread_count();
+  const std::size_t memory_before = test::resident_bytes();
+  std::vector<SocketHandle> idle;
+  for (int i = 0; i < kIdle; ++i) idle.push_back(connect_loopback(server.port()));
+  auto start = std::chrono::steady_clock::now();
+  std::string status = get("/status");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_TRUE(status.starts_with(R"({"mode":)")) << status.substr(0, 80);
+  // No thread per idle socket, and memory stays flat.
+  EXPECT_LE(test::thread_count(), threads_before + 2);
+  EXPECT_LT(test::resident_bytes(), memory_before + (64 << 20));
+  for (SocketHandle s : idle) close_socket(s);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "tests/support/http_client.h"
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 
 namespace cvn::test {
@@ -29,12 +31,13 @@ std::string exchange(int port, const std::vector<std::string>& pieces, bool half
 }
 
 std::string http_get(int port, const std::string& target) {
-  return exchange(port, {"GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"});
+  return exchange(port, {"GET " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                         "\r\n\r\n"});
 }
 
 std::string http_post(int port, const std::string& target, const std::string& body) {
-  return exchange(port, {"POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: " +
-                         std::to_string(body.size()) + "\r\n\r\n" + body});
+  return exchange(port, {"POST " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body});
 }
 
 std::string body_of(const std::string& answer) {
@@ -61,21 +64,39 @@ bool wait_for_thread_count(int target, int ms) {
   return true;
 }
 
-TestServer::TestServer(RequestHandler handler) {
+std::size_t resident_bytes() {
+  long pages = 0, resident = 0;
+  if (std::FILE* f = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(f);
+  }
+  return static_cast<std::size_t>(resident) * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+}
+
+bool raise_descriptor_limit(int n) {
+  rlimit r{};
+  if (::getrlimit(RLIMIT_NOFILE, &r) != 0) return false;
+  if (r.rlim_cur >= static_cast<rlim_t>(n)) return true;
+  if (r.rlim_max < static_cast<rlim_t>(n)) return false;
+  r.rlim_cur = static_cast<rlim_t>(n);
+  return ::setrlimit(RLIMIT_NOFILE, &r) == 0;
+}
+
+TestServer::TestServer(RequestHandler handler, ServerLimits limits) {
   // Spread parallel test programs over different ranges.
   int first = 20000 + static_cast<int>(::getpid() % 2000) * 10;
   listener_ = bind_loopback(first, 200, &port_);
-  if (listener_ == kInvalidSocket || !listen_on(listener_, 128)) std::abort();
+  // A deep backlog: tests open hundreds of connections at once and must not
+  // wait for the kernel's SYN retries.
+  if (listener_ == kInvalidSocket || !listen_on(listener_, 1024)) std::abort();
   thread_ =
-      std::thread([this, h = std::move(handler)] { serve(listener_, h, &stop_, &in_flight_); });
+      std::thread([this, h = std::move(handler), limits] { serve(listener_, h, limits, &stop_); });
 }
 
 TestServer::~TestServer() {
   stop_ = true;
-  shutdown_socket(listener_);
-  thread_.join();
+  thread_.join();  // serve returns once the requests being answered are done
   close_socket(listener_);
-  while (in_flight_.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
 }
 
 }  // namespace cvn::test

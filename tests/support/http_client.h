@@ -15,7 +15,8 @@ namespace cvn::test {
 /// everything the server sends until it closes. Empty on connect failure.
 std::string exchange(int port, const std::vector<std::string>& pieces, bool half_close = false);
 
-/// GET `target` (or POST with `body` when `post`) and return the raw answer.
+/// GET `target` (or POST with `body`) with "Host: 127.0.0.1:<port>", as the
+/// page sends it, and return the raw answer.
 std::string http_get(int port, const std::string& target);
 std::string http_post(int port, const std::string& target, const std::string& body);
 
@@ -27,12 +28,19 @@ int thread_count();
 /// Waits up to `ms` for the thread count to fall to `target` or below.
 bool wait_for_thread_count(int target, int ms);
 
+/// Resident memory of this process in bytes (Linux: /proc/self/statm).
+std::size_t resident_bytes();
+
+/// Raises the soft limit on open descriptors to at least `n` if the hard
+/// limit allows; false when it does not.
+bool raise_descriptor_limit(int n);
+
 /// A real server on a free loopback port, running `handler` until destroyed.
 /// The destructor waits for connections still being handled (an event
 /// stream ends at its next send after the client left).
 class TestServer {
  public:
-  explicit TestServer(RequestHandler handler);
+  explicit TestServer(RequestHandler handler, ServerLimits limits = {});
   ~TestServer();
   int port() const { return port_; }
 
@@ -40,7 +48,6 @@ class TestServer {
   SocketHandle listener_ = kInvalidSocket;
   int port_ = 0;
   std::atomic<bool> stop_{false};
-  std::atomic<int> in_flight_{0};
   std::thread thread_;
 };
 
