@@ -1,5 +1,6 @@
 #include "reports/export.h"
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <numeric>
@@ -23,6 +24,33 @@ namespace {
 // The PDF's maps keep 45 % of the colour below the reference level, as the
 // page's maps do, so the report matches what was seen on screen.
 constexpr bool kBlendGrey = true;
+
+// Each pixel the mean of the block of `in` it covers, so thin lines (cycle
+// starts, the expected frequency) fade rather than vanish or alias.
+RgbImage shrink(const RgbImage& in, int max_width, int max_height) {
+  const int w = std::min(in.width, max_width), h = std::min(in.height, max_height);
+  if (in.rgb.empty() || (w == in.width && h == in.height)) return in;
+  RgbImage out{w, h, std::vector<std::uint8_t>(static_cast<std::size_t>(w) * h * 3)};
+  std::uint8_t* dst = out.rgb.data();
+  for (int y = 0; y < h; ++y) {
+    const int y0 = y * in.height / h, y1 = (y + 1) * in.height / h;
+    for (int x = 0; x < w; ++x) {
+      const int x0 = x * in.width / w, x1 = (x + 1) * in.width / w;
+      unsigned sum[3] = {0, 0, 0};
+      for (int sy = y0; sy < y1; ++sy) {
+        const std::uint8_t* src = &in.rgb[(static_cast<std::size_t>(sy) * in.width + x0) * 3];
+        for (int sx = x0; sx < x1; ++sx, src += 3) {
+          sum[0] += src[0];
+          sum[1] += src[1];
+          sum[2] += src[2];
+        }
+      }
+      const unsigned n = static_cast<unsigned>((y1 - y0) * (x1 - x0));
+      for (unsigned c : sum) *dst++ = static_cast<std::uint8_t>((c + n / 2) / n);
+    }
+  }
+  return out;
+}
 
 // Makes the first free "<stem>_export", "<stem>-2_export", ...; creating the
 // folder itself is the test, so two exports at once never share one.
@@ -77,6 +105,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   out.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
   out.beats = beats;
   out.cvn_mean = finite_mean(cycles.cvn);
+  out.cvn = cycles.cvn;
 
   const std::string stem = sanitize_file_name(in.name);
   out.folder = make_folder(exports_folder, stem, &out.error);
@@ -119,6 +148,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   for (double v : cycles.cvn) facts.cycles_with_value += std::isfinite(v);
   facts.duration_seconds = out.duration_seconds;
   facts.beats = beats;
+  facts.rr_only = !have_ecg;
   facts.markers = in.markers;
 
   RecordingReport report;
@@ -127,10 +157,13 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.hr = hr;
   report.markers = in.markers;
   report.cvn = cycles.cvn;
+  report.rr_only = !have_ecg;
   const char sex = !in.sex.empty() && (in.sex[0] == 'F' || in.sex[0] == 'f') ? 'F' : 'M';
   if (!cycles.empty()) {
     report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age, kBlendGrey);
     report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age, kBlendGrey);
+    out.summary_map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
+    out.summary_map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
   }
   report.expected_freq = expected_frequency(in.cycle_seconds);
   report.duration_seconds = out.duration_seconds;

@@ -8,12 +8,18 @@
 #include <vector>
 
 #include "base/recording.h"
+#include "reports/pdf.h"
 #include "reports/report_logo.h"
 
 namespace cvn {
 
 /// "<stem>-2_export", "-3", ... are tried up to this before giving up.
 inline constexpr int kMaxExportFolders = 10000;
+
+/// Largest heat-map the batch summary keeps per recording: the summary page
+/// draws a map about 480 x 110 pt, so this still prints at over 90 dpi.
+inline constexpr int kSummaryMapWidth = 600;
+inline constexpr int kSummaryMapHeight = 160;
 
 struct ExportInput {
   std::vector<double> samples;  // ECG, microvolts at kSampleRate
@@ -38,6 +44,13 @@ struct ExportResult {
   double duration_seconds = 0;
   std::size_t beats = 0;
   double cvn_mean = NAN;
+  std::vector<double> cvn;  // one log-power value per cycle, NaN for none
+  /// The 3- and 10-cycle heat-maps shrunk to fit kSummaryMapWidth x
+  /// kSummaryMapHeight; empty when the recording was too short for them.
+  /// Kept compressed because a batch holds them for every recording until
+  /// its summary is written: a map compresses to a third or less of its
+  /// 288 KB of raw pixels, and the summary copies the bytes as they are.
+  PdfImage summary_map3, summary_map10;
   bool ok() const { return error.empty(); }
 };
 

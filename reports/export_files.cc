@@ -202,7 +202,7 @@ std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
        f.expected_freq > 0 ? format("%.4f", f.expected_freq) + " Hz" : std::string("-")},
       {"Cycles recorded", cycles},
       {"Duration", duration},
-      {"R-peaks", std::to_string(f.beats)},
+      {f.rr_only ? "Beats (from RR export)" : "R-peaks", std::to_string(f.beats)},
       {"Markers", marker_summary(f.markers)},
   };
 }

@@ -45,6 +45,7 @@ struct SummaryFacts {
   std::size_t cycles_with_value = 0;
   double duration_seconds = 0;
   std::size_t beats = 0;
+  bool rr_only = false;  // the beats came from an RR-interval export, not R-peak detection
   std::vector<Marker> markers;
 };
 
@@ -52,7 +53,8 @@ struct SummaryFacts {
 std::string report_date(std::int64_t unix_seconds);
 
 /// Date, Sex / Age, Periods, Cycle length, Expected frequency, Cycles
-/// recorded, Duration, R-peaks, Markers: label and value, in that order.
+/// recorded, Duration, R-peaks (for an RR export: the beats it lists),
+/// Markers: label and value, in that order.
 std::vector<SummaryRow> summary_rows(const SummaryFacts& facts);
 
 /// Nearest plain ASCII for UTF-8 text ("Zoë" -> "Zoe", "ß" -> "ss"): the

@@ -112,10 +112,19 @@ std::string pdf_content_object(std::string_view content) {
          "\nendstream";
 }
 
-std::string pdf_rgb_image_object(const RgbImage& image) {
+PdfImage pdf_image(const RgbImage& image) {
+  if (image.rgb.empty()) return {};
   const std::vector<std::uint8_t> z = zlib_compress(image.rgb);
-  return image_head(image.width, image.height, "FlateDecode", z.size()) +
-         std::string(z.begin(), z.end()) + "\nendstream";
+  return {image.width, image.height, std::string(z.begin(), z.end())};
+}
+
+std::string pdf_rgb_image_object(const PdfImage& image) {
+  return image_head(image.width, image.height, "FlateDecode", image.zlib.size()) + image.zlib +
+         "\nendstream";
+}
+
+std::string pdf_rgb_image_object(const RgbImage& image) {
+  return pdf_rgb_image_object(pdf_image(image));
 }
 
 std::string pdf_jpeg_image_object(const ReportLogo& logo) {

@@ -65,8 +65,21 @@ class PdfCanvas {
 /// "<< /Length n >>\nstream\n" + content + "\nendstream".
 std::string pdf_content_object(std::string_view content);
 
+/// RGB pixels already zlib-compressed the way an image object stores them,
+/// for pictures kept in memory until a later report is written.
+struct PdfImage {
+  int width = 0;
+  int height = 0;
+  std::string zlib;  // the zlib stream of the rows, top to bottom, 3 bytes a pixel
+  bool empty() const { return zlib.empty(); }
+};
+
+/// The image compressed; empty for an empty image.
+PdfImage pdf_image(const RgbImage& image);
+
 /// Image XObject of RGB pixels, zlib-compressed (/FlateDecode).
 std::string pdf_rgb_image_object(const RgbImage& image);
+std::string pdf_rgb_image_object(const PdfImage& image);
 
 /// Image XObject holding the logo's JPEG bytes unchanged (/DCTDecode).
 std::string pdf_jpeg_image_object(const ReportLogo& logo);

@@ -46,6 +46,8 @@ constexpr double kCurvePointsPerPt = 2;
 constexpr double kMapRight = kRight - 48;
 
 constexpr const char* kTitle = "Corvane Live - report";
+constexpr const char* kEcgSource = "Source: ECG, 130 samples per second";
+constexpr const char* kRrSource = "Source: RR-interval export (no ECG recorded)";
 
 std::string fixed(const char* fmt, double v) {
   char buf[256];
@@ -287,48 +289,73 @@ void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
 }
 
-void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<double>& cvn) {
-  double lo = INFINITY, hi = -INFINITY;
-  for (double v : cvn) {
-    if (!std::isfinite(v)) continue;
-    lo = std::min(lo, v);
-    hi = std::max(hi, v);
+std::string stroke_colour(PdfColor c) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%.2f %.2f %.2f RG ", c.r, c.g, c.b);
+  return buf;
+}
+
+// One recording's cycle values and the colour they are drawn in.
+struct CvnSeries {
+  const std::vector<double>* values;
+  PdfColor colour;
+};
+
+// Cycles 1..longest series across; each series a line through its values
+// (broken where a cycle has none) with a dot per value. `mean` adds the
+// dashed mean of all values.
+void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<CvnSeries>& series, bool mean,
+              const std::string& why_empty) {
+  double lo = INFINITY, hi = -INFINITY, sum = 0;
+  std::size_t cycles = 0, n = 0;
+  for (const CvnSeries& s : series) {
+    cycles = std::max(cycles, s.values->size());
+    for (double v : *s.values) {
+      if (!std::isfinite(v)) continue;
+      lo = std::min(lo, v);
+      hi = std::max(hi, v);
+      sum += v;
+      ++n;
+    }
   }
   if (!(lo <= hi)) {
-    empty_plot(c, b,
-               cvn.empty() ? "(recording shorter than one breathing cycle)"
-                           : "(no cycle had usable heart rate)");
+    empty_plot(c, b, why_empty);
     return;
   }
-  const double k = static_cast<double>(cvn.size());
+  const double k = static_cast<double>(cycles);
   Axis xa = nice_axis(1, k, 10, false, 1);
   xa.lo = 0.5;
   xa.hi = k + 0.5;
   const Axis ya = nice_axis(lo, hi, 5, true);
   x_axis(c, b, xa, "Cycles", false);
   y_axis(c, b, ya, "Log-power (ln)", true);
-  const double mean = finite_mean(cvn);
-  c.guide_line(b.x, ya.at(mean, b.y, b.h), b.x + b.w, ya.at(mean, b.y, b.h));
+  if (mean) {
+    const double y = ya.at(sum / static_cast<double>(n), b.y, b.h);
+    c.guide_line(b.x, y, b.x + b.w, y);
+  }
 
   const double dot = std::clamp(b.w / k * 0.4, 1.5, 4.0);
-  std::string path;
-  bool open = false;
-  for (std::size_t i = 0; i < cvn.size(); ++i) {
-    if (!std::isfinite(cvn[i])) {
-      open = false;
-      continue;
+  for (const CvnSeries& s : series) {
+    const std::vector<double>& cvn = *s.values;
+    std::string path;
+    bool open = false;
+    for (std::size_t i = 0; i < cvn.size(); ++i) {
+      if (!std::isfinite(cvn[i])) {
+        open = false;
+        continue;
+      }
+      const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
+      const double y = ya.at(cvn[i], b.y, b.h);
+      path += pdf_number(x) + " " + pdf_number(y) + (open ? " l\n" : " m\n");
+      open = true;
     }
-    const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
-    const double y = ya.at(cvn[i], b.y, b.h);
-    path += pdf_number(x) + " " + pdf_number(y) + (open ? " l\n" : " m\n");
-    open = true;
-  }
-  c.raw("0.16 0.38 0.68 RG 0.8 w\n" + path + "S\n");
-  for (std::size_t i = 0; i < cvn.size(); ++i) {
-    if (!std::isfinite(cvn[i])) continue;
-    const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
-    const double y = ya.at(cvn[i], b.y, b.h);
-    c.fill_rect(kCvnBlue, x - dot / 2, y - dot / 2, dot, dot);
+    c.raw(stroke_colour(s.colour) + "0.8 w\n" + path + "S\n");
+    for (std::size_t i = 0; i < cvn.size(); ++i) {
+      if (!std::isfinite(cvn[i])) continue;
+      const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);
+      const double y = ya.at(cvn[i], b.y, b.h);
+      c.fill_rect(s.colour, x - dot / 2, y - dot / 2, dot, dot);
+    }
   }
   c.line_width(0.7);
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
@@ -338,14 +365,18 @@ std::string page_one(const RecordingReport& r) {
   PdfCanvas c;
   logo(c, r.logo, 812);
   c.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
-  c.text(kInk, PdfFont::kBold, 11, kLeft, 766, "Recording:");
-  c.text(kInk, PdfFont::kRegular, 11, kLeft + text_width(PdfFont::kBold, 11, "Recording: "), 766,
+  c.text(kInk, PdfFont::kBold, 11, kLeft, 768, "Recording:");
+  c.text(kInk, PdfFont::kRegular, 11, kLeft + text_width(PdfFont::kBold, 11, "Recording: "), 768,
          fit(r.name, PdfFont::kRegular, 11, kRight - kLeft - 70));
+  // Said outright: without ECG nobody can re-check the beats, and the
+  // heart rate is only as good as the program that wrote the intervals.
+  c.text(r.rr_only ? kInk : kMuted, PdfFont::kRegular, kBodySize, kLeft, 754,
+         r.rr_only ? kRrSource : kEcgSource);
   c.line_width(1);
-  c.line(kAccent, kLeft, 756, kRight, 756);
+  c.line(kAccent, kLeft, 746, kRight, 746);
 
   constexpr double kRowHeight = 15;
-  double y = 744;
+  double y = 739;
   for (std::size_t i = 0; i < r.summary.size(); ++i) {
     y -= kRowHeight;
     if (i % 2 == 0) c.fill_rect(kZebra, kLeft, y, kRight - kLeft, kRowHeight);
@@ -365,7 +396,9 @@ std::string page_one(const RecordingReport& r) {
 
   const double mean = finite_mean(r.cvn);
   heading(c, 324, "CVN (logpower)", fixed("pow (mean): %.3f", std::isfinite(mean) ? mean : NAN));
-  cvn_plot(c, {kPlotLeft, 134, kRight - kPlotLeft, 178}, r.cvn);
+  cvn_plot(c, {kPlotLeft, 134, kRight - kPlotLeft, 178}, {{&r.cvn, kCvnBlue}}, true,
+           r.cvn.empty() ? "(recording shorter than one breathing cycle)"
+                         : "(no cycle had usable heart rate)");
   x = legend_item(c, kPlotLeft, 86, "one breathing cycle (a gap: no usable heart rate)", 3);
   legend_item(c, x, 86, "mean", 1);
 
@@ -384,16 +417,18 @@ double frequency_y(double f, const Box& b) {
   return b.y + std::clamp(u, 0.0, 1.0) * b.h;
 }
 
-void heat_map(PdfCanvas& c, const Box& b, const char* image, const RgbImage& pixels,
-              const RecordingReport& r) {
-  if (pixels.rgb.empty()) {
+// The picture `image` (a resource of the page) with its axes; `have` false
+// draws why it is missing instead. `expected_freq` 0: no label.
+void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double duration_seconds,
+              double expected_freq) {
+  if (!have) {
     empty_plot(c, b, "(not computed: recording shorter than one breathing cycle)");
     return;
   }
   c.image(image, b.x, b.y, b.w, b.h);
   c.line_width(0.7);
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
-  x_axis(c, b, nice_axis(0, std::max(r.duration_seconds, 1.0), 8, false), "Time (s)", false);
+  x_axis(c, b, nice_axis(0, std::max(duration_seconds, 1.0), 8, false), "Time (s)", false);
 
   c.line_width(0.5);
   for (const char* tick : {"0.02", "0.10", "0.18"}) {
@@ -405,14 +440,15 @@ void heat_map(PdfCanvas& c, const Box& b, const char* image, const RgbImage& pix
   c.vertical_text(kInk, 9, b.x - 30, b.y + b.h / 2 - text_width(PdfFont::kRegular, 9, title) / 2,
                   title);
 
+  if (!(expected_freq > 0)) return;
   // The green line of the picture lies on the expected row and the one above.
   const auto& axis = tfr_frequencies();
   const double step = (axis.back() - axis.front()) / static_cast<double>(axis.size() - 1);
-  const double y = frequency_y(r.expected_freq + step / 2, b);
+  const double y = frequency_y(expected_freq + step / 2, b);
   c.line_width(1.2);
   c.line(kExpectedGreen, b.x + b.w, y, b.x + b.w + 6, y);
   c.text(kExpectedGreen, PdfFont::kBold, 8, b.x + b.w + 8, y - 2.8,
-         fixed("%.4f Hz", r.expected_freq));
+         fixed("%.4f Hz", expected_freq));
 }
 
 // Colour ramps drawn by the heat-map renderer itself, so the legend cannot
@@ -458,10 +494,12 @@ std::string page_two(const RecordingReport& r) {
 
   heading(c, 734, "TFR - high time resolution", "");
   text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 734, "3-cycle Morlet wavelet");
-  heat_map(c, {kPlotLeft, 494, kMapRight - kPlotLeft, 230}, "Im1", r.tfr3, r);
+  heat_map(c, {kPlotLeft, 494, kMapRight - kPlotLeft, 230}, "Im1", !r.tfr3.rgb.empty(),
+           r.duration_seconds, r.expected_freq);
   heading(c, 428, "TFR - high frequency resolution", "");
   text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 428, "10-cycle Morlet wavelet");
-  heat_map(c, {kPlotLeft, 188, kMapRight - kPlotLeft, 230}, "Im2", r.tfr10, r);
+  heat_map(c, {kPlotLeft, 188, kMapRight - kPlotLeft, 230}, "Im2", !r.tfr10.rgb.empty(),
+           r.duration_seconds, r.expected_freq);
 
   constexpr double kLegendY = 122;
   c.text(kInk, PdfFont::kBold, 9, kLeft, kLegendY + 18, "How to read the maps");
@@ -491,6 +529,10 @@ std::string page_head(const std::string& resources, int contents) {
 constexpr const char* kHelvetica = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
 constexpr const char* kHelveticaBold =
     "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold >>";
+constexpr const char* kHelveticaWinAnsi =
+    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
+constexpr const char* kHelveticaBoldWinAnsi =
+    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
 // A picture the page can always reference: the file keeps its fixed objects
 // even when a map could not be computed (the page then shows why instead).
@@ -520,95 +562,322 @@ std::string recording_report_pdf(const RecordingReport& r) {
   return pdf_file(objects);
 }
 
-std::string summary_report_pdf(const SummaryReport& r) {
-  // Table geometry: columns by their left or right edge.
-  constexpr double kRowHeight = 16;
-  constexpr double kTableTop = 724;
-  constexpr double kTableBottom = 70;
-  constexpr double kNameX = kLeft + 4, kFileX = kLeft + 128;
-  constexpr double kDurationRight = 405, kBeatsRight = 452, kCvnRight = kRight - 4;
-  constexpr double kErrorX = 338;
-  const std::size_t per_page =
-      static_cast<std::size_t>((kTableTop - kRowHeight - kTableBottom) / kRowHeight);
-  const std::size_t pages = std::max<std::size_t>(1, (r.entries.size() + per_page - 1) / per_page);
+namespace {
 
-  std::size_t failed = 0;
-  for (const SummaryEntry& e : r.entries) failed += !e.error.empty();
+// --- Batch summary. Each person starts a page so that a clinic can file a
+// person's pages in their record; a section flows onto further pages when it
+// does not fit, and each page shows at most one recording's pair of maps,
+// named /ImA and /ImB in that page's own resources.
 
-  // Objects as written: catalog, page tree, fonts, logo, then each page and
-  // its content.
-  const bool with_logo = !r.logo.empty();
-  const int first_page = with_logo ? 6 : 5;
-  std::vector<std::string> objects;
-  std::string kids;
-  for (std::size_t p = 0; p < pages; ++p)
-    kids += (p ? " " : "") + std::to_string(first_page + 2 * p) + " 0 R";
-  objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
-  objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages) + " >>");
-  objects.push_back(kHelvetica);
-  objects.push_back(kHelveticaBold);
-  if (with_logo) objects.push_back(pdf_jpeg_image_object(r.logo));
-  const std::string resources = "<< /Font << /F1 3 0 R /F2 4 0 R >>" +
-                                std::string(with_logo ? " /XObject << /Logo 5 0 R >>" : "") + " >>";
+// One colour per recording of a person in the cycle plot and beside its row
+// of the table; they repeat after eight recordings.
+constexpr PdfColor kSeriesColours[] = {
+    {0.16, 0.38, 0.68}, {0.90, 0.45, 0.10}, {0.20, 0.58, 0.30}, {0.58, 0.25, 0.65},
+    {0.80, 0.20, 0.25}, {0.10, 0.58, 0.64}, {0.55, 0.42, 0.18}, {0.42, 0.43, 0.48},
+};
+constexpr PdfColor kWarningFill{1.0, 0.95, 0.93};
 
-  for (std::size_t p = 0; p < pages; ++p) {
-    PdfCanvas c;
-    logo(c, r.logo, 812);
-    c.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
-    c.text(kInk, PdfFont::kBold, 11, kLeft, 766, "Name:");
-    c.text(kInk, PdfFont::kRegular, 11, kLeft + text_width(PdfFont::kBold, 11, "Name: "), 766,
-           fit(r.name, PdfFont::kRegular, 11, 300));
-    c.text(kMuted, PdfFont::kRegular, kBodySize, kLeft, 748,
-           "Created " + report_date(r.created) + " - " + std::to_string(r.entries.size()) +
-               " recording(s)" + (failed ? ", " + std::to_string(failed) + " failed" : ""));
-    c.line_width(1);
-    c.line(kAccent, kLeft, 738, kRight, 738);
+constexpr const char* kAgeSexWarning[] = {
+    "Batch processing: age & sex were not set per person, so the age/sex-normalised level",
+    "may be inaccurate - the red/grey colour thresholds below should be ignored. For an",
+    "interpretable report, use 'Import folder' and set the correct age and sex for this person.",
+};
 
-    double y = kTableTop;
-    c.fill_rect(kGrid, kLeft, y - kRowHeight, kRight - kLeft, kRowHeight);
-    y -= kRowHeight;
-    const double base = y + 5;
-    c.text(kInk, PdfFont::kBold, 9, kNameX, base, "Name");
-    c.text(kInk, PdfFont::kBold, 9, kFileX, base, "File");
-    text_right(c, kInk, PdfFont::kBold, 9, kDurationRight, base, "Duration");
-    text_right(c, kInk, PdfFont::kBold, 9, kBeatsRight, base, "Beats");
-    text_right(c, kInk, PdfFont::kBold, 9, kCvnRight, base, "CVN (logpower)");
-    const std::size_t end = std::min(r.entries.size(), (p + 1) * per_page);
-    for (std::size_t i = p * per_page; i < end; ++i) {
-      const SummaryEntry& e = r.entries[i];
-      y -= kRowHeight;
-      if (i % 2 == 1) c.fill_rect(kZebra, kLeft, y, kRight - kLeft, kRowHeight);
-      const double b = y + 5;
-      c.text(kInk, PdfFont::kRegular, 9, kNameX, b,
-             fit(e.name, PdfFont::kRegular, 9, kFileX - kNameX - 6));
-      c.text(kInk, PdfFont::kRegular, 9, kFileX, b,
-             fit(e.file, PdfFont::kRegular, 9, (e.error.empty() ? 330 : kErrorX) - kFileX - 6));
-      if (!e.error.empty()) {
-        c.text(kError, PdfFont::kRegular, 9, kErrorX, b,
-               fit(e.error, PdfFont::kRegular, 9, kCvnRight - kErrorX));
-        continue;
-      }
-      const long whole = std::lround(e.duration_seconds);
-      char duration[32];
-      std::snprintf(duration, sizeof duration, "%ld:%02ld min", whole / 60, whole % 60);
-      text_right(c, kInk, PdfFont::kRegular, 9, kDurationRight, b, duration);
-      text_right(c, kInk, PdfFont::kRegular, 9, kBeatsRight, b, std::to_string(e.beats));
-      text_right(c, kInk, PdfFont::kRegular, 9, kCvnRight, b,
-                 std::isfinite(e.cvn_mean) ? fixed("%.3f", e.cvn_mean) : std::string("-"));
+// Vertical space of the sections, from the page head down to the footer.
+constexpr double kSectionTop = 738;
+constexpr double kSectionBottom = 56;
+constexpr double kNameBlock = 22;
+constexpr double kWarningBlock = 48;
+constexpr double kTableRow = 15;
+constexpr double kErrorLine = 11;
+constexpr int kMaxErrorLines = 4;  // longer texts end in "..."
+constexpr double kPlotHeight = 150;
+constexpr double kMinPlotHeight = 90;
+constexpr double kPlotFrame = 24 + 36;  // heading above, tick labels and title below
+constexpr double kMapHeight = 92;
+constexpr double kMapBlock = 40 + 2 * (18 + kMapHeight + 30);
+// Table columns: the file after its colour sample, then by left or right edge.
+constexpr double kSwatchX = kLeft + 4, kFileX = kLeft + 24, kSourceX = 292;
+constexpr double kDurationRight = 418, kBeatsRight = 466, kCvnRight = kRight - 4;
+
+struct SummaryPage {
+  PdfCanvas canvas;
+  std::string person;                  // the footer names whose page it is
+  const SummaryEntry* maps = nullptr;  // whose heat-maps are /ImA and /ImB
+};
+
+// Lines of at most `width`, broken at blanks (or inside a word longer than
+// a line, such as a path), at most `max_lines`.
+std::vector<std::string> wrap(const std::string& utf8, PdfFont f, double size, double width,
+                              int max_lines) {
+  std::vector<std::string> lines(1);
+  const std::string s = to_ascii(utf8);
+  std::size_t i = 0;
+  while (i < s.size()) {
+    std::size_t end = s.find(' ', i);
+    if (end == std::string::npos) end = s.size();
+    const std::string word = s.substr(i, end - i);
+    i = end + 1;
+    std::string& line = lines.back();
+    const std::string joined = line.empty() ? word : line + " " + word;
+    if (text_width(f, size, joined) <= width) {
+      line = joined;
+      continue;
     }
-    if (r.entries.empty())
-      c.text(kMuted, PdfFont::kRegular, 10, kNameX, y - kRowHeight + 5, "(no recordings)");
-    c.line_width(0.7);
-    c.line(kFrame, kLeft, y, kRight, y);
-    footer(c, static_cast<int>(p + 1), static_cast<int>(pages), r.name);
-
-    const int number = static_cast<int>(objects.size()) + 1;
-    objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) +
-                      " " + pdf_number(kPageHeight) + "] /Resources " + resources + " /Contents " +
-                      std::to_string(number + 1) + " 0 R >>");
-    objects.push_back(pdf_content_object(c.content()));
+    if (!line.empty()) lines.emplace_back();
+    for (char ch : word) {
+      if (text_width(f, size, lines.back() + ch) > width) lines.emplace_back();
+      lines.back() += ch;
+    }
   }
-  return pdf_file(objects);
+  if (static_cast<int>(lines.size()) > max_lines) {
+    lines.resize(static_cast<std::size_t>(max_lines));
+    lines.back() = fit(lines.back() + " ...", f, size, width - text_width(f, size, "...")) + "...";
+  }
+  return lines;
+}
+
+std::string duration_text(double seconds) {
+  const long whole = std::lround(seconds);
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%ld:%02ld min", whole / 60, whole % 60);
+  return buf;
+}
+
+class SummaryWriter {
+ public:
+  explicit SummaryWriter(const SummaryReport& r) : r_(r) {
+    for (const SummaryPerson& p : r.persons) {
+      recordings_ += p.entries.size();
+      for (const SummaryEntry& e : p.entries) failed_ += !e.error.empty();
+    }
+  }
+
+  void person(const SummaryPerson& p) {
+    new_page(p, false);
+    if (!r_.age_sex_per_person) warning();
+    table_head();
+    std::vector<CvnSeries> series;
+    std::vector<int> colour(p.entries.size(), -1);
+    for (std::size_t i = 0; i < p.entries.size(); ++i) {
+      if (!p.entries[i].error.empty() || p.entries[i].cvn.empty()) continue;
+      colour[i] = static_cast<int>(series.size() % std::size(kSeriesColours));
+      series.push_back({&p.entries[i].cvn, kSeriesColours[colour[i]]});
+    }
+    for (std::size_t i = 0; i < p.entries.size(); ++i) {
+      const SummaryEntry& e = p.entries[i];
+      const std::vector<std::string> error =
+          wrap(e.error, PdfFont::kRegular, 9, kCvnRight - kSourceX, kMaxErrorLines);
+      const double height =
+          kTableRow + (e.error.empty() ? 0 : kErrorLine * static_cast<double>(error.size() - 1));
+      if (!fits(height)) {
+        new_page(p, true);
+        table_head();
+      }
+      row(e, colour[i], error, height, i % 2 == 1);
+    }
+    if (p.entries.empty()) {
+      y_ -= kTableRow;
+      c().text(kMuted, PdfFont::kRegular, 9, kFileX, y_ + 4.5, "(no recordings)");
+    }
+    y_ -= 14;
+
+    // One pair of maps per person, so that a person's section stays one
+    // page: those of the longest recording, which shows the most cycles;
+    // every recording's own report has its maps at full size.
+    const SummaryEntry* shown = nullptr;
+    std::size_t with_maps = 0;
+    for (const SummaryEntry& e : p.entries) {
+      if (!e.error.empty() || (e.map3.empty() && e.map10.empty())) continue;
+      ++with_maps;
+      if (!shown || e.duration_seconds > shown->duration_seconds) shown = &e;
+    }
+
+    // The plot gives up height before the maps move to a page of their own.
+    const double room = y_ - kSectionBottom - kPlotFrame - (shown ? kMapBlock : 0);
+    if (room < kMinPlotHeight && !fits(kPlotFrame + kMinPlotHeight)) new_page(p, true);
+    const double height = std::clamp(room, kMinPlotHeight, kPlotHeight);
+    heading(c(), y_ - 14, "CVN (logpower)", "");
+    text_right(c(), kMuted, PdfFont::kRegular, 8, kRight, y_ - 14,
+               "one line per recording, coloured as in the table; a gap: no usable heart rate");
+    cvn_plot(c(), {kPlotLeft, y_ - 24 - height, kRight - kPlotLeft, height}, series, false,
+             "(no recording of this person gave a cycle value)");
+    y_ -= kPlotFrame + height;
+
+    if (!shown) return;
+    if (!fits(kMapBlock)) new_page(p, true);
+    maps(*shown, with_maps > 1);
+  }
+
+  std::string file() {
+    if (pages_.empty()) {
+      new_page({}, false);
+      c().text(kMuted, PdfFont::kRegular, 10, kLeft, y_ - 14, "(no recordings)");
+    }
+    // Objects as written: catalog, page tree, fonts, logo, then each page,
+    // its content and its two maps.
+    const bool with_logo = !r_.logo.empty();
+    std::vector<int> numbers;
+    int next = with_logo ? 6 : 5;
+    for (const SummaryPage& page : pages_) {
+      numbers.push_back(next);
+      next += page.maps ? 4 : 2;
+    }
+    std::string kids;
+    for (int n : numbers) kids += (kids.empty() ? "" : " ") + std::to_string(n) + " 0 R";
+    const std::string count = std::to_string(pages_.size());
+    std::vector<std::string> objects;
+    objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
+    objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + count + " >>");
+    // WinAnsi makes code 39 the straight quote the warning is written with
+    // (the standard encoding shows a curly one), so copied text matches it.
+    objects.push_back(kHelveticaWinAnsi);
+    objects.push_back(kHelveticaBoldWinAnsi);
+    if (with_logo) objects.push_back(pdf_jpeg_image_object(r_.logo));
+    for (std::size_t i = 0; i < pages_.size(); ++i) {
+      SummaryPage& page = pages_[i];
+      footer(page.canvas, static_cast<int>(i + 1), static_cast<int>(pages_.size()),
+             page.person.empty() ? r_.name : page.person);
+      const int n = numbers[i];
+      std::string images = with_logo ? " /Logo 5 0 R" : "";
+      if (page.maps)
+        images += " /ImA " + std::to_string(n + 2) + " 0 R /ImB " + std::to_string(n + 3) + " 0 R";
+      objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) +
+                        " " + pdf_number(kPageHeight) +
+                        "] /Resources << /Font << /F1 3 0 R /F2 4 0 R >>" +
+                        (images.empty() ? "" : " /XObject <<" + images + " >>") + " >> /Contents " +
+                        std::to_string(n + 1) + " 0 R >>");
+      objects.push_back(pdf_content_object(page.canvas.content()));
+      if (page.maps) {
+        objects.push_back(pdf_rgb_image_object(or_blank(page.maps->map3)));
+        objects.push_back(pdf_rgb_image_object(or_blank(page.maps->map10)));
+      }
+    }
+    return pdf_file(objects);
+  }
+
+ private:
+  PdfCanvas& c() { return pages_.back().canvas; }
+  bool fits(double height) const { return y_ - height >= kSectionBottom; }
+
+  static PdfImage or_blank(const PdfImage& image) {
+    return image.empty() ? pdf_image(RgbImage{1, 1, {255, 255, 255}}) : image;
+  }
+
+  void new_page(const SummaryPerson& p, bool continued) {
+    pages_.emplace_back();
+    pages_.back().person = p.name;
+    PdfCanvas& pc = c();
+    logo(pc, r_.logo, 812);
+    pc.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
+    std::string about = "Batch summary";
+    if (!r_.name.empty()) about += " \"" + r_.name + "\"";
+    about += ", created " + report_date(r_.created) + " - " + std::to_string(r_.persons.size()) +
+             (r_.persons.size() == 1 ? " person, " : " persons, ") + std::to_string(recordings_) +
+             (recordings_ == 1 ? " recording" : " recordings");
+    if (failed_) about += ", " + std::to_string(failed_) + " failed";
+    pc.text(kMuted, PdfFont::kRegular, kBodySize, kLeft, 770,
+            fit(about, PdfFont::kRegular, kBodySize, kRight - kLeft));
+    pc.line_width(1);
+    pc.line(kAccent, kLeft, 760, kRight, 760);
+    y_ = kSectionTop;
+    if (r_.persons.empty()) return;
+
+    const double x = kLeft + text_width(PdfFont::kBold, 13, "Name: ");
+    pc.text(kInk, PdfFont::kBold, 13, kLeft, y_ - 13, "Name:");
+    const std::string name = fit(p.name, PdfFont::kRegular, 13, 330);
+    pc.text(kInk, PdfFont::kRegular, 13, x, y_ - 13, name);
+    if (continued)
+      pc.text(kMuted, PdfFont::kRegular, kBodySize, x + text_width(PdfFont::kRegular, 13, name) + 6,
+              y_ - 13, "(continued)");
+    y_ -= kNameBlock;
+  }
+
+  void warning() {
+    constexpr double kBar = 3;
+    c().fill_rect(kWarningFill, kLeft, y_ - kWarningBlock + 6, kRight - kLeft, kWarningBlock - 6);
+    c().fill_rect(kError, kLeft, y_ - kWarningBlock + 6, kBar, kWarningBlock - 6);
+    double y = y_ - 14;
+    for (const char* line : kAgeSexWarning) {
+      c().text(kError, PdfFont::kRegular, 8.6, kLeft + 10, y, line);
+      y -= 11.5;
+    }
+    y_ -= kWarningBlock;
+  }
+
+  void table_head() {
+    y_ -= kTableRow;
+    c().fill_rect(kGrid, kLeft, y_, kRight - kLeft, kTableRow);
+    const double b = y_ + 4.5;
+    c().text(kInk, PdfFont::kBold, 9, kFileX, b, "Recording");
+    c().text(kInk, PdfFont::kBold, 9, kSourceX, b, "Source");
+    text_right(c(), kInk, PdfFont::kBold, 9, kDurationRight, b, "Duration");
+    text_right(c(), kInk, PdfFont::kBold, 9, kBeatsRight, b, "Beats");
+    text_right(c(), kInk, PdfFont::kBold, 9, kCvnRight, b, "Mean CVN");
+  }
+
+  void row(const SummaryEntry& e, int colour, const std::vector<std::string>& error, double height,
+           bool zebra) {
+    y_ -= height;
+    if (zebra) c().fill_rect(kZebra, kLeft, y_, kRight - kLeft, height);
+    const double b = y_ + height - kTableRow + 4.5;
+    if (colour >= 0) {
+      const PdfColor col = kSeriesColours[colour];
+      c().line_width(1.2);
+      c().line(col, kSwatchX, b + 3, kSwatchX + 14, b + 3);
+      c().fill_rect(col, kSwatchX + 5, b + 1, 4, 4);
+    }
+    c().text(kInk, PdfFont::kRegular, 9, kFileX, b,
+             fit(e.file, PdfFont::kRegular, 9, kSourceX - kFileX - 8));
+    if (!e.error.empty()) {
+      for (std::size_t i = 0; i < error.size(); ++i)
+        c().text(kError, PdfFont::kRegular, 9, kSourceX, b - kErrorLine * static_cast<double>(i),
+                 error[i]);
+      return;
+    }
+    c().text(kInk, PdfFont::kRegular, 9, kSourceX, b, e.rr_only ? "RR export (no ECG)" : "ECG");
+    text_right(c(), kInk, PdfFont::kRegular, 9, kDurationRight, b,
+               duration_text(e.duration_seconds));
+    text_right(c(), kInk, PdfFont::kRegular, 9, kBeatsRight, b, std::to_string(e.beats));
+    text_right(c(), kInk, PdfFont::kRegular, 9, kCvnRight, b,
+               std::isfinite(e.cvn_mean) ? fixed("%.3f", e.cvn_mean) : std::string("-"));
+  }
+
+  void maps(const SummaryEntry& e, bool others) {
+    pages_.back().maps = &e;
+    heading(c(), y_ - 14, "Time-frequency maps", "");
+    text_right(c(), kInk, PdfFont::kRegular, kBodySize, kRight, y_ - 14,
+               fit(e.file, PdfFont::kRegular, kBodySize, 260));
+    c().text(kMuted, PdfFont::kRegular, 8, kLeft, y_ - 28,
+             std::string("Green line: the expected breathing frequency. Grey: power below the "
+                         "age/sex reference level.") +
+                 (others ? " Other recordings: see their own reports." : ""));
+    double y = y_ - 40;
+    const std::pair<const char*, bool> maps[] = {
+        {"TFR - high time resolution", !e.map3.empty()},
+        {"TFR - high frequency resolution", !e.map10.empty()}};
+    const char* names[] = {"ImA", "ImB"};
+    for (int i = 0; i < 2; ++i) {
+      c().text(kInk, PdfFont::kBold, 9, kPlotLeft, y - 12, maps[i].first);
+      heat_map(c(), {kPlotLeft, y - 18 - kMapHeight, kMapRight - kPlotLeft, kMapHeight}, names[i],
+               maps[i].second, e.duration_seconds, r_.expected_freq);
+      y -= 18 + kMapHeight + 30;
+    }
+    y_ -= kMapBlock;
+  }
+
+  const SummaryReport& r_;
+  std::size_t recordings_ = 0, failed_ = 0;
+  std::vector<SummaryPage> pages_;
+  double y_ = kSectionTop;
+};
+
+}  // namespace
+
+std::string summary_report_pdf(const SummaryReport& r) {
+  SummaryWriter w(r);
+  for (const SummaryPerson& p : r.persons) w.person(p);
+  return w.file();
 }
 
 }  // namespace cvn

@@ -9,6 +9,7 @@
 #include "analysis/png.h"
 #include "base/recording.h"
 #include "reports/export_files.h"
+#include "reports/pdf.h"
 #include "reports/report_logo.h"
 
 namespace cvn {
@@ -23,6 +24,7 @@ struct RecordingReport {
   RgbImage tfr3, tfr10;             // heat-maps (3- and 10-cycle wavelets); empty: none
   double expected_freq = 0;         // Hz, labels the green line of the heat-maps
   double duration_seconds = 0;      // the heat-maps' time axis
+  bool rr_only = false;             // from an RR-interval export: there is no ECG
   ReportLogo logo;                  // empty: no logo
 };
 
@@ -31,26 +33,41 @@ struct RecordingReport {
 /// 1-10 in a fixed order, the logo as object 11 when there is one.
 std::string recording_report_pdf(const RecordingReport& report);
 
-/// One recording of a batch; `error` set means it failed and only the name
-/// and file are known.
+/// One recording of a batch as the summary shows it: the ExportResult
+/// fields of the same names, or only `file` and `error` when it failed.
 struct SummaryEntry {
-  std::string name;
-  std::string file;
+  std::string file;  // the recording's file name, as the user knows it
   double duration_seconds = 0;
   std::size_t beats = 0;
-  double cvn_mean = NAN;  // NaN: no cycle value
-  std::string error;
+  double cvn_mean = NAN;    // NaN: no cycle value
+  std::vector<double> cvn;  // one log-power value per cycle, NaN for none
+  PdfImage map3, map10;     // ExportResult::summary_map3 / _map10; empty: none
+  bool rr_only = false;     // read from an RR-interval export, no ECG
+  std::string error;        // set: the recording failed, in words a user can act on
+};
+
+/// One person (a batch group) and their recordings, failed ones included.
+struct SummaryPerson {
+  std::string name;  // the "Name:" line
+  std::vector<SummaryEntry> entries;
 };
 
 struct SummaryReport {
-  std::string name;          // the "Name:" line
+  std::string name;          // the batch, shown in the head of every page
   std::int64_t created = 0;  // unix seconds
-  std::vector<SummaryEntry> entries;
+  std::vector<SummaryPerson> persons;
+  /// False when the batch ran with one age and sex for everybody: each
+  /// person's section then warns that the grey reference level may be wrong.
+  bool age_sex_per_person = false;
+  double expected_freq = 0;  // Hz, labels the heat-maps' green line; 0: no label
   ReportLogo logo;
 };
 
-/// A table of the entries, one row each, over as many A4 pages as it needs
-/// (at least one), footed "Page n of N".
+/// The whole file. Each person starts a page: the "Name:" line, the
+/// recordings (a failed one with its error), their cycle values in one plot
+/// and the heat-maps of each recording with maps, one recording's pair per
+/// page as /ImA and /ImB; a long section continues on further pages. At
+/// least one page, each footed "Page n of N".
 std::string summary_report_pdf(const SummaryReport& report);
 
 }  // namespace cvn

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cmath>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include "analysis/heart_rate.h"
 #include "assets/assets.h"
 #include "reports/edf.h"
+#include "tests/reports/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -88,6 +90,34 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   EXPECT_NEAR(std::stod(table.back().substr(4)), sum / cycles.cvn.size(), 5e-5);
   EXPECT_EQ(table.back().back(), ',') << "the markers column stays, empty";
   EXPECT_NEAR(r.cvn_mean, sum / cycles.cvn.size(), 1e-12);
+  EXPECT_EQ(r.cvn, cycles.cvn);
+
+  // The batch summary's maps: each pixel the mean of the block of the full
+  // map it stands for, read back through zlib.
+  const RgbImage full = render_tfr(cycles, TfrWidth::kNarrow, 'M', in.age, true);
+  const PdfImage& small = r.summary_map3;
+  ASSERT_EQ(small.width, std::min(full.width, kSummaryMapWidth));
+  ASSERT_EQ(small.height, kSummaryMapHeight);
+  std::vector<std::uint8_t> rgb(static_cast<std::size_t>(small.width) * small.height * 3);
+  uLongf size = rgb.size();
+  ASSERT_EQ(uncompress(rgb.data(), &size, reinterpret_cast<const Bytef*>(small.zlib.data()),
+                       small.zlib.size()),
+            Z_OK);
+  ASSERT_EQ(size, rgb.size());
+  const int bw = full.width / small.width, bh = full.height / small.height;
+  ASSERT_EQ(bw * small.width, full.width) << "Sample 1 gives a whole factor";
+  for (int y = 0; y < small.height; ++y)
+    for (int x = 0; x < small.width; ++x)
+      for (int k = 0; k < 3; ++k) {
+        double sum = 0;
+        for (int sy = y * bh; sy < (y + 1) * bh; ++sy)
+          for (int sx = x * bw; sx < (x + 1) * bw; ++sx)
+            sum += full.rgb[(static_cast<std::size_t>(sy) * full.width + sx) * 3 + k];
+        ASSERT_NEAR(rgb[(static_cast<std::size_t>(y) * small.width + x) * 3 + k], sum / (bw * bh),
+                    0.5)
+            << x << "," << y << " channel " << k;
+      }
+  EXPECT_EQ(r.summary_map10.height, kSummaryMapHeight);
 
   // A second export of the same session never touches the first.
   const ExportResult again = write_export(in, dir / "exports");
@@ -106,6 +136,16 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
                                                "kubios_CVN_logpower.csv", "kubios_report.pdf"}));
   EXPECT_EQ(r.beats, 301u);
   EXPECT_GT(lines(test::slurp(r.folder + "/kubios_CVN_logpower.csv")).size(), 2u);
+  EXPECT_FALSE(r.summary_map3.empty());
+
+  // The report says where the beats came from: nobody can re-check them.
+  if (!test::have_tool("/usr/bin/pdftotext")) GTEST_SKIP() << "poppler-utils is not installed";
+  const test::ToolRun text =
+      test::run_tool({"/usr/bin/pdftotext", "-layout", r.folder + "/kubios_report.pdf", "-"});
+  ASSERT_EQ(text.status, 0) << text.err;
+  for (const char* t : {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
+    EXPECT_NE(text.out.find(t), std::string::npos) << t;
+  EXPECT_EQ(text.out.find("R-peaks"), std::string::npos);
 }
 
 TEST(WriteExport, FailuresNameThePathAndTheReason) {

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <regex>
+#include <set>
 
 #include "assets/assets.h"
 #include "base/files.h"
@@ -49,14 +50,31 @@ RecordingReport example_report() {
   return r;
 }
 
+SummaryEntry recording(const std::string& file, int cycles) {
+  SummaryEntry e;
+  e.file = file;
+  e.duration_seconds = cycles * 16.0;
+  e.beats = static_cast<std::size_t>(cycles) * 18;
+  for (int i = 0; i < cycles; ++i) e.cvn.push_back(11 + std::sin(i * 0.7));
+  e.cvn_mean = 11.25;
+  e.map3 = pdf_image(gradient(600, 160));
+  e.map10 = pdf_image(gradient(600, 160));
+  return e;
+}
+
+// Two persons, three recordings, one of them failed.
 SummaryReport example_summary() {
   SummaryReport s;
   s.name = "Ward (B) study";
   s.created = 1740920587;
-  for (int i = 0; i < 70; ++i)
-    s.entries.push_back({"Person " + std::to_string(i), "p" + std::to_string(i) + ".txt", 600.0 + i,
-                         static_cast<std::size_t>(700 + i), 4.25 + i * 0.001, ""});
-  s.entries[5].error = "Could not read p5.txt: Permission denied";
+  SummaryEntry failed;
+  failed.file = "a2.txt";
+  failed.error = "Could not read a2.txt: Permission denied";
+  SummaryEntry rr = recording("ben_hrv.csv", 20);
+  rr.rr_only = true;
+  s.persons = {{"Anna B", {recording("a1.txt", 14), failed}}, {"Ben C", {rr}}};
+  s.expected_freq = 0.0625;
+  s.logo = bundled_logo();
   return s;
 }
 
@@ -149,8 +167,14 @@ TEST_F(ReportPdf, PdftotextFindsEveryText) {
         "Page 1 of 2",
         "Page 2 of 2"}},
       {summary(),
-       {"Corvane Live - report", "Name: Ward (B) study", "CVN (logpower)", "Person 0", "p69.txt",
-        "4.319", "Could not read p5.txt: Permission denied", "Page 1 of 2", "Page 2 of 2"}},
+       {"Corvane Live - report", "Ward (B) study", "Name: Anna B", "Name: Ben C", "a1.txt",
+        "3:44 min", "252", "11.250", "Could not read a2.txt: Permission denied", "ben_hrv.csv",
+        "RR export (no ECG)", "CVN (logpower)", "Cycles", "0.0625 Hz",
+        "Batch processing: age & sex were not set per person, so the age/sex-normalised level\n"
+        "may be inaccurate - the red/grey colour thresholds below should be ignored. For an\n"
+        "interpretable report, use 'Import folder' and set the correct age and sex for this "
+        "person.",
+        "Page 1 of 2", "Page 2 of 2"}},
   };
   for (const auto& [file, texts] : cases) {
     test::ToolRun r = run_tool({"/usr/bin/pdftotext", file, "-"});
@@ -159,18 +183,52 @@ TEST_F(ReportPdf, PdftotextFindsEveryText) {
   }
 }
 
-TEST_F(ReportPdf, PdfimagesListsTwoRgbMapsAndTheJpegLogo) {
-  test::ToolRun r = run_tool({"/usr/bin/pdfimages", "-list", report()});
-  ASSERT_EQ(r.status, 0) << r.err;
+TEST_F(ReportPdf, PdfimagesListsTheMapsAndTheJpegLogo) {
   // page num type width height color comp bpc enc ...
-  std::regex row(R"(\n +(\d) +\d+ +image +(\d+) +(\d+) +(\w+) +(\d) +8 +(\w+))");
-  std::vector<std::string> seen;
-  for (std::sregex_iterator it(r.out.begin(), r.out.end(), row), end; it != end; ++it)
-    seen.push_back((*it)[1].str() + " " + (*it)[2].str() + "x" + (*it)[3].str() + " " +
-                   (*it)[4].str() + " " + (*it)[6].str());
-  EXPECT_EQ(seen, (std::vector<std::string>{"1 600x150 rgb jpeg", "2 600x150 rgb jpeg",
-                                            "2 300x320 rgb image", "2 300x320 rgb image"}))
-      << r.out;
+  const std::regex row(R"(\n +(\d) +\d+ +image +(\d+) +(\d+) +(\w+) +(\d) +8 +(\w+))");
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {report(),
+       {"1 600x150 rgb jpeg", "2 600x150 rgb jpeg", "2 300x320 rgb image", "2 300x320 rgb image"}},
+      // Each person's page carries that person's two maps.
+      {summary(),
+       {"1 600x150 rgb jpeg", "1 600x160 rgb image", "1 600x160 rgb image", "2 600x150 rgb jpeg",
+        "2 600x160 rgb image", "2 600x160 rgb image"}},
+  };
+  for (const auto& [file, expected] : cases) {
+    test::ToolRun r = run_tool({"/usr/bin/pdfimages", "-list", file});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> seen;
+    for (std::sregex_iterator it(r.out.begin(), r.out.end(), row), end; it != end; ++it)
+      seen.push_back((*it)[1].str() + " " + (*it)[2].str() + "x" + (*it)[3].str() + " " +
+                     (*it)[4].str() + " " + (*it)[6].str());
+    EXPECT_EQ(seen, expected) << r.out;
+  }
+}
+
+// A person per page, a long list continued on the next, and every page's
+// maps under the names /ImA and /ImB of its own resources.
+TEST_F(ReportPdf, SummaryOfTwelvePersonsBreaksPages) {
+  SummaryReport s = example_summary();
+  s.age_sex_per_person = true;
+  s.persons.clear();
+  for (int i = 1; i <= 12; ++i)
+    s.persons.push_back({"Person " + std::to_string(i), {recording("p.txt", 10 + i)}});
+  for (int i = 0; i < 40; ++i) s.persons[2].entries.push_back(recording("more.txt", 30));
+  const std::string pdf = summary_report_pdf(s);
+  const std::string file = *dir_ / "twelve.pdf";
+  ASSERT_EQ(write_file_checked(file, pdf), "");
+  EXPECT_EQ(run_tool({"/usr/bin/qpdf", "--check", file}).status, 0);
+  const std::regex maps(R"(/XObject << /Logo 5 0 R /ImA (\d+) 0 R /ImB (\d+) 0 R >>)");
+  std::set<std::string> images;  // object numbers, distinct across pages
+  for (std::sregex_iterator it(pdf.begin(), pdf.end(), maps), end; it != end; ++it) {
+    images.insert((*it)[1].str());
+    images.insert((*it)[2].str());
+  }
+  EXPECT_EQ(images.size(), 24u);
+  test::ToolRun text = run_tool({"/usr/bin/pdftotext", file, "-"});
+  for (const char* t : {"Name: Person 3 (continued)", "Name: Person 12", "Page 13 of 13"})
+    EXPECT_NE(text.out.find(t), std::string::npos) << t;
+  EXPECT_EQ(text.out.find("Batch processing"), std::string::npos);
 }
 
 TEST_F(ReportPdf, PdftoppmRendersWithoutAWarning) {
