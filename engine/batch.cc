@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "analysis/cycles.h"
 #include "base/files.h"
 #include "base/recording.h"
 #include "engine/import.h"
@@ -115,6 +116,9 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
   item.beats = r.beats;
   item.duration_seconds = r.duration_seconds;
   item.cvn_mean = r.cvn_mean;
+  item.cvn = std::move(r.cvn);
+  item.map3 = std::move(r.summary_map3);
+  item.map10 = std::move(r.summary_map10);
   return item;
 }
 
@@ -215,9 +219,24 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
                      : std::filesystem::path(request.folder).filename().string();
   summary.created = static_cast<std::int64_t>(std::time(nullptr));
   summary.logo = logo;
-  for (const BatchItem& item : out.items)
-    summary.entries.push_back(
-        {item.person, item.file, item.duration_seconds, item.beats, item.cvn_mean, item.error});
+  summary.age_sex_per_person = request.settings.per_person;
+  summary.expected_freq = expected_frequency(request.settings.cycle_seconds);
+  // Persons in the order they were listed; their recordings in file order.
+  for (BatchItem& item : out.items) {
+    if (summary.persons.empty() || summary.persons.back().name != item.person)
+      summary.persons.push_back({item.person, {}});
+    SummaryEntry e;
+    e.file = item.file;
+    e.duration_seconds = item.duration_seconds;
+    e.beats = item.beats;
+    e.cvn_mean = item.cvn_mean;
+    e.cvn = std::move(item.cvn);
+    e.map3 = std::move(item.map3);
+    e.map10 = std::move(item.map10);
+    e.rr_only = item.rr_only;
+    e.error = item.error;
+    summary.persons.back().entries.push_back(std::move(e));
+  }
   const std::string summary_name = sanitize_file_name(summary.name, "batch") + "_" +
                                    file_time_stamp(summary.created) + "_summary_report.pdf";
   std::string error =

@@ -2,11 +2,13 @@
 // exports) into per-recording export folders and one summary report, without
 // replaying anything. Runs beside a live or replayed session.
 #pragma once
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "reports/pdf.h"
 #include "reports/report_logo.h"
 
 namespace cvn {
@@ -57,7 +59,9 @@ struct BatchItem {
   bool rr_only = false;       // a Kubios RR export: no ECG
   std::size_t beats = 0;
   double duration_seconds = 0;
-  double cvn_mean = 0;  // NaN when no cycle has a value
+  double cvn_mean = NAN;    // NaN when no cycle has a value
+  std::vector<double> cvn;  // per cycle
+  PdfImage map3, map10;     // the heat-maps, small, for the summary
 };
 
 struct BatchOutcome {
