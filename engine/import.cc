@@ -89,7 +89,8 @@ std::vector<double> read_kubios_rr(std::string_view text) {
     if (n < 3) continue;
     double beat_time, interval;
     if (read_number(cells[1], &beat_time) && read_number(cells[2], &interval)) {
-      rr.push_back(interval);
+      // "nan" and "inf" read as numbers, but no heart beats in them.
+      if (std::isfinite(interval) && interval > 0) rr.push_back(interval);
     } else if (!rr.empty() && cells[1].empty() && cells[2].empty()) {
       break;  // the RR column has ended; the ECG columns may run on
     }

@@ -26,9 +26,9 @@ inline constexpr std::size_t kMinKubiosBeats = 3;
 bool looks_like_kubios(std::string_view text);
 
 /// The RR column (seconds, as written) of a Kubios export: rows after the
-/// "RR INTERVAL DATA" line whose second and third cells are both numbers;
-/// the first row of empty cells after the data ends the table. Empty when
-/// there is no such table.
+/// "RR INTERVAL DATA" line whose second and third cells are both numbers
+/// (an interval that is not finite and positive is skipped); the first row of
+/// empty cells after the data ends the table. Empty when there is no table.
 std::vector<double> read_kubios_rr(std::string_view text);
 
 /// The name an upload goes by in file names: `file_name` without its

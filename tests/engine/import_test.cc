@@ -72,7 +72,7 @@ TEST(Kubios, ReadsTheRrColumnWhereverTheOtherColumnsEnd) {
   EXPECT_EQ(read_kubios_rr(test::kubios_export({0.8, 0.9})).size(), 2u);  // too few for a report
   EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());         // no table title
   // A cell must be a whole number: "0.8 s" is a header, not a beat.
-  EXPECT_TRUE(read_kubios_rr("RR INTERVAL DATA\n,1,0.8 s\n,x,0.8\n").empty());
+  EXPECT_TRUE(read_kubios_rr("RR INTERVAL DATA\n,1,0.8 s\n,x,0.8\n,2,nan\n,3,-1\n").empty());
 }
 
 TEST(ImportName, ExtensionDroppedAndSanitised) {
