@@ -9,7 +9,7 @@ test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev pngcheck curl
            libedf-dev python3-mne qpdf poppler-utils clang libclang-rt-14-dev)
 # The Windows cross-build and its smoke test under Wine (make windows,
 # tools/wine_smoke.sh); not needed for everyday work.
-windows_pkgs=(cmake make python3 zip curl g++-mingw-w64-x86-64-posix wine64 wine)
+windows_pkgs=(cmake make python3 zip curl qpdf g++-mingw-w64-x86-64-posix wine64 wine)
 
 case "${1:-build}" in
   build) want=("${build_pkgs[@]}") ;;

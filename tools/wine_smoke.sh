@@ -114,9 +114,14 @@ tfr_done() { json /tfr_status 'd["status"] == "done"'; }
 tfr() { json /tfr 'd["ok"]' && poll "$kTfrSeconds" tfr_done; }
 check "/tfr ends done" tfr
 
-# --- Export: /export and its files are checked here once the export job
-# --- exists (poll /status until export_status is "done", then look into
-# --- $data/exports).
+export_done() { json /export_status 'd["status"] == "done"'; }
+exported() {
+  json /export 'd == {"ok": True, "status": "exporting"}' && poll "$kTfrSeconds" export_done || return 1
+  local pdf
+  pdf=$(ls "$data"/exports/*_export/*_report.pdf 2>/dev/null | head -1)
+  [ -n "$pdf" ] && [ "$(ls "$(dirname "$pdf")" | wc -l)" -eq 6 ] && qpdf --check "$pdf" >/dev/null
+}
+check "/export writes six files and a report that passes qpdf --check" exported
 
 log_lines() {
   # Written in text mode: CRLF line ends on Windows.
