@@ -13,7 +13,7 @@ namespace cvn {
 inline constexpr int kDefaultPort = 8000;
 /// The first port and the 49 above it are tried, no wrap-around.
 inline constexpr int kPortTries = 50;
-inline constexpr int kListenBacklog = 32;
+inline constexpr int kListenBacklog = 128;
 
 /// Reads an environment variable; nullptr when it is not set.
 using EnvLookup = std::function<const char*(const char*)>;

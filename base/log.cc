@@ -5,6 +5,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "base/local_time.h"
+
 namespace cvn {
 
 namespace {
@@ -31,17 +33,8 @@ std::string log_path() {
 void logLine(std::string_view message) {
   std::FILE* f = std::fopen(log_path().c_str(), "a");
   if (!f) return;
-  std::time_t now = std::time(nullptr);
-  std::tm local{};
-#ifdef _WIN32
-  localtime_s(&local, &now);
-#else
-  localtime_r(&now, &local);
-#endif
-  char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%H:%M:%S", &local);
   // One write per line keeps lines from concurrent threads whole in append mode.
-  std::string line = std::string(stamp) + "  [BLE] ";
+  std::string line = format_local_time(std::time(nullptr), "%H:%M:%S") + "  [BLE] ";
   line.append(message);
   line.push_back('\n');
   std::fwrite(line.data(), 1, line.size(), f);

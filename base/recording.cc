@@ -8,6 +8,8 @@
 #include <limits>
 #include <sstream>
 
+#include "base/local_time.h"
+
 namespace cvn {
 
 namespace {
@@ -34,17 +36,6 @@ bool parse_sample(std::string_view line, double* out) {
   if (end == copy.c_str() || (errno == ERANGE && std::isinf(v))) return false;
   *out = v;
   return true;
-}
-
-std::tm local_time(std::int64_t t) {
-  std::time_t tt = static_cast<std::time_t>(t);
-  std::tm tm{};
-#ifdef _WIN32
-  localtime_s(&tm, &tt);
-#else
-  localtime_r(&tt, &tm);
-#endif
-  return tm;
 }
 
 }  // namespace
@@ -166,10 +157,7 @@ std::string short_number(double v) {
 }
 
 std::string file_time_stamp(std::int64_t unix_seconds) {
-  std::tm tm = local_time(unix_seconds);
-  char buf[32];
-  std::strftime(buf, sizeof buf, "%Y%m%d-%H%M%S", &tm);
-  return buf;
+  return format_local_time(unix_seconds, "%Y%m%d-%H%M%S");
 }
 
 }  // namespace cvn

@@ -69,28 +69,28 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
                   const ReportLogo& logo) {
   BatchItem item;
   item.person = job.group->name;
-  item.file = job.file->name;
+  item.entry.file = job.file->name;
   std::optional<std::string> text = read_file(job.file->path);
   if (!text) {
-    item.error = "Could not read the file.";
+    item.entry.error = "Could not read the file.";
     return item;
   }
   ExportInput in;
   if (looks_like_kubios(*text)) {
     in.rr_seconds = read_kubios_rr(*text);
-    item.rr_only = true;
+    item.entry.rr_only = true;
     if (in.rr_seconds.size() < kMinKubiosBeats) {
-      item.error = "This looks like a Kubios file but no RR-interval column was found.";
+      item.entry.error = "This looks like a Kubios file but no RR-interval column was found.";
       return item;
     }
   } else {
     in.samples = resample(read_recording(*text), settings.sample_rate);
     if (in.samples.size() < kMinImportSamples) {
-      item.error = in.samples.empty()
-                       ? "Not a recording: no samples in it."
-                       : "Too short to analyse: " + std::to_string(in.samples.size()) +
-                             " samples, at least " + std::to_string(kMinImportSamples) +
-                             " (3 s) needed.";
+      item.entry.error = in.samples.empty()
+                             ? "Not a recording: no samples in it."
+                             : "Too short to analyse: " + std::to_string(in.samples.size()) +
+                                   " samples, at least " + std::to_string(kMinImportSamples) +
+                                   " (3 s) needed.";
       return item;
     }
     if (std::optional<std::string> m = read_file(markers_path(job.file->path)))
@@ -108,17 +108,17 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
   in.age = settings.age;
   in.logo = logo;
   ExportResult r = write_export(in, exports);
-  item.error = r.error;
+  item.entry.error = r.error;
   item.export_folder = r.folder;
   for (const std::string& f : r.files)
     if (f.ends_with("_report.pdf"))
       item.report = std::filesystem::path(r.folder).filename().string() + "/" + f;
-  item.beats = r.beats;
-  item.duration_seconds = r.duration_seconds;
-  item.cvn_mean = r.cvn_mean;
-  item.cvn = std::move(r.cvn);
-  item.map3 = std::move(r.summary_map3);
-  item.map10 = std::move(r.summary_map10);
+  item.entry.beats = r.beats;
+  item.entry.duration_seconds = r.duration_seconds;
+  item.entry.cvn_mean = r.cvn_mean;
+  item.entry.cvn = std::move(r.cvn);
+  item.entry.map3 = std::move(r.summary_map3);
+  item.entry.map10 = std::move(r.summary_map10);
   return item;
 }
 
@@ -206,7 +206,7 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
 
   std::size_t written = 0, failed = 0;
   for (const BatchItem& item : out.items) {
-    if (!item.error.empty()) {
+    if (!item.entry.error.empty()) {
       ++failed;
       continue;
     }
@@ -225,17 +225,10 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   for (BatchItem& item : out.items) {
     if (summary.persons.empty() || summary.persons.back().name != item.person)
       summary.persons.push_back({item.person, {}});
-    SummaryEntry e;
-    e.file = item.file;
-    e.duration_seconds = item.duration_seconds;
-    e.beats = item.beats;
-    e.cvn_mean = item.cvn_mean;
-    e.cvn = std::move(item.cvn);
-    e.map3 = std::move(item.map3);
-    e.map10 = std::move(item.map10);
-    e.rr_only = item.rr_only;
-    e.error = item.error;
-    summary.persons.back().entries.push_back(std::move(e));
+    summary.persons.back().entries.push_back(item.entry);
+    // The pictures have served; the status the page polls stays small.
+    item.entry.map3 = {};
+    item.entry.map10 = {};
   }
   const std::string summary_name = sanitize_file_name(summary.name, "batch") + "_" +
                                    file_time_stamp(summary.created) + "_summary_report.pdf";

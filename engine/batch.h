@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "reports/pdf.h"
+#include "reports/report.h"
 #include "reports/report_logo.h"
 
 namespace cvn {
@@ -52,16 +52,9 @@ std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
 /// How one recording ended.
 struct BatchItem {
   std::string person;
-  std::string file;
-  std::string error;          // empty when it was written
+  SummaryEntry entry;         // file, error (empty when written) and what the summary shows
   std::string export_folder;  // where its outputs went
   std::string report;         // its PDF report, relative to the exports folder
-  bool rr_only = false;       // a Kubios RR export: no ECG
-  std::size_t beats = 0;
-  double duration_seconds = 0;
-  double cvn_mean = NAN;    // NaN when no cycle has a value
-  std::vector<double> cvn;  // per cycle
-  PdfImage map3, map10;     // the heat-maps, small, for the summary
 };
 
 struct BatchOutcome {

@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "base/byte_order.h"
+#include "base/local_time.h"
 #include "reports/export_files.h"
 
 namespace cvn {
@@ -30,17 +31,6 @@ std::string text(const char* fmt, long long v) {
   char buf[32];
   std::snprintf(buf, sizeof buf, fmt, v);
   return buf;
-}
-
-std::tm local_time(std::int64_t unix_seconds) {
-  std::time_t t = static_cast<std::time_t>(unix_seconds);
-  std::tm tm{};
-#ifdef _WIN32
-  localtime_s(&tm, &t);
-#else
-  localtime_r(&t, &tm);
-#endif
-  return tm;
 }
 
 // The annotation text of every record: the record's time-keeping entry, then

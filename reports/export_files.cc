@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "base/local_time.h"
+
 namespace cvn {
 namespace {
 
@@ -172,16 +174,7 @@ std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marke
 }
 
 std::string report_date(std::int64_t unix_seconds) {
-  char date[32] = "";
-  std::time_t t = static_cast<std::time_t>(unix_seconds);
-  std::tm local{};
-#ifdef _WIN32
-  localtime_s(&local, &t);
-#else
-  localtime_r(&t, &local);
-#endif
-  std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
-  return date;
+  return format_local_time(unix_seconds, "%Y-%m-%d %H:%M");
 }
 
 std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {

@@ -186,9 +186,9 @@ Response batch_status(const ServerContext& c, const Request&) {
     body += "],\"folder\":" + json_text(o.folder) + ",\"failed\":[";
     bool first = true;
     for (const BatchItem& item : o.items) {
-      if (item.error.empty()) continue;
-      body += (first ? "{\"file\":" : ",{\"file\":") + json_text(item.file) +
-              ",\"error\":" + json_text(item.error) + "}";
+      if (item.entry.error.empty()) continue;
+      body += (first ? "{\"file\":" : ",{\"file\":") + json_text(item.entry.file) +
+              ",\"error\":" + json_text(item.entry.error) + "}";
       first = false;
     }
     body += "]}";
