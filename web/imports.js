@@ -13,6 +13,7 @@ const kBatchPollMs = 500;
 const kRetryMs = 1500;        // after a status request that got no answer
 const kIdlePolls = 20;        // a batch still "idle" after this many polls did not start
 const kSkippedShown = 12;     // skipped files listed by name; the rest are counted
+const kPersonsShown = 8;      // persons named in the summary; the rest are counted
 
 let ctx = null;               // {sessionParams(), speed(), started(speed), refresh()}
 let run = 0;                  // every flow has a number; late answers of an old one are dropped
@@ -73,6 +74,7 @@ function openDialog(title) {
   clearTimeout(pollTimer);
   run++;
   cancelled = false;
+  setPhase('idle');
   setText($('flowTitle'), title);
   setFacts([]);
   setText($('flowWhat'), '');
@@ -171,7 +173,10 @@ function follow(id) {
 
 function finished(d) {
   const res = d.result && typeof d.result === 'object' ? d.result : {};
-  const reports = Array.isArray(res.reports) ? res.reports.map(String) : [];
+  // The summary is the document people open first.
+  const isSummary = (r) => r.endsWith('_summary_report.pdf');
+  const all = Array.isArray(res.reports) ? res.reports.map(String) : [];
+  const reports = [...all.filter(isSummary), ...all.filter((r) => !isSummary(r))];
   const failed = Array.isArray(res.failed) ? res.failed : [];
   setPhase('end');
   show($('flowProgress'), false);
@@ -183,6 +188,7 @@ function finished(d) {
   setText($('flowFolder'), res.folder || '');
   show($('flowFolder'), reports.length > 0 && !!res.folder);
   fillList($('flowReports'), reports);
+  $('flowReports').querySelectorAll('li').forEach((li, i) => li.classList.toggle('summary', isSummary(reports[i])));
   show($('flowFailed'), failed.length > 0);
   setText($('flowFailedTitle'), countText(failed.length, 'file', 'files') + ' could not be processed:');
   fillList($('flowFailedList'), failed.map((f) => [String(f.file || ''), String(f.error || '')]));
@@ -274,7 +280,9 @@ async function chooseFolder(list, single) {
   if (single) {
     facts.push(['Person', personText(p, top)]);
   } else {
-    facts.push(['Persons', plan.persons.map((x) => x.name + ': ' + countText(x.count, 'recording', 'recordings')).join(' · ')]);
+    const named = plan.persons.slice(0, kPersonsShown).map((x) => x.name + ': ' + countText(x.count, 'recording', 'recordings'));
+    if (plan.persons.length > kPersonsShown) named.push('and ' + (plan.persons.length - kPersonsShown) + ' more');
+    facts.push(['Persons', named.join(' · ')]);
   }
   setFacts(facts);
   const describe = () => {
@@ -339,6 +347,7 @@ function secondary() {
     run++;
     setPhase('idle');
   }
+  show($('flowShow'), phase === 'process' || phase === 'end');
   dialog().close();
 }
 
@@ -366,7 +375,6 @@ export function initImports(c) {
   $('flowCancel').addEventListener('click', secondary);
   // Escape does what the dialog's left button says.
   dialog().addEventListener('cancel', (e) => { e.preventDefault(); secondary(); });
-  dialog().addEventListener('close', () => show($('flowShow'), phase === 'process' || phase === 'end'));
   $('flowShow').addEventListener('click', () => {
     show($('flowShow'), false);
     dialog().showModal();
