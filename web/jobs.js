@@ -21,6 +21,7 @@ function showExport(state, title, detail) {
   box.dataset.state = state;
   $('exportTitle').textContent = title;
   $('exportProgress').hidden = state !== 'busy';
+  $('exportDismiss').hidden = state === 'busy';
   const folder = $('exportFolder'), files = $('exportFiles'), why = $('exportError');
   folder.textContent = '';
   files.textContent = '';
@@ -152,6 +153,7 @@ async function startTfr() {
 
 export function initJobs() {
   $('saveBtn').addEventListener('click', startExport);
+  $('exportDismiss').addEventListener('click', () => { $('exportBox').hidden = true; });
   $('tfrBtn').addEventListener('click', startTfr);
 }
 

@@ -4,6 +4,8 @@
 import { api } from './api.js';
 import { unlockAudio } from './audio.js';
 import { breathingPeriod, cycleText } from './format.js';
+import { initImports } from './imports.js';
+import { importRate } from './importplan.js';
 import { $, kNotYet, setNote } from './ui.js';
 
 let source = 'live';
@@ -19,7 +21,9 @@ function sessionParams() {
     outdur: $('outdur').value,
     sex: $('sex').value,
     age: $('age').value,
-    fs: $('fs').value,
+    // An out-of-range rate would leave the program on the last one it took,
+    // not on the one the import dialog named.
+    fs: String(importRate($('fs').value)),
   };
 }
 
@@ -123,96 +127,6 @@ async function loadRecordings() {
   if (!any) sel.add(new Option('No recordings yet', ''));
 }
 
-// ---------- import and batch ----------
-
-const kBatchPollMs = 1000;
-const kBatchIdlePolls = 15;  // a batch still "idle" after this many polls did not start
-let batchTimer = 0;
-let batchIdlePolls = 0;
-let batchRetryMs = 1500;     // after a failed status request
-
-const importNote = (text, kind) => setNote($('importNote'), text, kind);
-
-function pollBatch(delay, fresh = true) {
-  clearTimeout(batchTimer);
-  if (fresh) batchIdlePolls = 0;
-  batchTimer = setTimeout(async () => {
-    const r = await api('/batch_status');
-    if (r.missing) return importNote(kNotYet.batch, 'err');
-    if (!r.data) return pollBatch(batchRetryMs, false);
-    const d = r.data;
-    if (d.status === 'running') {
-      let t = d.msg || 'Processing…';
-      if (d.total) t += ' — ' + d.done + '/' + d.total + ' files';
-      importNote(t);
-      return pollBatch(kBatchPollMs, false);
-    }
-    if (d.status === 'done') {
-      importNote('✓ ' + (d.msg || 'Done.'), 'ok');
-      loadRecordings();
-    } else if (d.status === 'error') {
-      importNote(d.msg || 'Batch failed.', 'err');
-    } else if (++batchIdlePolls > kBatchIdlePolls) {
-      importNote('The batch did not start.', 'err');
-    } else {
-      pollBatch(kBatchPollMs, false);
-    }
-  }, delay);
-}
-
-async function importFile(ev) {
-  const f = ev.target.files && ev.target.files[0];
-  if (!f) return;
-  importNote('Importing ' + f.name + '…');
-  let body;
-  try { body = await f.arrayBuffer(); } catch (e) { return importNote('Could not read that file.', 'err'); }
-  const r = await api('/import', { fname: f.name, speed, ...sessionParams() }, { method: 'POST', body });
-  if (r.missing) return importNote(kNotYet.import, 'err');
-  const d = r.data;
-  if (!d || !d.ok) return importNote((d && d.note) || 'Could not import that file.', 'err');
-  if (d.kubios) {
-    importNote('Processing Kubios RR (' + d.beats + ' beats)…');
-    batchRetryMs = 1200;
-    return pollBatch(kBatchPollMs);
-  }
-  importNote('');
-  onStarted(speed);
-}
-
-function recordingsIn(files) {
-  return Array.from(files || []).filter((f) => {
-    const n = f.name.toLowerCase();
-    return (n.endsWith('.txt') || n.endsWith('.csv')) && !n.endsWith('hrv.txt');
-  });
-}
-
-async function uploadFolder(files, mode) {
-  const picked = recordingsIn(files);
-  if (!picked.length) return importNote('No recordings (.txt raw ECG or .csv Kubios) found in that folder.', 'err');
-  const missingText = mode === 'single' ? kNotYet.import : kNotYet.batch;
-  const first = await api('/batch_new');
-  if (first.missing) return importNote(missingText, 'err');
-  if (!first.data || !first.data.ok) return importNote('Could not start.', 'err');
-  const top = (picked[0].webkitRelativePath || picked[0].name).split('/')[0];
-  for (let i = 0; i < picked.length; i++) {
-    const f = picked[i];
-    importNote('Uploading… ' + (i + 1) + '/' + picked.length);
-    const parts = (f.webkitRelativePath || f.name).split('/');
-    const rel = parts.length > 1 ? parts.slice(1).join('/') : parts[0];
-    let body;
-    try { body = await f.arrayBuffer(); } catch (e) { return importNote('Could not read ' + f.name + '.', 'err'); }
-    const up = await api('/batch_upload', { rel }, { method: 'POST', body });
-    if (up.missing) return importNote(missingText, 'err');
-    if (!up.data || !up.data.ok) return importNote('Could not upload ' + rel + '.', 'err');
-  }
-  const run = await api('/batch_run', { mode, ...(mode === 'single' ? { batchname: top } : {}), ...sessionParams() });
-  if (run.missing) return importNote(missingText, 'err');
-  if (!run.data || !run.data.ok) return importNote((run.data && run.data.reason) || 'Could not start.', 'err');
-  importNote('Processing…');
-  batchRetryMs = 1500;
-  pollBatch(kBatchPollMs);
-}
-
 // ---------- start ----------
 
 async function start() {
@@ -250,14 +164,7 @@ export function initSetup(started) {
   document.querySelectorAll('#sourceSwitch button').forEach((b) => b.addEventListener('click', () => setSource(b.dataset.src)));
   document.querySelectorAll('#speedSwitch button').forEach((b) => b.addEventListener('click', () => setSpeed(+b.dataset.speed)));
   $('scanBtn').addEventListener('click', scan);
-  // The click is the last user gesture before a raw import opens the live
-  // screen, so sound is unlocked here.
-  $('importFileBtn').addEventListener('click', () => { unlockAudio(); $('importFile').value = ''; $('importFile').click(); });
-  $('importFolderBtn').addEventListener('click', () => { $('importFolder').value = ''; $('importFolder').click(); });
-  $('batchBtn').addEventListener('click', () => { $('batchFolder').value = ''; $('batchFolder').click(); });
-  $('importFile').addEventListener('change', importFile);
-  $('importFolder').addEventListener('change', (ev) => uploadFolder(ev.target.files, 'single'));
-  $('batchFolder').addEventListener('change', (ev) => uploadFolder(ev.target.files, 'batch'));
+  initImports({ sessionParams, speed: () => speed, started: (v) => onStarted(v), refresh: loadRecordings });
   $('startBtn').addEventListener('click', start);
   setSource('live');
   setSpeed(2);

@@ -26,8 +26,6 @@ export function toast(text) {
 
 /** Texts the page shows when this build of the program lacks a route. */
 export const kNotYet = {
-  import: 'Import is not available in this version yet.',
-  batch: 'Batch processing is not available in this version yet.',
   tfr: 'TFR is not available in this version yet.',
   scan: 'Scanning is not available in this version yet.',
 };

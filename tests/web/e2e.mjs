@@ -246,10 +246,6 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   await done();
 });
 
-// The routes below come with a later version of the program; the test answers
-// them itself, first as a build without them (bare 404), then as they will.
-const LATER = ['/import', '/batch_new', '/batch_upload', '/batch_run', '/batch_status', '/export', '/export_status'];
-
 function tempTree(files) {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'cvn-web-'));
   for (const [rel, body] of Object.entries(files)) {
@@ -264,108 +260,147 @@ async function choose(page, button, files) {
   await chooser.setFiles(files);
 }
 
-test('a build without import, batch and export says so in plain words', async () => {
-  const { page, calls, done } = await openPage(1024, 768, (p) => LATER.includes(p));
-  await page.route((u) => LATER.includes(u.pathname), (r) => r.fulfill({ status: 404, body: '' }));
-  const tree = tempTree({ 'study/p1/rec.txt': '1\n2\n3\n', 'notes/readme.md': 'x', 'notes/x_HRV.txt': '1\n' });
-  try {
-    await page.click('#sourceSwitch >> text=Open a recording');
-    await choose(page, '#importFileBtn', path.join(tree, 'study/p1/rec.txt'));
-    await waitText(page, '#importNote', /^Import is not available in this version yet\.$/);
-    await choose(page, '#batchBtn', path.join(tree, 'notes'));
-    await waitText(page, '#importNote', /^No recordings \(\.txt raw ECG or \.csv Kubios\) found in that folder\.$/);
-    await choose(page, '#importFolderBtn', path.join(tree, 'study'));
-    await waitText(page, '#importNote', /^Import is not available in this version yet\.$/);
-    assert.equal(calls('/batch_upload').length, 0);
-  } finally {
-    fs.rmSync(tree, { recursive: true, force: true });
+// Real ECG for the uploads: the first `seconds` of a bundled sample, at
+// `fs` samples per second (linear interpolation from its 130).
+const kSample = fs.readFileSync(new URL('../../assets/Sample 1.txt', import.meta.url), 'utf8').trim().split('\n').map(Number);
+function sampleEcg(seconds, fs) {
+  const out = [];
+  for (let i = 0; i < seconds * fs; i++) {
+    const t = (i / fs) * 130, k = Math.floor(t), f = t - k;
+    out.push(Math.round((1 - f) * kSample[k] + f * kSample[k + 1]));
   }
+  return out.join('\n') + '\n';
+}
 
+// A Kubios RR export as its table looks: a header row, then index, time, RR.
+function kubiosRr(beats) {
+  const rows = ['Kubios HRV Standard,,', 'RR INTERVAL DATA,,', 'Index,Time (s),RR (s)'];
+  let t = 0;
+  for (let i = 0; i < beats; i++) {
+    const rr = 0.85 + 0.08 * Math.sin((2 * Math.PI * t) / 16);
+    t += rr;
+    rows.push(`${i + 1},${t.toFixed(3)},${rr.toFixed(3)}`);
+  }
+  return rows.join('\r\n') + '\r\n';
+}
+
+const waitFlow = (page, phase, timeout = 60000) =>
+  page.waitForSelector(`#flow[data-phase="${phase}"]`, { state: 'attached', timeout });
+const listed = (page, sel) => page.$$eval(sel + ' li', (l) => l.map((e) => e.textContent));
+
+test('export of a short replay: its folder and the six files', async () => {
+  const { page, done } = await openPage(1366, 850);
   await startReplay(page, 'Sample 2.txt', { name: 'Anna' });
+  await page.waitForFunction(() => parseFloat(document.getElementById('elapsedVal').textContent) >= 20, null, { timeout: 15000 });
+  await page.click('#stopBtn');
   await page.click('#saveBtn');
-  await page.waitForSelector('#exportBox[data-state="err"]');
-  assert.equal(await text(page, '#exportTitle'), 'Export failed');
-  assert.equal(await text(page, '#exportError'), 'This version of the program cannot export.');
+  assert.equal(await text(page, '#exportTitle'), 'Exporting…');
+  await page.waitForSelector('#exportBox[data-state="done"]', { timeout: 30000 });
+  assert.equal(await text(page, '#exportTitle'), 'Exported 6 files to');
+  assert.match(await text(page, '#exportFolder'), /[\\/]exports[\\/]Anna[^\\/]*$/);
+  const files = await listed(page, '#exportFiles');
+  assert.deepEqual(files.map((f) => f.replace(/^Anna.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_report\.pdf)$/, '$1')).sort(),
+    ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_markers.csv', '_report.pdf']);
   assert.equal(await page.isEnabled('#saveBtn'), true);
+  await shot(page, 'export-1366.png');
   await done();
 });
 
-test('import, batch and export flows against answers shaped like the later routes', async () => {
-  const { page, calls, done } = await openPage(1024, 768);
-  const json = (body) => ({ status: 200, contentType: 'application/json', body: JSON.stringify(body) });
-  const script = {
-    '/import': [{ ok: true, kubios: true, beats: 812 }],
-    '/batch_new': [{ ok: true }, { ok: true }],
-    '/batch_upload': [{ ok: true }],
-    '/batch_run': [{ ok: true }],
-    '/batch_status': [
-      { status: 'running', total: 0, done: 0, msg: '', result: null },
-      { status: 'done', total: 1, done: 1, msg: 'Report written for Kubios.csv', result: {} },
-      { status: 'running', total: 2, done: 1, msg: 'Analysing p2/c.CSV', result: null },
-      { status: 'error', total: 2, done: 1, msg: 'No R-peaks found in p2/c.CSV', result: null }],
-    '/export': [{ ok: true, status: 'exporting' }],
-    '/export_status': [
-      { status: 'exporting', result: null, error: '' },
-      { status: 'done', result: { folder: '/h/Documents/CVN-Live/exports/Ben_export', files: ['Ben_ECG.txt', 'Ben_report.pdf'] }, error: '' },
-      { status: 'exporting', result: null, error: '' },
-      { status: 'error', result: null, error: 'The disk is full: Ben.edf could not be written.' }],
-  };
-  const bodies = [];
-  await page.route((u) => u.pathname in script, (r) => {
-    const list = script[new URL(r.request().url()).pathname];
-    if (r.request().method() === 'POST') bodies.push(r.request().postDataBuffer()?.toString() ?? '');
-    r.fulfill(json(list.length > 1 ? list.shift() : list[0]));
-  });
-  const notes = [];
-  await page.exposeFunction('noteChanged', (t) => notes.push(t));
-  await page.evaluate(() => new MutationObserver(() => window.noteChanged(document.getElementById('importNote').textContent))
-    .observe(document.getElementById('importNote'), { childList: true, characterData: true, subtree: true }));
-
+test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a refusal in words', async () => {
+  const { page, calls, done } = await openPage(1366, 850);
   const tree = tempTree({
-    'Kubios.csv': 'RR\n0.8\n', 'study/p1/a.txt': '5\n', 'study/p1/b_hrv.txt': '1\n', 'study/p2/c.CSV': '6\n', 'study/notes.md': '-',
+    'Holter strip.txt': sampleEcg(40, 360),
+    'kubios_rr.csv': kubiosRr(300),
+    'photo.txt': 'not an ECG\n',
   });
   try {
     await page.fill('#name', 'Ben');
-    await page.click('text=10 s cycle');
     await page.click('#sourceSwitch >> text=Open a recording');
-    await choose(page, '#importFileBtn', path.join(tree, 'Kubios.csv'));
-    await waitText(page, '#importNote', /^✓ Report written for Kubios\.csv$/);
-    assert.ok(notes.includes('Processing Kubios RR (812 beats)…'), notes.join(' | '));
-    const imp = calls('/import')[0].searchParams;
-    assert.deepEqual([imp.get('fname'), imp.get('speed'), imp.get('name'), imp.get('indur'), imp.get('outdur'), imp.get('sex'), imp.get('age'), imp.get('fs')],
-      ['Kubios.csv', '2', 'Ben', '2', '8', 'M', '40', '130']);
-    assert.equal(bodies.shift(), 'RR\n0.8\n');
+    await choose(page, '#importFileBtn', path.join(tree, 'Holter strip.txt'));
+    await waitFlow(page, 'confirm');
+    assert.equal(calls('/import').length, 0, 'the file was sent before the user agreed');
+    assert.match(await text(page, '#flowFacts'), /^FileHolter strip\.txt · \d+\.\d kB/);
+    assert.equal(await text(page, '#flowWhat'), 'Raw ECG at 130 Hz: it will be saved and replayed.');
+    await page.fill('#fs', '360');
+    assert.equal(await text(page, '#flowWhat'), 'Raw ECG at 360 Hz will be resampled to 130 per second and replayed.');
+    await shot(page, 'import-file-1366.png');
+    await page.click('#flowGo');
+    await page.waitForSelector('#live', { state: 'visible' });
+    await waitText(page, '#sourceText', /^Imported — Holter_strip$/);
+    assert.equal(await text(page, '#liveTitle'), 'Playback · Ben');
+    const q = calls('/import')[0].searchParams;
+    assert.deepEqual([q.get('fname'), q.get('fs'), q.get('speed'), q.get('name')], ['Holter strip.txt', '360', '2', 'Ben']);
+    // 40 s at 360 Hz is 40 s at 130 Hz once resampled.
+    await waitText(page, '#scrubTotal', /^0:40$/);
+    await page.click('#newBtn');
+    await page.waitForSelector('#setup', { state: 'visible' });
+    await page.waitForFunction(() => [...document.querySelectorAll('#recording option')]
+      .some((e) => /^imported_Holter_strip_\d{8}-\d{6}\.csv$/.test(e.value)));
 
-    await choose(page, '#batchBtn', path.join(tree, 'study'));
-    await waitText(page, '#importNote', /^No R-peaks found in p2\/c\.CSV$/);
-    assert.ok(notes.includes('Uploading… 2/2'), notes.join(' | '));
-    assert.ok(notes.includes('Analysing p2/c.CSV — 1/2 files'), notes.join(' | '));
-    assert.deepEqual(calls('/batch_upload').map((u) => u.searchParams.get('rel')).sort(), ['p1/a.txt', 'p2/c.CSV']);
-    assert.deepEqual(bodies.sort(), ['5\n', '6\n']);
-    assert.equal(calls('/batch_run')[0].searchParams.get('mode'), 'batch');
+    await choose(page, '#importFileBtn', path.join(tree, 'kubios_rr.csv'));
+    await waitFlow(page, 'confirm');
+    assert.equal(await text(page, '#flowWhat'), 'Kubios RR export: a report will be written.');
+    assert.equal(await page.isHidden('#fsField'), true);
+    await page.click('#flowGo');
+    await waitFlow(page, 'end');
+    assert.equal(await text(page, '#flowDone'), '2 reports written to', await text(page, '#flow'));
+    assert.ok((await listed(page, '#flowReports')).some((r) => /^kubios_rr_\d{8}-\d{6}_summary_report\.pdf$/.test(r)), await text(page, "#flowReports"));
+    await shot(page, 'import-kubios-1366.png');
+    await page.click('#flowCancel');
+    assert.match(await text(page, '#importNote'), /^✓ 2 reports written to .*exports/);
+
+    await choose(page, '#importFileBtn', path.join(tree, 'photo.txt'));
+    await waitFlow(page, 'confirm');
+    await page.click('#flowGo');
+    await waitFlow(page, 'end');
+    assert.equal(await text(page, '#flowError'),
+      'That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios export.');
   } finally {
     fs.rmSync(tree, { recursive: true, force: true });
   }
+  await done();
+});
 
-  await page.selectOption('#recording', { label: 'Sample 2.txt' });
-  await page.click('#startBtn');
-  await page.waitForSelector('#live', { state: 'visible' });
-  await page.click('#saveBtn');
-  assert.equal(await page.isDisabled('#saveBtn'), true);
-  assert.equal(await text(page, '#exportTitle'), 'Exporting…');
-  assert.equal(await page.isVisible('#exportProgress'), true);
-  await page.waitForSelector('#exportBox[data-state="done"]');
-  assert.equal(await text(page, '#exportTitle'), 'Exported 2 files to');
-  assert.equal(await text(page, '#exportFolder'), '/h/Documents/CVN-Live/exports/Ben_export');
-  assert.deepEqual(await page.$$eval('#exportFiles li', (l) => l.map((e) => e.textContent)), ['Ben_ECG.txt', 'Ben_report.pdf']);
-  assert.equal(await page.isVisible('#exportProgress'), false);
-  assert.equal(await page.isEnabled('#saveBtn'), true);
-  await page.click('#saveBtn');
-  await page.waitForSelector('#exportBox[data-state="err"]');
-  assert.equal(await text(page, '#exportError'), 'The disk is full: Ben.edf could not be written.');
-  assert.equal(await page.isVisible('#exportFiles'), false);
-  await page.click('#stopBtn');
-  await waitText(page, '#runState', /^Stopped$/);
+test('batch: two persons and a bad file, uploaded with progress, reports and the error listed', async () => {
+  const { page, calls, done } = await openPage(1366, 850);
+  const ecg = sampleEcg(30, 130);
+  const tree = tempTree({
+    'Study/Anna/morning.txt': ecg, 'Study/Anna/evening.txt': ecg, 'Study/Anna/morning_markers.csv': '',
+    'Study/Ben/rest.csv': kubiosRr(200), 'Study/Ben/notes.txt': 'seen on Monday\n',
+    'Study/protocol.docx': 'x', 'Study/.DS_Store': 'x',
+  });
+  const steps = [];
+  await page.exposeFunction('stepShown', (t) => steps.push(t));
+  await page.evaluate(() => new MutationObserver(() => window.stepShown(document.getElementById('flowStep').textContent))
+    .observe(document.getElementById('flowStep'), { childList: true, characterData: true, subtree: true }));
+  try {
+    await page.click('#sourceSwitch >> text=Open a recording');
+    await choose(page, '#batchBtn', path.join(tree, 'Study'));
+    await waitFlow(page, 'confirm');
+    assert.equal(calls('/batch_new').length, 0);
+    assert.deepEqual(await page.$$eval('#flowFacts dd', (d) => d.map((e) => e.textContent)),
+      ['Study', '4 recordings: 3 raw ECG, 1 Kubios RR export, 1 marker file', 'Anna: 2 recordings · Ben: 2 recordings']);
+    assert.equal(await text(page, '#flowSkippedTitle'), '1 file is skipped (only .txt and .csv recordings are read)');
+    assert.deepEqual(await listed(page, '#flowSkippedList'), ['protocol.docx — not a .txt or .csv file']);
+    await shot(page, 'batch-confirm-1366.png');
+    await page.click('#flowGo');
+    await waitFlow(page, 'end', 90000);
+    assert.ok(steps.includes('Uploading 5 / 5 — Ben/rest.csv'), steps.join(' | '));
+    assert.deepEqual(calls('/batch_upload').map((u) => u.searchParams.get('rel')),
+      ['Anna/evening.txt', 'Anna/morning.txt', 'Anna/morning_markers.csv', 'Ben/notes.txt', 'Ben/rest.csv']);
+    const run = calls('/batch_run')[0].searchParams;
+    assert.deepEqual([run.get('mode'), run.get('batchname')], ['folder', 'Study']);
+    assert.equal(await text(page, '#flowDone'), '4 reports written to');
+    const reports = await listed(page, '#flowReports');
+    assert.equal(reports.length, 4, reports.join(' | '));
+    assert.match(reports[0], /^Study_\d{8}-\d{6}_summary_report\.pdf$/);
+    assert.deepEqual(await listed(page, '#flowFailedList'), ['notes.txt — Not a recording: no samples in it.']);
+    await shot(page, 'batch-done-1366.png');
+    await page.click('#flowCancel');
+    assert.equal(await page.isVisible('#flowShow'), true);
+  } finally {
+    fs.rmSync(tree, { recursive: true, force: true });
+  }
   await done();
 });
 
