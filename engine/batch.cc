@@ -69,6 +69,7 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
                   const ReportLogo& logo) {
   BatchItem item;
   item.person = job.group->name;
+  item.path = job.file->path;
   item.entry.file = job.file->name;
   std::optional<std::string> text = read_file(job.file->path);
   if (!text) {
@@ -175,6 +176,7 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
     return out;
   }
   progress(0, total, "Processing…");
+  const std::string prefix = request.folder + (request.folder.ends_with('/') ? "" : "/");
 
   // Each worker holds one recording at a time, so memory follows the
   // largest recording, not the size of the study.
@@ -191,6 +193,7 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
                      jobs[i].group->name);
       }
       BatchItem item = process(jobs[i], request.settings, exports_folder, logo);
+      if (item.path.starts_with(prefix)) item.path.erase(0, prefix.size());
       std::lock_guard<std::mutex> g(mu);
       out.items[i] = std::move(item);
       ++done;

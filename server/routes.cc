@@ -187,7 +187,7 @@ Response batch_status(const ServerContext& c, const Request&) {
     bool first = true;
     for (const BatchItem& item : o.items) {
       if (item.entry.error.empty()) continue;
-      body += (first ? "{\"file\":" : ",{\"file\":") + json_text(item.entry.file) +
+      body += (first ? "{\"file\":" : ",{\"file\":") + json_text(item.path) +
               ",\"error\":" + json_text(item.entry.error) + "}";
       first = false;
     }

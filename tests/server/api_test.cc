@@ -197,7 +197,7 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
             std::string::npos)
       << st;
   EXPECT_NE(
-      st.find(R"("failed":[{"file":"notes.txt","error":"Not a recording: no samples in it."}])"),
+      st.find(R"("failed":[{"file":"Ben/notes.txt","error":"Not a recording: no samples in it."}])"),
       std::string::npos)
       << st;
   // Nothing but the program's own folders in the data folder.

@@ -394,7 +394,7 @@ test('batch: two persons and a bad file, uploaded with progress, reports and the
     const reports = await listed(page, '#flowReports');
     assert.equal(reports.length, 4, reports.join(' | '));
     assert.match(reports[0], /^Study_\d{8}-\d{6}_summary_report\.pdf$/);
-    assert.deepEqual(await listed(page, '#flowFailedList'), ['notes.txt — Not a recording: no samples in it.']);
+    assert.deepEqual(await listed(page, '#flowFailedList'), ['Ben/notes.txt — Not a recording: no samples in it.']);
     await shot(page, 'batch-done-1366.png');
     await page.click('#flowCancel');
     assert.equal(await page.isVisible('#flowShow'), true);
