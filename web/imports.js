@@ -275,7 +275,7 @@ async function chooseFolder(list, single) {
   const facts = [
     ['Folder', top],
     ['Recordings', recordingsText(raw, kubios) +
-      (plan.markers.length ? ', ' + countText(plan.markers.length, 'marker file', 'marker files') : '')],
+      (plan.markers.length ? ', plus ' + countText(plan.markers.length, 'marker file', 'marker files') : '')],
   ];
   if (single) {
     facts.push(['Person', personText(p, top)]);

@@ -379,7 +379,7 @@ test('batch: two persons and a bad file, uploaded with progress, reports and the
     await waitFlow(page, 'confirm');
     assert.equal(calls('/batch_new').length, 0);
     assert.deepEqual(await page.$$eval('#flowFacts dd', (d) => d.map((e) => e.textContent)),
-      ['Study', '4 recordings: 3 raw ECG, 1 Kubios RR export, 1 marker file', 'Anna: 2 recordings · Ben: 2 recordings']);
+      ['Study', '4 recordings: 3 raw ECG, 1 Kubios RR export, plus 1 marker file', 'Anna: 2 recordings · Ben: 2 recordings']);
     assert.equal(await text(page, '#flowSkippedTitle'), '1 file is skipped (only .txt and .csv recordings are read)');
     assert.deepEqual(await listed(page, '#flowSkippedList'), ['protocol.docx — not a .txt or .csv file']);
     await shot(page, 'batch-confirm-1366.png');
