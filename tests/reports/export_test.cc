@@ -16,7 +16,7 @@
 #include "analysis/heart_rate.h"
 #include "assets/assets.h"
 #include "reports/edf.h"
-#include "tests/reports/run_tool.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;

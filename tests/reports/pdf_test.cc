@@ -10,7 +10,7 @@
 #include "base/files.h"
 #include "reports/pdf.h"
 #include "reports/report.h"
-#include "tests/reports/run_tool.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {
