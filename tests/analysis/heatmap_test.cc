@@ -79,7 +79,7 @@ TEST(Heatmap, WideMatricesAreSampledNotAveraged) {
   }
 }
 
-TEST(Heatmap, EmptyOrInvertedRangeStillScales) {
+TEST(Heatmap, EmptyOrInvertedRangeStillScalesAndNothingToDraw) {
   const std::vector<float> v = {0, kLo, kLo + 1, kLo + 5, kLo + 6};
   HeatmapParams p = plain(v, 1, v.size());
   p.centre = kLo;
@@ -90,6 +90,10 @@ TEST(Heatmap, EmptyOrInvertedRangeStillScales) {
   const RgbImage img = render_heatmap(p);
   EXPECT_EQ(pixel(img, 3, 0), kStop0);
   EXPECT_EQ(pixel(img, 4, 0), kStop8);
+  // Nothing to draw: no rows, no columns, fewer values than rows x columns.
+  EXPECT_TRUE(render_heatmap(plain(v, 0, 5)).rgb.empty());
+  EXPECT_TRUE(render_heatmap(plain(v, 5, 0)).rgb.empty());
+  EXPECT_EQ(render_heatmap(plain(v, 2, 3)).width, 0);
 }
 
 TEST(Heatmap, GreyAtOrBelowTheReferenceLevel) {
@@ -151,14 +155,6 @@ TEST(Heatmap, ExpectedFrequencyAndCycleLines) {
       }
     }
   }
-}
-
-TEST(Heatmap, NothingToDraw) {
-  const std::vector<float> v(6, kLo);
-  EXPECT_TRUE(render_heatmap(plain(v, 0, 6)).rgb.empty());
-  EXPECT_TRUE(render_heatmap(plain(v, 6, 0)).rgb.empty());
-  EXPECT_EQ(render_heatmap(plain(v, 2, 4)).width, 0);  // needs 8 values
-  EXPECT_EQ(render_heatmap(plain(v, 2, 3)).rgb.size(), 2u * 3 * 3);
 }
 
 }  // namespace

@@ -125,10 +125,10 @@ TEST_F(BluezTest, ScanListsTheNamedDevicesInAddressOrderAfterTenSeconds) {
   // Known before the scan; named by a property change 2.4 s in, after the
   // warm-up's own scan has ended; advertised with a name. The unnamed ones
   // (one with only BlueZ's address alias) not.
-  EXPECT_EQ(got, (std::vector<std::pair<std::string, std::string>>{
-                     {"0A:11:22:33:44:55", "Paired Band"},
-                     {"5C:31:3E:00:00:02", "Heart Sensor"},
-                     {kStrap, kStrapName}}));
+  EXPECT_EQ(got,
+            (std::vector<std::pair<std::string, std::string>>{{"0A:11:22:33:44:55", "Paired Band"},
+                                                              {"5C:31:3E:00:00:02", "Heart Sensor"},
+                                                              {kStrap, kStrapName}}));
   EXPECT_EQ(r.error, "");
   EXPECT_GE(took, 10s);
   EXPECT_LT(took, 12s);
@@ -218,9 +218,8 @@ TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {
   PolarBle ble(make_platform_backend(), quick());
   ble.connectAndStream(kStrap, sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Disconnected."));
-  EXPECT_EQ(sink.status_list(),
-            (std::vector<std::string>{"Connecting…", "Connected. Starting ECG…", "Streaming ECG…",
-                                      "Disconnected."}));
+  EXPECT_EQ(sink.status_list(), (std::vector<std::string>{"Connecting…", "Connected. Starting ECG…",
+                                                          "Streaming ECG…", "Disconnected."}));
   std::vector<double> want = recorded();
   want.resize(40 * kFrameSamples);
   EXPECT_EQ(sink.sample_count(), want.size());

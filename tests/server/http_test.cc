@@ -17,8 +17,8 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using test::body_of;
-using test::status_line;
 using test::exchange;
+using test::status_line;
 using test::TestServer;
 
 // Answers with what it parsed, so a test sees the request as the routes do.
@@ -41,7 +41,9 @@ bool closed_within(SocketHandle s, int ms) {
 
 TEST(UrlDecode, PlusPercentShortEscapesAndNonHexPairs) {
   const std::pair<const char*, std::string> cases[] = {
-      {"x%2By+z", "x+y z"}, {"%41%62", "Ab"}, {"%C3%A9", "\xC3\xA9"},
+      {"x%2By+z", "x+y z"},
+      {"%41%62", "Ab"},
+      {"%C3%A9", "\xC3\xA9"},
       {"ab%4", "ab%4"},  // fewer than two characters behind '%'
       {"%", "%"},
       {"%4z", std::string(1, '\x04')},  // read like a lenient base-16 conversion
@@ -311,8 +313,8 @@ TEST(HttpLimits, RequestsBeyondTheWorkerCapGet503) {
   // that waits longer than worker_wait for one is refused cleanly.
   std::vector<std::future<std::string>> held;
   for (int i = 0; i < 2; ++i)
-    held.push_back(std::async(std::launch::async,
-                              [&] { return test::http_get(server.port(), "/hold"); }));
+    held.push_back(
+        std::async(std::launch::async, [&] { return test::http_get(server.port(), "/hold"); }));
   while (holding < 2) std::this_thread::sleep_for(5ms);
   auto start = Clock::now();
   std::string busy = test::http_get(server.port(), "/busy");
