@@ -10,7 +10,9 @@
 
 #include "analysis/heart_rate.h"
 #include "analysis/live_score.h"
+#include "base/recording.h"
 #include "tests/support/golden_file.h"
+#include "tests/support/temp_dir.h"
 
 namespace cvn {
 namespace {
@@ -65,7 +67,7 @@ TEST_P(GoldenRecording, MatchesReferenceChainAndTheTrueBeats) {
   const test::GoldenFile golden =
       test::read_golden(test::source_path("tests/analysis/golden/" + GetParam() + ".golden"));
   ASSERT_TRUE(golden.ok);
-  const Series ecg = test::read_samples(test::source_path(golden.fields.at("input")));
+  const Series ecg = read_recording(test::slurp(test::source_path(golden.fields.at("input"))));
   ASSERT_FALSE(ecg.empty());
 
   const std::vector<int32_t> peaks = find_r_peaks(ecg, kSampleRate, kMaxHeartRate);
@@ -100,7 +102,7 @@ TEST(AnalyzeEcg, FindsTheTrueBeatsOfTheSamplesInEitherPolarity) {
     std::ifstream beats(test::source_path("tests/support/sample_beats/") + name + ".beats.txt");
     for (double t, ectopic; beats >> t >> ectopic;) truth.push_back(t);
     ASSERT_GT(truth.size(), 100u);
-    const Series ecg = test::read_samples(test::source_path("assets/") + name + ".txt");
+    const Series ecg = read_recording(test::slurp(test::source_path("assets/") + name + ".txt"));
     const std::vector<int32_t> peaks = find_r_peaks(ecg, kSampleRate, kMaxHeartRate);
     const auto [sensitivity, predictivity] = detection_score(truth, peaks);
     EXPECT_GE(sensitivity, 0.98);
@@ -116,7 +118,7 @@ TEST(AnalyzeEcg, NonFiniteSamplesStayLocal) {
   const test::GoldenFile golden =
       test::read_golden(test::source_path("tests/analysis/golden/synthetic_rsa.golden"));
   ASSERT_TRUE(golden.ok);
-  Series ecg = test::read_samples(test::source_path(golden.fields.at("input")));
+  Series ecg = read_recording(test::slurp(test::source_path(golden.fields.at("input"))));
   ASSERT_EQ(ecg.size(), 120u * 130);
   for (int i = 130 * 50; i < 130 * 50 + 65; ++i) ecg[i] = std::numeric_limits<double>::quiet_NaN();
   ecg[130 * 90] = std::numeric_limits<double>::infinity();
@@ -137,7 +139,7 @@ TEST(AnalyzeEcg, UnusableInputGivesEmptyResult) {
   EXPECT_TRUE(analyze_ecg(Series(5000, std::numeric_limits<double>::quiet_NaN()), kSampleRate,
                           kMaxHeartRate)
                   .empty());
-  const Series ecg = test::read_samples(test::source_path("assets/Sample 1.txt"));
+  const Series ecg = read_recording(test::slurp(test::source_path("assets/Sample 1.txt")));
   EXPECT_TRUE(analyze_ecg(ecg, 0.0, kMaxHeartRate).empty());
   EXPECT_TRUE(analyze_ecg(ecg, kSampleRate, 0).empty());
 }

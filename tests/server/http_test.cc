@@ -60,16 +60,6 @@ TEST(UrlDecode, PlusPercentShortEscapesAndNonHexPairs) {
   }
 }
 
-TEST(ParseQuery, LaterKeyWinsAndBarePiecesAreSkipped) {
-  auto q = parse_query("a=1&b&a=2&c=&=v&k%20=x%20");
-  EXPECT_EQ(q.at("a"), "2");
-  EXPECT_EQ(q.count("b"), 0u);
-  EXPECT_EQ(q.at("c"), "");
-  EXPECT_EQ(q.at(""), "v");
-  EXPECT_EQ(q.at("k%20"), "x ");  // keys are not decoded
-  EXPECT_TRUE(parse_query("").empty());
-}
-
 TEST(ParseRequestHead, KeepsTheHeadersTheChecksNeed) {
   Request r = parse_request_head(
       "GET /a?b=1 HTTP/1.1\r\nhOsT:  127.0.0.1:8000 \r\nORIGIN: http://x\r\n"
@@ -178,27 +168,20 @@ TEST(HttpServer, FailuresAreContainedAndLogged) {
             "[handle] unknown exception\n");
 }
 
+// The parser itself is fuzzed (tests/fuzz); here the connections it fails
+// on must end without leaving a thread behind.
 TEST(HttpServer, MalformedInputNeitherCrashesNorLeaksThreads) {
   const int before = test::thread_count();
   {
     TestServer server(echo);
     // Head of 2 MiB with no blank line: parsed from what arrived (the cap is
     // 1 MiB), answered, and the rest of the upload is dropped with the socket.
-    std::string huge = "GET /h" + std::string(2 << 20, 'a');
-    std::string a = exchange(server.port(), {huge}, true);
+    std::string a = exchange(server.port(), {"GET /h" + std::string(2 << 20, 'a')}, true);
     EXPECT_TRUE(a.empty() || a.starts_with("HTTP/1.1 200 OK")) << a.substr(0, 40);
-
-    // Missing words: method only, nothing at all on the request line.
-    EXPECT_NE(exchange(server.port(), {"GET\r\n\r\n"}).find(R"("path":"")"), std::string::npos);
-    EXPECT_NE(exchange(server.port(), {"\r\n\r\n"}).find(R"("method":"")"), std::string::npos);
-
-    // Binary garbage with NULs and high bytes, closed early.
-    std::string garbage;
+    std::string garbage;  // NULs and high bytes, closed early
     for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
     exchange(server.port(), {garbage}, true);
-
-    // A client that disappears before reading its answer.
-    SocketHandle s = connect_loopback(server.port());
+    SocketHandle s = connect_loopback(server.port());  // gone before its answer
     send_all(s, "GET / HTTP/1.1\r\n\r\n");
     close_socket(s);
   }
@@ -213,24 +196,6 @@ TEST(HttpServer, HeadLimitIsExact) {
   std::string req = "GET /ok HTTP/1.1\r\nX-Pad: " + pad + "\r\n\r\n";
   ASSERT_LT(req.size(), kMaxHeadBytes);
   EXPECT_NE(exchange(server.port(), {req}).find(R"("path":"/ok")"), std::string::npos);
-}
-
-TEST(HttpServer, ManyConcurrentClientsAllGetCorrectAnswers) {
-  // 200 connections at once is more than the pending set holds (a browser
-  // opens six); room for all of them keeps this about parsing under load,
-  // not about which one a full set drops.
-  ServerLimits limits;
-  limits.max_pending = 256;
-  TestServer server(echo, limits);
-  std::vector<std::future<std::string>> answers;
-  for (int i = 0; i < 200; ++i)
-    answers.push_back(std::async(std::launch::async, [&, i] {
-      return test::http_get(server.port(), "/c?i=" + std::to_string(i));
-    }));
-  for (int i = 0; i < 200; ++i) {
-    std::string a = answers[i].get();
-    ASSERT_NE(a.find("\"i\":\"" + std::to_string(i) + "\""), std::string::npos) << i << a;
-  }
 }
 
 TEST(HttpLimits, QuietConnectionIsClosedAtTheHeadTimeout) {
