@@ -1,18 +1,12 @@
 #!/usr/bin/python3
 """Reference vectors for the ECG analysis chain, computed with scipy/numpy.
 
-This is an independent reimplementation of R-peak detection, RR cleaning,
-the 10 Hz heart-rate series and the live score, built on scipy.signal
-(sosfiltfilt, find_peaks, peak_prominences) and numpy (interp, convolve,
-median). The C++ tests compare against its output: peak indices exactly,
-everything else to within rounding.
-
-Run with Debian's python3 (python3-scipy, python3-numpy):
-    /usr/bin/python3 tools/make_analysis_golden.py
-It rewrites tests/analysis/golden/. Recordings are plain text, one integer
-sample (microvolts) per line. A .golden file holds "<key> <value>" lines and
-numeric series, each a "series <key> <count>" line followed by <count> lines
-with one number each ("nan" for NaN, full precision).
+An independent reimplementation of R-peak detection, RR cleaning, the 10 Hz
+heart-rate series and the live score on scipy.signal and numpy; the C++ tests
+compare peak indices exactly, everything else to within rounding. Run with
+Debian's python3: /usr/bin/python3 tools/make_analysis_golden.py. It rewrites
+tests/analysis/golden/ (recordings: one integer sample a line; .golden files
+as read by tests/support/golden_file.h, "nan" for NaN, full precision).
 """
 
 import math
@@ -35,8 +29,6 @@ SOS = np.array([
 ])
 PAD = 27
 
-
-# ---------------------------------------------------------------- reference chain
 
 def bandpass(x):
     x = np.asarray(x, dtype=float)
@@ -183,8 +175,6 @@ def live_scores(rr, n_samples, cycle, fs=FS, cycles=2, step=0.1):
     return out
 
 
-# ------------------------------------------------------------ synthetic recordings
-
 WAVES = (  # (centre s from R, width s, amplitude uV): P, Q, R, S, T
     (-0.20, 0.025, 120.0),
     (-0.035, 0.010, -120.0),
@@ -233,8 +223,6 @@ def synthetic_ecg(seconds, seed, mean_hr=65.0, rsa_bpm=7.0, cycle=16.0, noise_uv
     return np.floor(x + 0.5).astype(int), np.array(beats)
 
 
-# --------------------------------------------------------------------- file output
-
 def fmt(v):
     return "nan" if math.isnan(v) else repr(float(v))
 
@@ -247,11 +235,6 @@ def section(out, key, values, as_int=False):
 def write_lines(path, lines):
     with open(path, "w") as f:
         f.write("\n".join(lines) + "\n")
-
-
-def read_recording(path):
-    with open(path) as f:
-        return np.array([float(line) for line in f if line.strip()])
 
 
 def golden_for(name, input_rel, ecg, cycle, beats=None):
@@ -290,31 +273,25 @@ def filter_golden(ecg):
 
 def main():
     os.makedirs(GOLDEN, exist_ok=True)
-    ecg, beats = synthetic_ecg(120.0, seed=3, ectopic=(40, 95))
-    write_lines(os.path.join(GOLDEN, "synthetic_rsa.txt"), [str(v) for v in ecg])
-    golden_for("synthetic_rsa", "tests/analysis/golden/synthetic_rsa.txt", ecg, 16.0, beats)
-
-    noisy, beats = synthetic_ecg(60.0, seed=11, mean_hr=80.0, cycle=10.0, noise_uv=60.0,
-                                 polarity=-0.6, burst=(20.0, 24.0, 400.0))
-    write_lines(os.path.join(GOLDEN, "synthetic_noisy.txt"), [str(v) for v in noisy])
-    golden_for("synthetic_noisy", "tests/analysis/golden/synthetic_noisy.txt", noisy, 10.0, beats)
-
-    # Pops inflate the SD, so the absolute threshold fails and the robust
-    # prominence score has to find the beats.
-    pops, beats = synthetic_ecg(60.0, seed=5, mean_hr=70.0, noise_uv=100.0,
-                                pops=(7.3, 19.1, 33.7, 48.2, 51.0), pop_uv=12000.0)
-    write_lines(os.path.join(GOLDEN, "synthetic_pops.txt"), [str(v) for v in pops])
-    golden_for("synthetic_pops", "tests/analysis/golden/synthetic_pops.txt", pops, 16.0, beats)
-
-    filter_golden(ecg)
-
+    synthetic = (
+        ("synthetic_rsa", 16.0, dict(seconds=120.0, seed=3, ectopic=(40, 95))),
+        ("synthetic_noisy", 10.0, dict(seconds=60.0, seed=11, mean_hr=80.0, cycle=10.0,
+                                       noise_uv=60.0, polarity=-0.6, burst=(20.0, 24.0, 400.0))),
+        # Pops inflate the SD, so the absolute threshold fails and the robust
+        # prominence score has to find the beats.
+        ("synthetic_pops", 16.0, dict(seconds=60.0, seed=5, mean_hr=70.0, noise_uv=100.0,
+                                      pops=(7.3, 19.1, 33.7, 48.2, 51.0), pop_uv=12000.0)),
+    )
+    for name, cycle, options in synthetic:
+        ecg, beats = synthetic_ecg(**options)
+        write_lines(os.path.join(GOLDEN, name + ".txt"), [str(v) for v in ecg])
+        golden_for(name, f"tests/analysis/golden/{name}.txt", ecg, cycle, beats)
+        if name == "synthetic_rsa":
+            filter_golden(ecg)
     for number, cycle in ((1, 16.0), (2, 10.0)):
         rel = f"assets/Sample {number}.txt"
-        path = os.path.join(ROOT, rel)
-        samples = read_recording(path) if os.path.exists(path) else np.array([])
-        if len(samples) < 10 * FS:
-            print(f"{rel}: {len(samples)} samples, skipped (not a recording yet)")
-            continue
+        with open(os.path.join(ROOT, rel)) as f:
+            samples = np.array([float(line) for line in f if line.strip()])
         golden_for(f"sample_{number}", rel, samples, cycle)
     return 0
 

@@ -49,22 +49,5 @@ TEST(LiveScore, ShapeWarmUpAndUnusableInput) {
   EXPECT_TRUE(std::all_of(flat.begin(), flat.end(), [](double x) { return std::isnan(x); }));
 }
 
-// A window shorter than whole cycles (the first ones, cut at the first beat)
-// leaves sine and cosine unbalanced; full two-cycle windows fit a sine
-// almost exactly, whatever its phase. Beat-to-beat noise has no fit: with
-// ~34 beats per window R stays near 0.25, a score near -0.6.
-TEST(LiveScore, FollowingTheBreathingScoresNearOneAndNoiseFarBelow) {
-  for (double phase : {0.0, 1.0, 2.5, 4.0}) {
-    const Series scores = live_cvn_scores(breathing_rr(200.0, 16.0, phase, 0.0), 130 * 190, 16.0);
-    for (std::size_t i = 340; i < scores.size(); ++i) {
-      ASSERT_GT(scores[i], 0.995) << i << " phase " << phase;
-    }
-  }
-  const Series scores = live_cvn_scores(breathing_rr(200.0, 7.0, 0.0, 300.0), 130 * 190, 16.0);
-  double sum = 0.0;
-  for (std::size_t i = 320; i < scores.size(); ++i) sum += scores[i];
-  EXPECT_LT(sum / static_cast<double>(scores.size() - 320), -0.4);
-}
-
 }  // namespace
 }  // namespace cvn

@@ -1,59 +1,19 @@
 #include "analysis/png.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "tests/support/png_reader.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-std::uint32_t be32(const std::uint8_t* p) {
-  return (std::uint32_t{p[0]} << 24) | (p[1] << 16) | (p[2] << 8) | p[3];
-}
-
-struct Decoded {
-  std::string chunks;  // the chunk types in order
-  Bytes ihdr, pixels;
-};
-
-// An independent reader: checks every chunk CRC with zlib's crc32, inflates the IDAT data
-// with zlib and strips the filter bytes, which must all be 0.
-Decoded decode_png(const Bytes& png, std::size_t row_bytes, std::size_t height) {
-  Decoded d;
-  EXPECT_EQ(Bytes(png.begin(), png.begin() + 8),
-            (Bytes{0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'}));
-  Bytes idat;
-  std::size_t at = 8;
-  while (at + 12 <= png.size()) {
-    const std::uint32_t len = be32(&png[at]);
-    if (at + 12 + len > png.size()) break;
-    const std::string type(png.begin() + at + 4, png.begin() + at + 8);
-    d.chunks += type;
-    EXPECT_EQ(be32(&png[at + 8 + len]), ::crc32(0, &png[at + 4], 4 + len)) << type;
-    Bytes& into = type == "IHDR" ? d.ihdr : idat;
-    if (type != "IEND") into.insert(into.end(), &png[at + 8], &png[at + 8] + len);
-    at += 12 + len;
-  }
-  EXPECT_EQ(at, png.size()) << "stray bytes after the last chunk";
-  Bytes raw((row_bytes + 1) * height);
-  uLongf raw_len = raw.size();
-  EXPECT_EQ(uncompress(raw.data(), &raw_len, idat.data(), idat.size()), Z_OK);
-  EXPECT_EQ(raw_len, raw.size());
-  for (std::size_t y = 0; y < height; ++y) {
-    const auto line = raw.begin() + y * (row_bytes + 1);
-    EXPECT_EQ(line[0], 0) << "filter byte of row " << y;
-    d.pixels.insert(d.pixels.end(), line + 1, line + 1 + row_bytes);
-  }
-  return d;
-}
 
 TEST(Png, DecodesPixelExactAndPassesPngcheck) {
   const bool have_pngcheck = std::system("command -v pngcheck >/dev/null 2>&1") == 0;
@@ -71,11 +31,11 @@ TEST(Png, DecodesPixelExactAndPassesPngcheck) {
     for (auto& b : pixels) b = static_cast<std::uint8_t>(rng() % 4 * 60);  // some repeats
     const Bytes png = encode_png(pixels, c.width, c.height, c.color);
 
-    const Decoded d = decode_png(png, row_bytes, c.height);
+    test::DecodedPng d;
+    ASSERT_TRUE(test::decode_png(png, c.color == PngColor::kRgba ? 4 : 3, &d));
     EXPECT_EQ(d.chunks, "IHDRIDATIEND");
-    ASSERT_EQ(d.ihdr.size(), 13u);
-    EXPECT_EQ(be32(&d.ihdr[0]), static_cast<std::uint32_t>(c.width));
-    EXPECT_EQ(be32(&d.ihdr[4]), static_cast<std::uint32_t>(c.height));
+    EXPECT_EQ(d.width, static_cast<std::uint32_t>(c.width));
+    EXPECT_EQ(d.height, static_cast<std::uint32_t>(c.height));
     // Bit depth 8, colour type, compression 0, filter method 0, no interlace.
     EXPECT_EQ(Bytes(d.ihdr.begin() + 8, d.ihdr.end()),
               (Bytes{8, static_cast<std::uint8_t>(c.color), 0, 0, 0}));

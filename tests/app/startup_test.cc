@@ -50,35 +50,26 @@ TEST(ResolveFolders, EnvironmentPrecedence) {
   }
 }
 
-TEST(ResolveFolders, WebFolderBesideTheProgram) {
+TEST(ResolveFolders, WebFolderBesideTheProgramOrInTheBase) {
   TempDir root;
-  fs::create_directories(root / "bin");
-  Folders plain = resolve_folders(env_of({}), root / "bin");
-  EXPECT_EQ(plain.base, ".");
-
+  const auto base = [&] { return resolve_folders(env_of({}), root / "bin").base; };
+  fs::create_directories(root / "bin/web/index.html");  // a folder: cannot be read, does not count
+  EXPECT_EQ(base(), ".");
+  fs::remove_all(root / "bin/web");
   ASSERT_TRUE(spit(root / "Resources/web/index.html", "x"));
-  EXPECT_EQ(resolve_folders(env_of({}), root / "bin").base, root / "bin/../Resources");
-
+  EXPECT_EQ(base(), root / "bin/../Resources");
   ASSERT_TRUE(spit(root / "bin/web/index.html", "x"));  // the bundle layout wins
-  EXPECT_EQ(resolve_folders(env_of({}), root / "bin").base, root / "bin/../Resources");
+  EXPECT_EQ(base(), root / "bin/../Resources");
   fs::remove_all(root / "Resources");
-  Folders beside = resolve_folders(env_of({}), root / "bin");
-  EXPECT_EQ(beside.base, root / "bin");
-  EXPECT_EQ(beside.web_root, root / "bin/web");
+  EXPECT_EQ(base(), root / "bin");
+  EXPECT_EQ(resolve_folders(env_of({}), root / "bin").web_root, root / "bin/web");
 
-  // A folder named index.html cannot be read, so it does not count.
-  TempDir odd;
-  fs::create_directories(odd / "web/index.html");
-  EXPECT_EQ(resolve_folders(env_of({}), odd.path()).base, ".");
-}
-
-TEST(ResolveFolders, WebRootFallsBackToTheBaseFolder) {
-  TempDir base;
-  ASSERT_TRUE(spit(base / "index.html", "x"));
-  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", base.path()}}), "/nowhere").web_root, base.path());
-  ASSERT_TRUE(spit(base / "web/index.html", "y"));
-  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", base.path()}}), "/nowhere").web_root,
-            base / "web");
+  // With CVN_BASE, its web folder, or else the base folder itself.
+  TempDir b;
+  ASSERT_TRUE(spit(b / "index.html", "x"));
+  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", b.path()}}), "/nowhere").web_root, b.path());
+  ASSERT_TRUE(spit(b / "web/index.html", "y"));
+  EXPECT_EQ(resolve_folders(env_of({{"CVN_BASE", b.path()}}), "/nowhere").web_root, b / "web");
 }
 
 class DataFolder : public testing::Test {
@@ -151,16 +142,14 @@ TEST(JpegFrameSize, FrameMarkersAndMalformedData) {
   EXPECT_EQ(w, 320);
   EXPECT_EQ(h, 4097);
 
-  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 0, 150), &w, &h));
-  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 600, 0), &w, &h));
-  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC8, 600, 150, false), &w, &h));         // not a frame marker
-  EXPECT_FALSE(jpeg_frame_size(jpeg(0xC0, 600, 150).substr(0, 30), &w, &h));  // truncated
-  EXPECT_FALSE(jpeg_frame_size("", &w, &h));
-  EXPECT_FALSE(jpeg_frame_size("\xFF\xD8\xFF\xC0\x00\x11\x08\x00\x10\x00", &w, &h));  // < 12 bytes
-  EXPECT_FALSE(jpeg_frame_size("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\1\0\0\0\1\0", &w, &h));
   std::string bad_length = jpeg(0xC0, 600, 150);
   bad_length[5] = 1;  // APP0 length 1 < 2: give up
-  EXPECT_FALSE(jpeg_frame_size(bad_length, &w, &h));
+  for (const std::string& bad :
+       {jpeg(0xC0, 0, 150), jpeg(0xC0, 600, 0), jpeg(0xC8, 600, 150, false) /* no frame */,
+        jpeg(0xC0, 600, 150).substr(0, 30), std::string(), bad_length,
+        std::string("\xFF\xD8\xFF\xC0\x00\x11\x08\x00\x10\x00"),  // < 12 bytes
+        std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\1\0\0\0\1\0", 24)})
+    EXPECT_FALSE(jpeg_frame_size(bad, &w, &h)) << bad.size();
 }
 
 TEST(ReportLogo, DiskFirstThenEmbedded) {

@@ -11,7 +11,6 @@
 #include <regex>
 #include <thread>
 
-#include "analysis/heart_rate.h"
 #include "assets/assets.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -141,17 +140,12 @@ TEST_F(EngineTest, SaveWritesTheSamplesPlayedAndTheirMarkers) {
   EXPECT_EQ(engine.save().error, "write failed");
 }
 
-TEST_F(EngineTest, UnreadableFileLeavesTheSessionAlone) {
-  ASSERT_TRUE(engine.start_replay(ramp, named("k"), kPaused));
-  EXPECT_FALSE(engine.start_replay(data / "sample_data/none.txt", named("other"), kPaused));
-  EXPECT_TRUE(engine.running());
-  EXPECT_EQ(engine.snapshot().name_id, "k");
-}
-
-TEST_F(EngineTest, StopIsIdempotentAndKeepsTheSession) {
+TEST_F(EngineTest, StopIsIdempotentAndAnUnreadableFileLeavesTheSessionAlone) {
   engine.stop();
   EXPECT_EQ(engine.snapshot().mode, Mode::kIdle);
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, named("k"), kPaused));
+  EXPECT_FALSE(engine.start_replay(data / "sample_data/none.txt", named("other"), kPaused));
+  EXPECT_EQ(engine.snapshot().name_id, "k");
   engine.seek(0.2);
   engine.stop();
   engine.stop();
@@ -215,7 +209,7 @@ TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
   engine.start_live("AA", std::nullopt, named("Kim"));
   sensor->samples(std::vector<double>(130, 1.0));
   engine.stop();
-  EXPECT_EQ(journals().at(0).samples.size(), 130u);  // stopped, unsaved: kept
+  EXPECT_EQ(journals().at(0).samples.size(), 130u);     // stopped, unsaved: kept
   engine.start_live("AA", std::nullopt, named("Kim"));  // same name, same second
   EXPECT_TRUE(journals().at(0).samples.empty());        // the old one was given up
   ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
@@ -243,22 +237,6 @@ TEST(EngineLive, SamplesArriveWhileTheAnalysisReadsThem) {
   engine.stop();
   EXPECT_TRUE(hr);
   EXPECT_EQ(engine.current_samples().size() % 73, 0u);
-}
-
-TEST(EngineReplay, BundledSampleAtHighSpeedEndsWithTheFinalAnalysis) {
-  TempDir data;
-  spit(data / "Sample 1.txt", std::string(*find_asset("Sample 1.txt")));
-  Engine engine(data.path(), nullptr);
-  ASSERT_TRUE(engine.start_replay(data / "Sample 1.txt", {}, {200.0, ""}));
-  ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
-  Snapshot s = engine.snapshot();
-  EXPECT_EQ(s.samples, s.replay_total);
-  EXPECT_GT(s.hr, 50);
-  EXPECT_LT(s.hr, 80);
-  EXPECT_GT(s.rr_count, 200);
-  EXPECT_FALSE(std::isnan(s.cvn));
-  // One heart-rate point per 0.1 s grid time of the whole recording.
-  EXPECT_EQ(s.hr_series->size(), time_grid(s.samples, kSampleRate, 0.1).size());
 }
 
 // A TFR still computing when the user starts over belongs to the old

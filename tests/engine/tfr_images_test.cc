@@ -2,22 +2,18 @@
 #include "engine/tfr_images.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <array>
-#include <chrono>
-#include <cstdint>
+#include <cmath>
 #include <filesystem>
-#include <functional>
-#include <mutex>
-#include <string>
 #include <string_view>
-#include <thread>
 
+#include "analysis/heart_rate.h"
 #include "analysis/png.h"
 #include "assets/assets.h"
-#include "engine/engine.h"
 #include "base/recording.h"
+#include "engine/engine.h"
+#include "tests/support/png_reader.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -27,84 +23,23 @@ namespace {
 using namespace std::chrono_literals;
 using test::wait_until;
 
-// Standard base64 with padding; empty on any stray character.
-std::string base64_decode(std::string_view text) {
-  static constexpr std::string_view kAlphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (const char c : text) {
-    if (c == '=') break;
-    const std::size_t v = kAlphabet.find(c);
-    if (v == std::string_view::npos) return {};
-    bits = (bits << 6) | static_cast<std::uint32_t>(v);
-    if ((count += 6) >= 8) {
-      count -= 8;
-      out += static_cast<char>((bits >> count) & 0xFF);
-    }
-  }
-  return out;
-}
-
-std::uint32_t big_endian(const std::string& s, std::size_t at) {
-  return static_cast<std::uint32_t>(static_cast<unsigned char>(s[at])) << 24 |
-         static_cast<std::uint32_t>(static_cast<unsigned char>(s[at + 1])) << 16 |
-         static_cast<std::uint32_t>(static_cast<unsigned char>(s[at + 2])) << 8 |
-         static_cast<std::uint32_t>(static_cast<unsigned char>(s[at + 3]));
-}
-
-struct Picture {
-  std::uint32_t width = 0, height = 0;
-  std::string scanlines;  // filter byte + RGB per row
-
+struct Picture : test::DecodedPng {
   std::array<int, 3> at(std::uint32_t x, std::uint32_t y) const {
-    const std::size_t i = y * (1 + 3 * static_cast<std::size_t>(width)) + 1 + 3 * x;
-    return {static_cast<unsigned char>(scanlines[i]), static_cast<unsigned char>(scanlines[i + 1]),
-            static_cast<unsigned char>(scanlines[i + 2])};
+    const std::size_t i = (std::size_t{y} * width + x) * 3;
+    return {pixels[i], pixels[i + 1], pixels[i + 2]};
   }
 };
 
-// A data URI's PNG, checked the way a browser would read it: signature, IHDR (8-bit RGB),
-// every chunk's CRC, and the image data inflated by zlib to exactly one scanline per row.
-::testing::AssertionResult read_picture(const std::string& uri, Picture& out) {
-  if (uri.rfind(kPngDataUriPrefix, 0) != 0) return ::testing::AssertionFailure() << "prefix";
-  const std::string png = base64_decode(std::string_view(uri).substr(kPngDataUriPrefix.size()));
-  if (png.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0)
-    return ::testing::AssertionFailure() << "signature";
-  std::string idat;
-  bool ended = false;
-  for (std::size_t at = 8; at + 12 <= png.size() && !ended;) {
-    const std::uint32_t length = big_endian(png, at);
-    if (at + 12 + length > png.size()) return ::testing::AssertionFailure() << "truncated chunk";
-    const std::string type = png.substr(at + 4, 4);
-    const auto* bytes = reinterpret_cast<const Bytef*>(png.data() + at + 4);
-    if (crc32(0L, bytes, length + 4) != big_endian(png, at + 8 + length))
-      return ::testing::AssertionFailure() << "CRC of " << type;
-    if (type == "IHDR") {
-      out.width = big_endian(png, at + 8);
-      out.height = big_endian(png, at + 12);
-      if (png[at + 16] != 8 || png[at + 17] != 2)
-        return ::testing::AssertionFailure() << "not RGB8";
-    } else if (type == "IDAT") {
-      idat += png.substr(at + 8, length);
-    } else if (type == "IEND") {
-      ended = true;
-    }
-    at += 12 + length;
-  }
-  if (!ended) return ::testing::AssertionFailure() << "no IEND";
-  uLongf size = out.height * (1 + 3 * static_cast<uLongf>(out.width));
-  out.scanlines.assign(size, '\0');
-  if (uncompress(reinterpret_cast<Bytef*>(out.scanlines.data()), &size,
-                 reinterpret_cast<const Bytef*>(idat.data()), idat.size()) != Z_OK ||
-      size != out.scanlines.size()) {
-    return ::testing::AssertionFailure() << "image data does not inflate to the picture's size";
-  }
-  return ::testing::AssertionSuccess();
+// A data URI's PNG, read the way a browser would: 8-bit RGB, every CRC, all the image data.
+testing::AssertionResult read_picture(const std::string& uri, Picture& out) {
+  if (!uri.starts_with(kPngDataUriPrefix)) return testing::AssertionFailure() << "prefix";
+  const auto png = test::base64_decode(std::string_view(uri).substr(kPngDataUriPrefix.size()));
+  testing::AssertionResult ok = test::decode_png(png, 3, &out);
+  if (ok && out.ihdr[8] == 8 && out.ihdr[9] == 2) return ok;
+  return ok ? testing::AssertionFailure() << "not RGB8" : ok;
 }
 
-TEST(TfrJob, FullReplayGivesTwoPictures) {
+TEST(TfrJob, FullReplayEndsWithTheFinalAnalysisAndGivesTwoPictures) {
   test::TempDir data;
   std::filesystem::create_directories(data / "sample_data");
   ASSERT_TRUE(
@@ -112,6 +47,14 @@ TEST(TfrJob, FullReplayGivesTwoPictures) {
   Engine engine(data.path(), nullptr);
   ASSERT_TRUE(engine.start_replay(data / "sample_data/Sample 1.txt", {}, {200.0, ""}));
   ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
+  const Snapshot s = engine.snapshot();
+  EXPECT_EQ(s.samples, s.replay_total);
+  EXPECT_GT(s.hr, 50);
+  EXPECT_LT(s.hr, 80);
+  EXPECT_GT(s.rr_count, 200);
+  EXPECT_FALSE(std::isnan(s.cvn));
+  // One heart-rate point per 0.1 s grid time of the whole recording.
+  EXPECT_EQ(s.hr_series->size(), time_grid(s.samples, kSampleRate, 0.1).size());
 
   engine.start_tfr();
   ASSERT_TRUE(wait_until([&] { return engine.tfr().state != JobState::kRunning; }, 20s));

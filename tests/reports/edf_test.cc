@@ -12,7 +12,7 @@
 #endif
 
 #include "base/files.h"
-#include "tests/reports/run_tool.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {

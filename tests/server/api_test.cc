@@ -12,6 +12,7 @@
 #include "server/routes.h"
 #include "tests/support/http_client.h"
 #include "tests/support/kubios_export.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {
@@ -20,11 +21,8 @@ namespace {
 using namespace std::chrono_literals;
 using test::body_of;
 using test::http_get;
+using test::status_line;
 using test::TempDir;
-
-std::string status_line(const std::string& answer) {
-  return answer.substr(0, answer.find("\r\n"));
-}
 
 class Api : public testing::Test {
  protected:
@@ -41,6 +39,9 @@ class Api : public testing::Test {
   void TearDown() override { engine.stop(); }
 
   std::string get(const std::string& target) { return body_of(http_get(server.port(), target)); }
+  std::string post(const std::string& target, const std::string& body) {
+    return body_of(test::http_post(server.port(), target, body));
+  }
   std::string wait_for_batch() {
     std::string st;
     for (int i = 0; i < 1000 && (st = get("/batch_status")).starts_with(R"({"status":"running")");
@@ -97,9 +98,6 @@ TEST_F(Api, ReplayControlRoutes) {
 }
 
 TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
-  auto post = [&](const std::string& target, const std::string& body) {
-    return body_of(test::http_post(server.port(), target, body));
-  };
   EXPECT_EQ(post("/import?fname=x.txt", ""), R"({"ok":false,"note":"No file received."})");
   const std::string refused =
       R"({"ok":false,"note":"That file did not look like a raw ECG (.txt/.csv with one sample )"
@@ -157,23 +155,9 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
   EXPECT_NE(get("/status").find(R"("export_status":"error")"), std::string::npos);
 }
 
-// Runs `command`; its standard output, or "<failed>" when it did not exit 0.
-std::string run(const std::string& command) {
-  std::string out;
-  if (FILE* p = popen((command + " 2>&1").c_str(), "r")) {
-    char buf[4096];
-    for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    if (pclose(p) != 0) out = "<failed> " + out;
-  }
-  return out;
-}
-
 TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
   EXPECT_EQ(get("/batch_status"), R"({"status":"idle","total":0,"done":0,"msg":""})");
   EXPECT_EQ(get("/batch_start?root="), R"({"ok":false,"reason":"No folder selected."})");
-  auto post = [&](const std::string& target, const std::string& body) {
-    return body_of(test::http_post(server.port(), target, body));
-  };
   const std::string ecg1(*find_asset("Sample 1.txt")), ecg2(*find_asset("Sample 2.txt"));
   EXPECT_EQ(get("/batch_new"), R"({"ok":true})");
   EXPECT_EQ(post("/batch_upload?rel=Anna%2Fmorning.txt", ecg1), R"({"ok":true})");
@@ -215,8 +199,7 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
     t += rr.back();
   }
   std::string reply =
-      body_of(test::http_post(server.port(), "/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F",
-                              test::kubios_export(rr, 30)));
+      post("/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F", test::kubios_export(rr, 30));
   EXPECT_EQ(reply, R"({"ok":true,"kubios":true,"beats":)" + std::to_string(rr.size()) + "}");
   const std::string st = wait_for_batch();
   ASSERT_TRUE(st.starts_with(R"({"status":"done",)")) << st;
@@ -224,10 +207,9 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
   ASSERT_NE(at, std::string::npos) << st;
   std::size_t start = st.rfind('"', at) + 1;
   const std::string pdf = data / ("exports/" + st.substr(start, at + 19 - start));
-  EXPECT_EQ(run("qpdf --check '" + pdf + "' >/dev/null && echo ok"), "ok\n");
-  std::string text = run("pdftotext '" + pdf + "' -");
-  EXPECT_NE(text.find("Name:"), std::string::npos) << text;
-  EXPECT_NE(text.find("CVN (logpower)"), std::string::npos) << text;
+  EXPECT_EQ(test::run_tool({"/usr/bin/qpdf", "--check", pdf}).status, 0);
+  const std::string text = test::run_tool({"/usr/bin/pdftotext", pdf, "-"}).out;
+  for (const char* t : {"Name:", "CVN (logpower)"}) EXPECT_NE(text.find(t), std::string::npos) << t;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
@@ -248,32 +230,26 @@ TEST_F(Api, EventStreamFramingAndDisconnect) {
   std::string got;
   char buf[65536];
   auto until = std::chrono::steady_clock::now() + 2s;
-  auto events_in = [](const std::string& text) {
+  auto events = [&] {
     std::size_t n = 0;
-    for (std::size_t at = 0; (at = text.find("}\n\n", at)) != std::string::npos; ++at) ++n;
+    for (std::size_t at = 0; (at = got.find("}\n\n", at)) != std::string::npos; ++at) ++n;
     return n;
   };
-  while (events_in(got) < 6 && std::chrono::steady_clock::now() < until) {
-    long n = recv_some(s, buf, sizeof buf);
-    if (n <= 0) break;
+  for (long n; events() < 6 && std::chrono::steady_clock::now() < until &&
+               (n = recv_some(s, buf, sizeof buf)) > 0;)
     got.append(buf, n);
-  }
   const std::string head =
       "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
       "Connection: keep-alive\r\n\r\n";
   ASSERT_TRUE(got.starts_with(head)) << got.substr(0, 200);
-  std::string events = got.substr(head.size());
   // Every event is "data: {snapshot}\n\n", nothing else.
-  std::size_t at = 0, count = 0;
-  while (at < events.size()) {
-    std::size_t end = events.find("\n\n", at);
-    if (end == std::string::npos) break;
-    std::string ev = events.substr(at, end - at);
+  std::size_t count = 0;
+  for (std::size_t at = head.size(), end; (end = got.find("\n\n", at)) != std::string::npos;
+       at = end + 2, ++count) {
+    const std::string ev = got.substr(at, end - at);
     EXPECT_TRUE(ev.starts_with("data: {\"mode\":")) << ev.substr(0, 40);
     EXPECT_TRUE(ev.ends_with("\"app_version\":\"1.0.0\"}")) << ev.substr(ev.size() - 40);
     EXPECT_EQ(ev.find('\n'), std::string::npos);
-    at = end + 2;
-    ++count;
   }
   EXPECT_GE(count, 5u);
   close_socket(s);
@@ -281,39 +257,29 @@ TEST_F(Api, EventStreamFramingAndDisconnect) {
   EXPECT_TRUE(test::wait_for_thread_count(before, 2000));
 }
 
+// Streams and short requests while sessions start, seek and stop under them.
 TEST_F(Api, ConcurrentClientsWhileSessionsStartAndStop) {
   std::atomic<bool> done{false};
   std::atomic<int> bad{0};
   std::vector<std::thread> clients;
-  for (int i = 0; i < 20; ++i)
-    clients.emplace_back([&] {
-      SocketHandle s = connect_loopback(server.port());
-      send_all(s, "GET /stream HTTP/1.1\r\n\r\n");
+  for (int i = 0; i < 24; ++i)
+    clients.emplace_back([&, i] {
+      SocketHandle s = i < 20 ? connect_loopback(server.port()) : kInvalidSocket;
+      if (s != kInvalidSocket) send_all(s, "GET /stream HTTP/1.1\r\n\r\n");
       char buf[65536];
       while (!done) {
-        if (recv_some(s, buf, sizeof buf) <= 0) {
-          ++bad;
-          break;
-        }
+        bool ok = s != kInvalidSocket ? recv_some(s, buf, sizeof buf) > 0
+                                      : http_get(server.port(), i % 2 ? "/status" : "/mark?key=5")
+                                            .starts_with("HTTP/1.1 200 OK");
+        if (!ok && ++bad) break;
       }
-      close_socket(s);
-    });
-  for (int i = 0; i < 4; ++i)
-    clients.emplace_back([&, i] {
-      while (!done) {
-        std::string a = http_get(server.port(), i % 2 ? "/status" : "/mark?key=5");
-        if (!a.starts_with("HTTP/1.1 200 OK")) ++bad;
-      }
+      if (s != kInvalidSocket) close_socket(s);
     });
   for (int round = 0; round < 15; ++round) {
     EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=64"), R"({"ok":true})");
     std::this_thread::sleep_for(std::chrono::milliseconds(30 + round * 10));
-    if (round % 3 == 0) {
-      EXPECT_EQ(get("/seek?frac=0.9"), R"({"ok":true})");
-    }
-    if (round % 4 == 1) {
-      EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF"), R"({"ok":true})");
-    }
+    if (round % 3 == 0) EXPECT_EQ(get("/seek?frac=0.9"), R"({"ok":true})");
+    if (round % 4 == 1) EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF"), R"({"ok":true})");
     EXPECT_EQ(get("/stop"), R"({"ok":true})");
   }
   // One replay left to run to its end under load.

@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using test::body_of;
 using test::exchange;
+using test::status_line;
 using test::TestServer;
 
 // Answers with what it parsed, so a test sees the request as the routes do.
@@ -29,10 +30,6 @@ void echo(SocketHandle s, const Request& r) {
                         ",\"query\":{" + q + "},\"body\":" + json_text(r.body) + "}"));
 }
 
-std::string status_line(const std::string& answer) {
-  return answer.substr(0, answer.find("\r\n"));
-}
-
 // True when the server closes `s` within `ms` without sending anything.
 bool closed_within(SocketHandle s, int ms) {
   std::vector<bool> ready;
@@ -42,17 +39,17 @@ bool closed_within(SocketHandle s, int ms) {
   return recv_some(s, &c, 1) <= 0;
 }
 
-TEST(UrlDecode, PlusPercentAndShortEscapes) {
-  EXPECT_EQ(url_decode("x%2By+z"), "x+y z");
-  EXPECT_EQ(url_decode("%41%62"), "Ab");
-  EXPECT_EQ(url_decode("ab%4"), "ab%4");  // fewer than two characters behind '%'
-  EXPECT_EQ(url_decode("%"), "%");
-  EXPECT_EQ(url_decode("%C3%A9"), "\xC3\xA9");
-  // The pair is read like a lenient base-16 conversion: a digit then junk.
-  EXPECT_EQ(url_decode("%4z"), std::string(1, '\x04'));
-}
-
-TEST(UrlDecode, NonHexPairAbortsWithPortableMessage) {
+TEST(UrlDecode, PlusPercentShortEscapesAndNonHexPairs) {
+  const std::pair<const char*, std::string> cases[] = {
+      {"x%2By+z", "x+y z"},
+      {"%41%62", "Ab"},
+      {"%C3%A9", "\xC3\xA9"},
+      {"ab%4", "ab%4"},  // fewer than two characters behind '%'
+      {"%", "%"},
+      {"%4z", std::string(1, '\x04')},  // read like a lenient base-16 conversion
+  };
+  for (const auto& [in, out] : cases) EXPECT_EQ(url_decode(in), out) << in;
+  // A pair with no leading digit aborts, with the same message on every platform.
   for (const char* bad : {"%zz", "a%g1", "%-z"}) {
     try {
       url_decode(bad);
@@ -61,16 +58,6 @@ TEST(UrlDecode, NonHexPairAbortsWithPortableMessage) {
       EXPECT_STREQ(e.what(), "invalid stoi argument") << bad;
     }
   }
-}
-
-TEST(ParseQuery, LaterKeyWinsAndBarePiecesAreSkipped) {
-  auto q = parse_query("a=1&b&a=2&c=&=v&k%20=x%20");
-  EXPECT_EQ(q.at("a"), "2");
-  EXPECT_EQ(q.count("b"), 0u);
-  EXPECT_EQ(q.at("c"), "");
-  EXPECT_EQ(q.at(""), "v");
-  EXPECT_EQ(q.at("k%20"), "x ");  // keys are not decoded
-  EXPECT_TRUE(parse_query("").empty());
 }
 
 TEST(ParseRequestHead, KeepsTheHeadersTheChecksNeed) {
@@ -144,75 +131,57 @@ TEST(HttpServer, GetAndPostGiveTheSameAnswerAndTheQueryIsParsed) {
 
 TEST(HttpServer, PostBodyIsReadAcrossPacketsWhateverTheHeaderCase) {
   TestServer server(echo);
-  std::string a = exchange(server.port(),
-                           {"POST /b HTTP/1.1\r\nCONTENT-LENGTH:   10\r\n\r\n012", "3456", "789"});
-  EXPECT_NE(a.find(R"("body":"0123456789")"), std::string::npos) << a;
-  // Bytes beyond the declared length that came in the same packet are kept.
-  std::string b = exchange(server.port(), {"POST /b HTTP/1.1\r\ncontent-length: 2\r\n\r\nabcd"});
-  EXPECT_NE(b.find(R"("body":"abcd")"), std::string::npos) << b;
-  // A GET never reads a body.
-  std::string c = exchange(server.port(), {"GET /b HTTP/1.1\r\nContent-Length: 5\r\n\r\n"});
-  EXPECT_NE(c.find(R"("body":"")"), std::string::npos) << c;
-}
-
-TEST(HttpServer, ShortBodyIsAnsweredWhenTheClientStopsSending) {
-  TestServer server(echo);
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"POST /b HTTP/1.1\r\nCONTENT-LENGTH:   10\r\n\r\n012", "3456", "789"}, "0123456789"},
+      // Bytes beyond the declared length that came in the same packet are kept.
+      {{"POST /b HTTP/1.1\r\ncontent-length: 2\r\n\r\nabcd"}, "abcd"},
+      {{"GET /b HTTP/1.1\r\nContent-Length: 5\r\n\r\n"}, ""},  // a GET never reads a body
+  };
+  for (const auto& [pieces, body] : cases) {
+    std::string a = exchange(server.port(), pieces);
+    EXPECT_NE(a.find(std::string(R"("body":")") + body + "\""), std::string::npos) << a;
+  }
+  // A short body is answered when the client stops sending.
   std::string a = exchange(server.port(), {"POST /b HTTP/1.1\r\nContent-Length: 100\r\n\r\nxy"},
                            /*half_close=*/true);
   EXPECT_NE(a.find(R"("body":"xy")"), std::string::npos) << a;
 }
 
-TEST(HttpServer, BadEscapeAbortsTheRequestWithOneStderrLine) {
-  TestServer server(echo);
-  testing::internal::CaptureStderr();
-  std::string a = test::http_get(server.port(), "/x?a=%zz");
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(a, "");
-  EXPECT_EQ(err, "[handle] exception: invalid stoi argument\n");
-}
-
-TEST(HttpServer, HandlerFailuresAreContained) {
-  TestServer server([](SocketHandle, const Request& r) {
+// A bad escape and a throwing handler end the request with one stderr line
+// and no answer; an empty connection closes without a word.
+TEST(HttpServer, FailuresAreContainedAndLogged) {
+  int handled = 0;
+  TestServer server([&](SocketHandle s, const Request& r) {
+    ++handled;
     if (r.path == "/std") throw std::runtime_error("boom");
-    throw 42;
+    if (r.path == "/other") throw 42;
+    echo(s, r);
   });
   testing::internal::CaptureStderr();
+  EXPECT_EQ(exchange(server.port(), {}, /*half_close=*/true), "");
+  EXPECT_EQ(handled, 0);
+  EXPECT_EQ(test::http_get(server.port(), "/x?a=%zz"), "");
   EXPECT_EQ(test::http_get(server.port(), "/std"), "");
   EXPECT_EQ(test::http_get(server.port(), "/other"), "");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "[handle] exception: boom\n[handle] unknown exception\n");
+            "[handle] exception: invalid stoi argument\n[handle] exception: boom\n"
+            "[handle] unknown exception\n");
 }
 
-TEST(HttpServer, EmptyConnectionIsClosedSilently) {
-  int handled = 0;
-  TestServer server([&](SocketHandle, const Request&) { ++handled; });
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(exchange(server.port(), {}, /*half_close=*/true), "");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(handled, 0);
-}
-
+// The parser itself is fuzzed (tests/fuzz); here the connections it fails
+// on must end without leaving a thread behind.
 TEST(HttpServer, MalformedInputNeitherCrashesNorLeaksThreads) {
   const int before = test::thread_count();
   {
     TestServer server(echo);
     // Head of 2 MiB with no blank line: parsed from what arrived (the cap is
     // 1 MiB), answered, and the rest of the upload is dropped with the socket.
-    std::string huge = "GET /h" + std::string(2 << 20, 'a');
-    std::string a = exchange(server.port(), {huge}, true);
+    std::string a = exchange(server.port(), {"GET /h" + std::string(2 << 20, 'a')}, true);
     EXPECT_TRUE(a.empty() || a.starts_with("HTTP/1.1 200 OK")) << a.substr(0, 40);
-
-    // Missing words: method only, nothing at all on the request line.
-    EXPECT_NE(exchange(server.port(), {"GET\r\n\r\n"}).find(R"("path":"")"), std::string::npos);
-    EXPECT_NE(exchange(server.port(), {"\r\n\r\n"}).find(R"("method":"")"), std::string::npos);
-
-    // Binary garbage with NULs and high bytes, closed early.
-    std::string garbage;
+    std::string garbage;  // NULs and high bytes, closed early
     for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
     exchange(server.port(), {garbage}, true);
-
-    // A client that disappears before reading its answer.
-    SocketHandle s = connect_loopback(server.port());
+    SocketHandle s = connect_loopback(server.port());  // gone before its answer
     send_all(s, "GET / HTTP/1.1\r\n\r\n");
     close_socket(s);
   }
@@ -227,26 +196,6 @@ TEST(HttpServer, HeadLimitIsExact) {
   std::string req = "GET /ok HTTP/1.1\r\nX-Pad: " + pad + "\r\n\r\n";
   ASSERT_LT(req.size(), kMaxHeadBytes);
   EXPECT_NE(exchange(server.port(), {req}).find(R"("path":"/ok")"), std::string::npos);
-}
-
-TEST(HttpServer, ManyConcurrentClientsAllGetCorrectAnswers) {
-  // 200 connections at once is more than the pending set holds (a browser
-  // opens six); room for all of them keeps this about parsing under load,
-  // not about which one a full set drops.
-  ServerLimits limits;
-  limits.max_pending = 256;
-  TestServer server(echo, limits);
-  for (int round = 0; round < 3; ++round) {
-    std::vector<std::future<std::string>> answers;
-    for (int i = 0; i < 200; ++i)
-      answers.push_back(std::async(std::launch::async, [&, i] {
-        return test::http_get(server.port(), "/c?i=" + std::to_string(i));
-      }));
-    for (int i = 0; i < 200; ++i) {
-      std::string a = answers[i].get();
-      ASSERT_NE(a.find("\"i\":\"" + std::to_string(i) + "\""), std::string::npos) << i << a;
-    }
-  }
 }
 
 TEST(HttpLimits, QuietConnectionIsClosedAtTheHeadTimeout) {
@@ -309,7 +258,7 @@ TEST(HttpLimits, EightGigabyteBodyIsRefusedAtOnceWithFlatMemory) {
   EXPECT_LT(test::resident_bytes(), before + (16 << 20));
 }
 
-TEST(HttpLimits, RequestsBeyondTheWorkerCapWaitThenGet503) {
+TEST(HttpLimits, RequestsBeyondTheWorkerCapGet503) {
   std::atomic<int> holding{0};
   std::atomic<bool> release{false};
   ServerLimits limits;
@@ -325,28 +274,13 @@ TEST(HttpLimits, RequestsBeyondTheWorkerCapWaitThenGet503) {
         echo(s, r);
       },
       limits);
-  auto get = [&](const char* target) {
-    return std::async(std::launch::async,
-                      [&, target] { return test::http_get(server.port(), target); });
-  };
-  auto hold_both_workers = [&] {
-    release = false;
-    std::vector<std::future<std::string>> held;
-    for (int i = 0; i < 2; ++i) held.push_back(get("/hold"));
-    while (holding < 2) std::this_thread::sleep_for(5ms);  // two at once: the cap allows it
-    return held;
-  };
-
-  // A short wait for a worker is ridden out.
-  auto held = hold_both_workers();
-  auto third = get("/third");
-  std::this_thread::sleep_for(100ms);
-  release = true;
-  for (auto& h : held) EXPECT_EQ(status_line(h.get()), "HTTP/1.1 200 OK");
-  EXPECT_NE(third.get().find(R"("path":"/third")"), std::string::npos);
-
-  // A longer one is refused cleanly.
-  held = hold_both_workers();
+  // Two requests hold both workers (the cap allows two at once); a third
+  // that waits longer than worker_wait for one is refused cleanly.
+  std::vector<std::future<std::string>> held;
+  for (int i = 0; i < 2; ++i)
+    held.push_back(
+        std::async(std::launch::async, [&] { return test::http_get(server.port(), "/hold"); }));
+  while (holding < 2) std::this_thread::sleep_for(5ms);
   auto start = Clock::now();
   std::string busy = test::http_get(server.port(), "/busy");
   auto took = Clock::now() - start;

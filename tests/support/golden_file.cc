@@ -44,20 +44,6 @@ GoldenFile read_golden(const std::string& path) {
   return golden;
 }
 
-std::vector<double> read_samples(const std::string& path) {
-  std::vector<double> samples;
-  std::ifstream in(path);
-  std::string line;
-  double v = 0.0;
-  while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.empty()) continue;
-    if (!parse_number(line, v)) return {};
-    samples.push_back(v);
-  }
-  return samples;
-}
-
 std::string source_path(const std::string& relative) {
   return std::string(CVN_SOURCE_DIR) + "/" + relative;
 }

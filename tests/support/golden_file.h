@@ -1,5 +1,4 @@
-// Reference vectors written by tools/make_analysis_golden.py, and recordings
-// in the plain-text sample format.
+// Reference vectors written by tools/make_analysis_golden.py.
 #pragma once
 #include <map>
 #include <string>
@@ -16,9 +15,6 @@ struct GoldenFile {
 
 /// Parses a golden file; `ok` is false when it is missing or malformed.
 GoldenFile read_golden(const std::string& path);
-
-/// One number per line ("nan" allowed); empty when unreadable.
-std::vector<double> read_samples(const std::string& path);
 
 /// Absolute path of a file given relative to the repository root.
 std::string source_path(const std::string& relative);

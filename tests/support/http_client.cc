@@ -45,6 +45,10 @@ std::string body_of(const std::string& answer) {
   return at == std::string::npos ? std::string() : answer.substr(at + 4);
 }
 
+std::string status_line(const std::string& answer) {
+  return answer.substr(0, answer.find("\r\n"));
+}
+
 int thread_count() {
   int n = 0;
   if (DIR* d = ::opendir("/proc/self/task")) {

@@ -20,8 +20,9 @@ std::string exchange(int port, const std::vector<std::string>& pieces, bool half
 std::string http_get(int port, const std::string& target);
 std::string http_post(int port, const std::string& target, const std::string& body);
 
-/// The body behind the blank line of a raw answer.
+/// The body behind the blank line of a raw answer, and its first line.
 std::string body_of(const std::string& answer);
+std::string status_line(const std::string& answer);
 
 /// Threads of this process right now (Linux: /proc/self/task).
 int thread_count();

@@ -35,4 +35,11 @@ bool spit(const std::string& path, const std::string& bytes) {
   return static_cast<bool>(out);
 }
 
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
 }  // namespace cvn::test

@@ -1,6 +1,7 @@
 // A fresh temporary folder per test, removed afterwards.
 #pragma once
 #include <string>
+#include <vector>
 
 namespace cvn::test {
 
@@ -21,5 +22,7 @@ class TempDir {
 std::string slurp(const std::string& path);
 /// Writes bytes, creating parent folders; false on failure.
 bool spit(const std::string& path, const std::string& bytes);
+/// The lines of `text`, without their line feeds.
+std::vector<std::string> lines_of(const std::string& text);
 
 }  // namespace cvn::test

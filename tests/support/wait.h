@@ -44,14 +44,6 @@ struct Sink {
     std::lock_guard<std::mutex> g(mu);
     return statuses;
   }
-  std::string last() {
-    std::lock_guard<std::mutex> g(mu);
-    return statuses.empty() ? "" : statuses.back();
-  }
-  std::size_t sample_count() {
-    std::lock_guard<std::mutex> g(mu);
-    return samples.size();
-  }
   bool wait_for(const std::string& status,
                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     return wait_until(
