@@ -8,7 +8,7 @@
 #   test code     tests/**/*.{cc,h,py,mjs,sh}, plus the tools whose only purpose is to
 #                 make test data (tools/make_*golden*.py, tools/make_*reference*.py): they
 #                 are independent references the tests compare against, not part of the
-#                 program. Left out: tests/**/golden/ (generated vectors and recordings),
+#                 program; and the checks kept in tools/ (wine_smoke.sh, check_layers.sh). Left out: tests/**/golden/ (generated vectors and recordings),
 #                 node_modules/, package*.json.
 #   product code  base/ analysis/ sensor/ engine/ reports/ server/ app/ assets/ web/ and the
 #                 remaining tools/, files *.{cc,h,js,html,css,py,sh}: everything that ships
@@ -33,14 +33,15 @@ count_lines() {
 }
 
 is_test_tool() {
-  [[ "$1" == tools/make_*golden*.py || "$1" == tools/make_*reference*.py ]]
+  [[ "$1" == tools/make_*golden*.py || "$1" == tools/make_*reference*.py ||
+     "$1" == tools/wine_smoke.sh || "$1" == tools/check_layers.sh ]]
 }
 
 test_files() {
   find tests -type d \( -name golden -o -name node_modules \) -prune -o -type f \
     \( -name '*.cc' -o -name '*.h' -o -name '*.py' -o -name '*.mjs' -o -name '*.sh' \) -print
   local f
-  for f in tools/*.py; do
+  for f in tools/*.py tools/*.sh; do
     if [[ -e "$f" ]] && is_test_tool "$f"; then echo "$f"; fi
   done
 }
