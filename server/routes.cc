@@ -225,6 +225,9 @@ Response batch_run(const ServerContext& c, const Request& r) {
 
 Response import(const ServerContext& c, const Request& r) {
   std::string file_name = r.param("fname");
+  // Browsers send the bare name of the chosen file; anything else is not ours.
+  if (!file_name.empty() && !is_plain_file_name(file_name))
+    return Response::json(R"({"ok":false,"note":"The file name must not contain a folder."})");
   if (file_name.empty()) file_name = r.param("name");
   if (file_name.empty()) file_name = "import.txt";
   ImportResult i = c.engine->import_recording(r.body, file_name, session_settings(r.query),
