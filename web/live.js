@@ -52,9 +52,17 @@ function onSnapshot(s) {
 
 // ---------- per animation frame ----------
 
+// The ball swells over seconds: 30 moves a second look as smooth as 60, and
+// every frame the page draws costs the main thread a paint and a commit.
+const kPacerFrameMs = 1000 / 30 - 2;
+let pacerDrawn = -Infinity;
+
 function frame(ts) {
   frameId = requestAnimationFrame(frame);
-  pacer.draw(ts / 1000, last);
+  if (ts - pacerDrawn >= kPacerFrameMs) {
+    pacerDrawn = ts;
+    pacer.draw(ts / 1000, last);
+  }
   if (!last) return;
   if (dirty.text) renderTexts(last);
   if (dirty.markers) renderMarkers(last.markers || []);
