@@ -13,14 +13,16 @@ const { CVN_URL: BASE, CVN_STRAP_URL: STRAP, CVN_ARTIFACTS: ARTIFACTS = os.tmpdi
 if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
 
 let browser;
+const trees = [];
 before(async () => {
-  browser = await chromium.launch({
-    executablePath: process.env.CHROMIUM || '/usr/bin/chromium', headless: true,
+  browser = await chromium.launch({ executablePath: process.env.CHROMIUM || '/usr/bin/chromium', headless: true,
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-  });
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'] });
 });
-after(() => browser?.close());
+after(async () => {
+  await browser?.close();
+  for (const dir of trees) fs.rmSync(dir, { recursive: true, force: true });
+});
 
 // A fresh profile per test and no session left running by an earlier one (the page would resume it).
 async function openPage(width, height, base = BASE) {
@@ -50,6 +52,8 @@ const waitElapsed = (page, seconds, timeout = 20000) => page.waitForFunction((s)
   parseFloat(document.getElementById('elapsedVal').textContent) >= s, seconds, { timeout });
 const waitFlow = (page, phase, timeout = 60000) =>
   page.waitForSelector(`#flow[data-phase="${phase}"]`, { state: 'attached', timeout });
+// Agrees to what the import or batch dialog proposes and waits for its end.
+const flowGo = (page, timeout) => page.click('#flowGo').then(() => waitFlow(page, 'end', timeout));
 const ballScale = (page) => page.$eval('#ball', (b) => parseFloat(/scale\(([\d.]+)\)/.exec(b.style.transform)?.[1] ?? 'NaN'));
 
 // Opaque pixels of a canvas in the ECG's dark ink or the heart-rate line's red, right of `fromX` CSS pixels.
@@ -185,9 +189,10 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   await done();
 });
 
-// Files written under a fresh temporary folder: { relative path: contents }.
+// Files written under a fresh temporary folder (removed after the tests): { relative path: contents }.
 function tempTree(files) {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'cvn-web-'));
+  trees.push(dir);
   for (const [rel, body] of Object.entries(files)) {
     fs.mkdirSync(path.dirname(path.join(dir, rel)), { recursive: true });
     fs.writeFileSync(path.join(dir, rel), body);
@@ -233,43 +238,35 @@ test('export of a short replay: its folder and the six files', async () => {
 test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a refusal in words', async () => {
   const { page, calls, done } = await openPage(1366, 850);
   const tree = tempTree({ 'Holter strip.txt': sampleEcg(40, 360), 'kubios_rr.csv': kubiosRr(300), 'photo.txt': 'not an ECG\n' });
-  try {
-    await page.fill('#name', 'Ben');
-    await page.click('#sourceSwitch >> text=Open a recording');
-    await choose(page, '#importFileBtn', path.join(tree, 'Holter strip.txt'));
-    await waitFlow(page, 'confirm');
-    assert.equal(calls('/import').length, 0, 'the file was sent before the user agreed');
-    await page.fill('#fs', '360');
-    await shot(page, 'import-file-1366.png');
-    await page.click('#flowGo');
-    await waitText(page, '#sourceText', /^Imported — Holter_strip$/);
-    assert.equal(await text(page, '#liveTitle'), 'Playback · Ben');
-    const q = calls('/import')[0].searchParams;
-    assert.deepEqual(['fname', 'fs', 'speed', 'name'].map((k) => q.get(k)), ['Holter strip.txt', '360', '2', 'Ben']);
-    await waitText(page, '#scrubTotal', /^0:40$/);  // 40 s at 360 Hz is 40 s at 130 Hz once resampled
-    await page.click('#newBtn');
-    await page.waitForFunction(() => [...document.querySelectorAll('#recording option')]
-      .some((e) => /^imported_Holter_strip_\d{8}-\d{6}\.csv$/.test(e.value)));
+  await page.fill('#name', 'Ben');
+  await page.click('#sourceSwitch >> text=Open a recording');
+  await choose(page, '#importFileBtn', path.join(tree, 'Holter strip.txt'));
+  await waitFlow(page, 'confirm');
+  assert.equal(calls('/import').length, 0, 'the file was sent before the user agreed');
+  await page.fill('#fs', '360');
+  await page.click('#flowGo');
+  await waitText(page, '#sourceText', /^Imported — Holter_strip$/);
+  assert.equal(await text(page, '#liveTitle'), 'Playback · Ben');
+  const q = calls('/import')[0].searchParams;
+  assert.deepEqual(['fname', 'fs', 'speed', 'name'].map((k) => q.get(k)), ['Holter strip.txt', '360', '2', 'Ben']);
+  await waitText(page, '#scrubTotal', /^0:40$/);  // 40 s at 360 Hz is 40 s at 130 Hz once resampled
+  await page.click('#newBtn');
+  await page.waitForFunction(() => [...document.querySelectorAll('#recording option')]
+    .some((e) => /^imported_Holter_strip_\d{8}-\d{6}\.csv$/.test(e.value)));
 
-    await choose(page, '#importFileBtn', path.join(tree, 'kubios_rr.csv'));
-    await waitFlow(page, 'confirm');
-    assert.equal(await page.isHidden('#fsField'), true);
-    await page.click('#flowGo');
-    await waitFlow(page, 'end');
-    assert.equal(await text(page, '#flowDone'), '2 reports written to', await text(page, '#flow'));
-    assert.ok((await listed(page, '#flowReports')).some((r) => /^kubios_rr_\d{8}-\d{6}_summary_report\.pdf$/.test(r)));
-    await shot(page, 'import-kubios-1366.png');
-    await page.click('#flowCancel');
+  await choose(page, '#importFileBtn', path.join(tree, 'kubios_rr.csv'));
+  await waitFlow(page, 'confirm');
+  await flowGo(page);
+  assert.equal(await text(page, '#flowDone'), '2 reports written to', await text(page, '#flow'));
+  assert.ok((await listed(page, '#flowReports')).some((r) => /^kubios_rr_\d{8}-\d{6}_summary_report\.pdf$/.test(r)));
+  await shot(page, 'import-kubios-1366.png');
+  await page.click('#flowCancel');
 
-    await choose(page, '#importFileBtn', path.join(tree, 'photo.txt'));
-    await waitFlow(page, 'confirm');
-    await page.click('#flowGo');
-    await waitFlow(page, 'end');
-    assert.equal(await text(page, '#flowError'),
-      'That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios export.');
-  } finally {
-    fs.rmSync(tree, { recursive: true, force: true });
-  }
+  await choose(page, '#importFileBtn', path.join(tree, 'photo.txt'));
+  await waitFlow(page, 'confirm');
+  await flowGo(page);
+  assert.equal(await text(page, '#flowError'),
+    'That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios export.');
   await done();
 });
 
@@ -280,25 +277,19 @@ test('batch: two persons and a bad file, uploaded, reports and the error listed'
     'Study/Anna/morning.txt': ecg, 'Study/Anna/evening.txt': ecg, 'Study/Anna/morning_markers.csv': '',
     'Study/Ben/rest.csv': kubiosRr(200), 'Study/Ben/notes.txt': 'seen on Monday\n', 'Study/protocol.docx': 'x',
   });
-  try {
-    await page.click('#sourceSwitch >> text=Open a recording');
-    await choose(page, '#batchBtn', path.join(tree, 'Study'));
-    await waitFlow(page, 'confirm');
-    assert.equal(calls('/batch_new').length, 0);
-    assert.equal(await text(page, '#flowFacts dd:last-of-type'), 'Anna: 2 recordings · Ben: 2 recordings');
-    await shot(page, 'batch-confirm-1366.png');
-    await page.click('#flowGo');
-    await waitFlow(page, 'end', 90000);
-    assert.deepEqual(calls('/batch_upload').map((u) => u.searchParams.get('rel')),
-      ['Anna/evening.txt', 'Anna/morning.txt', 'Anna/morning_markers.csv', 'Ben/notes.txt', 'Ben/rest.csv']);
-    assert.equal(await text(page, '#flowDone'), '4 reports written to');
-    const reports = await listed(page, '#flowReports');
-    assert.ok(reports.length === 4 && /^Study_\d{8}-\d{6}_summary_report\.pdf$/.test(reports[0]), reports.join(' | '));
-    assert.deepEqual(await listed(page, '#flowFailedList'), ['Ben/notes.txt — Not a recording: no samples in it.']);
-    await shot(page, 'batch-done-1366.png');
-  } finally {
-    fs.rmSync(tree, { recursive: true, force: true });
-  }
+  await page.click('#sourceSwitch >> text=Open a recording');
+  await choose(page, '#batchBtn', path.join(tree, 'Study'));
+  await waitFlow(page, 'confirm');
+  assert.equal(calls('/batch_new').length, 0);
+  assert.equal(await text(page, '#flowFacts dd:last-of-type'), 'Anna: 2 recordings · Ben: 2 recordings');
+  await flowGo(page, 90000);
+  assert.deepEqual(calls('/batch_upload').map((u) => u.searchParams.get('rel')),
+    ['Anna/evening.txt', 'Anna/morning.txt', 'Anna/morning_markers.csv', 'Ben/notes.txt', 'Ben/rest.csv']);
+  assert.equal(await text(page, '#flowDone'), '4 reports written to');
+  const reports = await listed(page, '#flowReports');
+  assert.ok(reports.length === 4 && /^Study_\d{8}-\d{6}_summary_report\.pdf$/.test(reports[0]), reports.join(' | '));
+  assert.deepEqual(await listed(page, '#flowFailedList'), ['Ben/notes.txt — Not a recording: no samples in it.']);
+  await shot(page, 'batch-done-1366.png');
   await done();
 });
 
