@@ -25,11 +25,9 @@ until_true() { local n=$1; shift; until "$@"; do ((n-- > 0)) || return 1; sleep 
 # A private system bus whose BlueZ reports no adapter. (With no BlueZ at all
 # the program stays optimistic and offers the scan, which then explains the failure.)
 bus="unix:path=$work/bus"
-dbus-daemon --config-file="$root/tests/sensor/bus.conf" --address="$bus" --nofork >"$work/bus.log" 2>&1 &
-pids+=("$!")
+dbus-daemon --config-file="$root/tests/sensor/bus.conf" --address="$bus" --nofork >"$work/bus.log" 2>&1 & pids+=("$!")
 until_true 50 test -S "$work/bus" || true
-"$python" "$root/tests/sensor/fake_bluez.py" --address "$bus" --no-adapter >"$work/bluez.log" 2>&1 &
-pids+=("$!")
+"$python" "$root/tests/sensor/fake_bluez.py" --address "$bus" --no-adapter >"$work/bluez.log" 2>&1 & pids+=("$!")
 until_true 50 grep -q ready "$work/bluez.log" || { echo "web tests: the stand-in BlueZ did not start" >&2; cat "$work/bluez.log" >&2; exit 1; }
 
 # start_program NAME [VAR=value...]: sets $port to the port it printed. A
@@ -39,8 +37,7 @@ start_program() {
   shift
   mkdir -p "$log/home"
   env -u CVN_BASE -u CVN_DATA -u USERPROFILE -u CVN_SIMULATED_STRAP HOME="$log/home" CVN_NO_BROWSER=1 "$@" \
-    "$bin" "$((20000 + RANDOM % 30000))" >"$log/out.log" 2>"$log/err.log" &
-  pids+=("$!")
+    "$bin" "$((20000 + RANDOM % 30000))" >"$log/out.log" 2>"$log/err.log" & pids+=("$!")
   port_in() { port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$1")" && [[ -n "$port" ]]; }
   until_true 150 port_in "$log/out.log" ||
     { echo "web tests: the program ($name) did not print its address" >&2; cat "$log"/*.log >&2; exit 1; }
