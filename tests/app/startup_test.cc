@@ -169,19 +169,11 @@ TEST(ReportLogo, DiskFirstThenEmbedded) {
   EXPECT_TRUE(load_report_logo(web.path()).empty());  // unreadable image: no logo at all
 }
 
-class Log : public testing::Test {
- protected:
-  void SetUp() override {
-    saved_home_ = std::getenv("HOME") ? std::getenv("HOME") : "";
-    ::unsetenv("USERPROFILE");
-    ::setenv("HOME", home.path().c_str(), 1);
-  }
-  void TearDown() override { ::setenv("HOME", saved_home_.c_str(), 1); }
+TEST(Log, OneTimestampedLinePerCallAndNoFolderMeansNoLog) {
   TempDir home;
-  std::string saved_home_;
-};
-
-TEST_F(Log, OneTimestampedLinePerCallAndNoFolderMeansNoLog) {
+  const std::string saved_home = std::getenv("HOME") ? std::getenv("HOME") : "";
+  ::unsetenv("USERPROFILE");
+  ::setenv("HOME", home.path().c_str(), 1);
   logLine("nothing");
   EXPECT_FALSE(fs::exists(home / "Documents"));
 
@@ -199,6 +191,7 @@ TEST_F(Log, OneTimestampedLinePerCallAndNoFolderMeansNoLog) {
   ::setenv("USERPROFILE", other.path().c_str(), 1);
   EXPECT_EQ(log_path(), other / "Documents/CVN-Live/cvn_log.txt");
   ::unsetenv("USERPROFILE");
+  ::setenv("HOME", saved_home.c_str(), 1);
 }
 
 }  // namespace

@@ -202,7 +202,7 @@ TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
   EXPECT_EQ(stack->link()->attempts, 4);
 }
 
-TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
+TEST_F(PolarBleTest, StartsWithoutASettingsReplyButNotWithoutCharacteristics) {
   stack->s.pmd_found_on_attempt = 3;
   stack->s.settings_reply = false;
   PolarBle ble(stack, quick(), logger());
@@ -210,11 +210,7 @@ TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
   ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
   EXPECT_NE(log().find("] no settings response (sending start anyway)\n"), std::string::npos);
   EXPECT_EQ(stack->link()->writes.back(), pmd_start_ecg());
-}
-
-TEST_F(PolarBleTest, MissingCharacteristics) {
   stack->s.characteristics = false;
-  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   EXPECT_TRUE(sink.wait_for("Polar ECG characteristics missing."));
   EXPECT_NE(log().find("] control/data char missing\n"), std::string::npos);
