@@ -118,16 +118,6 @@ struct FakeStack : BleBackend {
   }
 };
 
-BleTimings quick() {
-  BleTimings t;
-  t.warm_up = 0ms;
-  t.scan = 50ms;
-  t.retry_pause = 10ms;
-  t.settings_poll = 2ms;
-  t.before_start = 1ms;
-  return t;
-}
-
 class PolarBleTest : public testing::Test {
  protected:
   void SetUp() override { stack = std::make_shared<FakeStack>(); }
@@ -154,7 +144,7 @@ class PolarBleTest : public testing::Test {
 };
 
 TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyNot) {
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   EXPECT_EQ(ble.scan().error,
             "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
             "close.");
@@ -184,7 +174,7 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyN
 // statuses; its vanishing strap the "Disconnected."; pmd_test the frames.
 TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
   stack->s.pmd_found_on_attempt = 0;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   const std::string failure =
       "Could not reach the Polar ECG service (Unreachable). Moisten the strap, keep it close, and "
@@ -205,7 +195,7 @@ TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
 TEST_F(PolarBleTest, StartsWithoutASettingsReplyButNotWithoutCharacteristics) {
   stack->s.pmd_found_on_attempt = 3;
   stack->s.settings_reply = false;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
   EXPECT_NE(log().find("] no settings response (sending start anyway)\n"), std::string::npos);
@@ -218,7 +208,7 @@ TEST_F(PolarBleTest, StartsWithoutASettingsReplyButNotWithoutCharacteristics) {
 
 TEST_F(PolarBleTest, StopWhileConnectingClosesTheLinkItOpensLater) {
   stack->s.open_delay = 100ms;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(test::wait_until([&] { return stack->opening.load(); }, 2s));
   ble.stop();
@@ -233,7 +223,8 @@ TEST_F(PolarBleTest, StopWhileConnectingClosesTheLinkItOpensLater) {
 TEST(SimulatedStrap, LiveSessionReceivesTheRecordingInOrder) {
   test::TempDir data;
   const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
-  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_strap(ecg), quick()));
+  Engine engine(data.path(),
+                std::make_unique<PolarBle>(make_simulated_strap(ecg), test::quick_timings()));
   ScanResult found = engine.sensor()->scan();
   ASSERT_EQ(found.devices.size(), 1u);
   EXPECT_EQ(found.devices[0].name, "Polar H10 SIM00001");
