@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <future>
 #include <thread>
 
 #include "assets/assets.h"
