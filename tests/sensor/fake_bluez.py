@@ -182,10 +182,7 @@ class Device(BluezObject):
     @dbus.service.method("org.bluez.Device1", async_callbacks=("ok", "err"))
     def Connect(self, ok, err):
         self.fake.log("Connect", self.address)
-        if self.props["Connected"]:
-            ok()
-        else:
-            GLib.timeout_add(10, self.link_up, ok)
+        GLib.timeout_add(10, self.link_up, ok)
 
     @dbus.service.method("org.bluez.Device1")
     def Disconnect(self):
