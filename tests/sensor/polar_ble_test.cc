@@ -121,22 +121,16 @@ struct FakeStack : BleBackend {
 class PolarBleTest : public testing::Test {
  protected:
   void SetUp() override { stack = std::make_shared<FakeStack>(); }
-  // The link's diagnostic lines, as the log file would hold them. Shared,
-  // because a detached worker may log after the test has ended.
-  struct Lines {
-    std::mutex mu;
-    std::string text;
-  };
-  std::shared_ptr<Lines> lines = std::make_shared<Lines>();
+  // The link's diagnostic lines, each as "] line\n" like the log file's.
+  // Shared, because a detached worker may log after the test has ended.
+  std::shared_ptr<Sink> lines = std::make_shared<Sink>();
   LogSink logger() {
-    return [l = lines](std::string_view m) {
-      std::lock_guard<std::mutex> g(l->mu);
-      l->text += "00:00:00  [BLE] " + std::string(m) + "\n";
-    };
+    return [l = lines](std::string_view m) { l->status_cb()(std::string(m)); };
   }
   std::string log() {
-    std::lock_guard<std::mutex> g(lines->mu);
-    return lines->text;
+    std::string text;
+    for (const std::string& line : lines->status_list()) text += "] " + line + "\n";
+    return text;
   }
 
   std::shared_ptr<FakeStack> stack;
@@ -160,7 +154,7 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyN
                      {"A0:9E:1A:00:00:01", "Polar H10 1234"},
                      {"C0:FF:EE:00:00:02", "Polar H10 0000B"}}));
   EXPECT_EQ(r.error, "");
-  EXPECT_NE(log().find("  [BLE] scan() done, 3 named device(s)\n"), std::string::npos);
+  EXPECT_NE(log().find("] scan() done, 3 named device(s)\n"), std::string::npos);
   stack->scan_fails = true;
   r = ble.scan();
   EXPECT_TRUE(r.devices.empty());
