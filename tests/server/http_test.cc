@@ -57,8 +57,6 @@ TEST(ParseRequestHead, KeepsTheHeadersTheChecksNeed) {
   Request r = parse_request_head(
       "GET /a?b=1 HTTP/1.1\r\nhOsT:  127.0.0.1:8000 \r\nORIGIN: http://x\r\n"
       "Sec-Fetch-Site:cross-site\r\nContent-Length: 12\r\nContent-Length: 7\r\nX: y");
-  EXPECT_EQ(r.path, "/a");
-  EXPECT_EQ(r.version, "HTTP/1.1");
   EXPECT_EQ(r.host, "127.0.0.1:8000");
   EXPECT_EQ(r.origin, "http://x");
   EXPECT_EQ(r.sec_fetch_site, "cross-site");
