@@ -29,8 +29,6 @@ using namespace std::chrono_literals;
 constexpr const char* kStrap = "F0:13:C3:AB:CD:12";
 constexpr const char* kStrapName = "Polar H10 ABCDEF12";
 constexpr int kFrameSamples = 73;
-constexpr const char* kScanStartFailed =
-    "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.";
 
 int count_lines(const std::string& text, const std::string& line) {
   const std::vector<std::string> lines = test::lines_of(text);
@@ -92,15 +90,6 @@ class BluezTest : public testing::Test {
     ASSERT_TRUE(fake_->wait_for_output("ready", 10000)) << fake_->err();
   }
 
-  static BleTimings quick() {
-    BleTimings t;
-    t.warm_up = 0ms;
-    t.scan = 50ms;
-    t.retry_pause = 50ms;
-    t.settings_poll = 10ms;
-    t.before_start = 10ms;
-    return t;
-  }
   std::string fake_log() const { return test::slurp(dir_ / "fake.log"); }
   static std::string recording() { return test::source_path("assets/Sample 1.txt"); }
   static std::vector<double> recorded() { return read_recording(test::slurp(recording())); }
@@ -132,7 +121,6 @@ TEST_F(BluezTest, ScanListsTheNamedDevicesInAddressOrderAfterTenSeconds) {
   EXPECT_EQ(r.error, "");
   EXPECT_GE(took, 10s);
   EXPECT_LT(took, 12s);
-  EXPECT_TRUE(contains(test::slurp(log_path()), "] scan() done, 3 named device(s)\n"));
   // One discovery session shared by both, started with the LE filter and
   // stopped when the last one ended.
   std::string calls = fake_log();
@@ -143,11 +131,12 @@ TEST_F(BluezTest, ScanListsTheNamedDevicesInAddressOrderAfterTenSeconds) {
 
 TEST_F(BluezTest, AdapterMissingSwitchedOffOrUnreachable) {
   auto check = [](bool want_available, const char* what) {
-    PolarBle ble(make_platform_backend(), quick());
+    PolarBle ble(make_platform_backend(), test::quick_timings());
     EXPECT_EQ(ble.available(), want_available) << what;
     ScanResult r = ble.scan();
     EXPECT_TRUE(r.devices.empty()) << what;
-    EXPECT_EQ(r.error, kScanStartFailed) << what;
+    EXPECT_EQ(r.error, "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.")
+        << what;
   };
   ASSERT_NO_FATAL_FAILURE(start_fake({"--no-adapter"}));
   check(false, "BlueZ without an adapter");
@@ -170,7 +159,8 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) 
   const std::vector<double> want = recorded();
   ASSERT_GT(want.size(), 10000u);
   test::TempDir data;
-  Engine engine(data.path(), std::make_unique<PolarBle>(make_platform_backend(), quick()));
+  Engine engine(data.path(),
+                std::make_unique<PolarBle>(make_platform_backend(), test::quick_timings()));
   engine.start_live(kStrap, std::string(kStrapName), {});
   ASSERT_TRUE(test::wait_until([&] { return contains(fake_log(), "stream complete"); }, 30s));
   // The last frame may still be on its way through the bus.
@@ -215,7 +205,7 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) 
 TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {
   ASSERT_NO_FATAL_FAILURE(start_fake({"--frame-ms", "10", "--vanish-after-frames", "40"}));
   test::Sink sink;  // outlives the link's worker
-  PolarBle ble(make_platform_backend(), quick());
+  PolarBle ble(make_platform_backend(), test::quick_timings());
   ble.connectAndStream(kStrap, sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Disconnected."));
   EXPECT_EQ(sink.status_list(), (std::vector<std::string>{"Connecting…", "Connected. Starting ECG…",

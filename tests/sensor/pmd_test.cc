@@ -21,12 +21,6 @@ TEST(PmdCommands, ExactBytes) {
   EXPECT_EQ(pmd_start_ecg(), (Bytes{0x02, 0x00, 0x00, 0x01, 0x82, 0x00, 0x01, 0x01, 0x0E, 0x00}));
 }
 
-TEST(PmdFrames, TwentyFourBitTwosComplement) {
-  EXPECT_EQ(decode_ecg_frame(frame(
-                0, 0, {0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0xFF, 0x2C, 0x01, 0x00})),
-            (std::vector<double>{8388607, -8388608, -1, 300}));
-}
-
 TEST(PmdFrames, LengthsTypesAndTrailingBytes) {
   EXPECT_TRUE(decode_ecg_frame(frame(0, 0, {})).empty());  // 10 bytes: header only
   EXPECT_TRUE(decode_ecg_frame(Bytes{0, 1, 2, 3, 4, 5, 6, 7, 8}).empty());
@@ -38,7 +32,11 @@ TEST(PmdFrames, LengthsTypesAndTrailingBytes) {
   EXPECT_TRUE(decode_ecg_frame(frame(0, 128, {1, 0, 0})).empty());          // compressed frame
 }
 
-TEST(PmdFrames, EncoderRoundTripsAndClampsTo24Bits) {
+TEST(PmdFrames, TwentyFourBitTwosComplementBothWays) {
+  EXPECT_EQ(decode_ecg_frame(frame(
+                0, 0, {0xFF, 0xFF, 0x7F, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0xFF, 0x2C, 0x01, 0x00})),
+            (std::vector<double>{8388607, -8388608, -1, 300}));
+  // The encoder rounds half away from zero and clamps to 24 bits.
   std::vector<double> in = {0, 1, -1, 1234.4, -1234.6, 9e6, -9e6};
   Bytes f = encode_ecg_frame(0x0102030405060708ull, in);
   EXPECT_EQ(f.size(), 10u + 3 * in.size());

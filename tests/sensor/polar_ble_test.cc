@@ -118,35 +118,19 @@ struct FakeStack : BleBackend {
   }
 };
 
-BleTimings quick() {
-  BleTimings t;
-  t.warm_up = 0ms;
-  t.scan = 50ms;
-  t.retry_pause = 10ms;
-  t.settings_poll = 2ms;
-  t.before_start = 1ms;
-  return t;
-}
-
 class PolarBleTest : public testing::Test {
  protected:
   void SetUp() override { stack = std::make_shared<FakeStack>(); }
-  // The link's diagnostic lines, as the log file would hold them. Shared,
-  // because a detached worker may log after the test has ended.
-  struct Lines {
-    std::mutex mu;
-    std::string text;
-  };
-  std::shared_ptr<Lines> lines = std::make_shared<Lines>();
+  // The link's diagnostic lines, each as "] line\n" like the log file's.
+  // Shared, because a detached worker may log after the test has ended.
+  std::shared_ptr<Sink> lines = std::make_shared<Sink>();
   LogSink logger() {
-    return [l = lines](std::string_view m) {
-      std::lock_guard<std::mutex> g(l->mu);
-      l->text += "00:00:00  [BLE] " + std::string(m) + "\n";
-    };
+    return [l = lines](std::string_view m) { l->status_cb()(std::string(m)); };
   }
   std::string log() {
-    std::lock_guard<std::mutex> g(lines->mu);
-    return lines->text;
+    std::string text;
+    for (const std::string& line : lines->status_list()) text += "] " + line + "\n";
+    return text;
   }
 
   std::shared_ptr<FakeStack> stack;
@@ -154,7 +138,7 @@ class PolarBleTest : public testing::Test {
 };
 
 TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyNot) {
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   EXPECT_EQ(ble.scan().error,
             "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
             "close.");
@@ -170,7 +154,7 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyN
                      {"A0:9E:1A:00:00:01", "Polar H10 1234"},
                      {"C0:FF:EE:00:00:02", "Polar H10 0000B"}}));
   EXPECT_EQ(r.error, "");
-  EXPECT_NE(log().find("  [BLE] scan() done, 3 named device(s)\n"), std::string::npos);
+  EXPECT_NE(log().find("] scan() done, 3 named device(s)\n"), std::string::npos);
   stack->scan_fails = true;
   r = ble.scan();
   EXPECT_TRUE(r.devices.empty());
@@ -184,7 +168,7 @@ TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyN
 // statuses; its vanishing strap the "Disconnected."; pmd_test the frames.
 TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
   stack->s.pmd_found_on_attempt = 0;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   const std::string failure =
       "Could not reach the Polar ECG service (Unreachable). Moisten the strap, keep it close, and "
@@ -202,19 +186,15 @@ TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
   EXPECT_EQ(stack->link()->attempts, 4);
 }
 
-TEST_F(PolarBleTest, FoundOnALaterAttemptAndStartsWithoutASettingsReply) {
+TEST_F(PolarBleTest, StartsWithoutASettingsReplyButNotWithoutCharacteristics) {
   stack->s.pmd_found_on_attempt = 3;
   stack->s.settings_reply = false;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(sink.wait_for("Streaming ECG…"));
   EXPECT_NE(log().find("] no settings response (sending start anyway)\n"), std::string::npos);
   EXPECT_EQ(stack->link()->writes.back(), pmd_start_ecg());
-}
-
-TEST_F(PolarBleTest, MissingCharacteristics) {
   stack->s.characteristics = false;
-  PolarBle ble(stack, quick(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   EXPECT_TRUE(sink.wait_for("Polar ECG characteristics missing."));
   EXPECT_NE(log().find("] control/data char missing\n"), std::string::npos);
@@ -222,7 +202,7 @@ TEST_F(PolarBleTest, MissingCharacteristics) {
 
 TEST_F(PolarBleTest, StopWhileConnectingClosesTheLinkItOpensLater) {
   stack->s.open_delay = 100ms;
-  PolarBle ble(stack, quick(), logger());
+  PolarBle ble(stack, test::quick_timings(), logger());
   ble.connectAndStream("A0:9E:1A:00:00:01", sink.samples_cb(), sink.status_cb());
   ASSERT_TRUE(test::wait_until([&] { return stack->opening.load(); }, 2s));
   ble.stop();
@@ -237,7 +217,8 @@ TEST_F(PolarBleTest, StopWhileConnectingClosesTheLinkItOpensLater) {
 TEST(SimulatedStrap, LiveSessionReceivesTheRecordingInOrder) {
   test::TempDir data;
   const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
-  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_strap(ecg), quick()));
+  Engine engine(data.path(),
+                std::make_unique<PolarBle>(make_simulated_strap(ecg), test::quick_timings()));
   ScanResult found = engine.sensor()->scan();
   ASSERT_EQ(found.devices.size(), 1u);
   EXPECT_EQ(found.devices[0].name, "Polar H10 SIM00001");

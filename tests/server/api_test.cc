@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <future>
 #include <thread>
 
 #include "assets/assets.h"
@@ -12,8 +11,8 @@
 #include "server/routes.h"
 #include "tests/support/http_client.h"
 #include "tests/support/kubios_export.h"
-#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 namespace {
@@ -75,9 +74,6 @@ TEST_F(Api, WithoutASensorLinkScanIsEmptyAndLiveStillStarts) {
 }
 
 TEST_F(Api, ReplayControlRoutes) {
-  std::string missing = http_get(server.port(), "/start_replay?file=nope.txt");
-  EXPECT_EQ(status_line(missing), "HTTP/1.1 404 OK");
-  EXPECT_EQ(body_of(missing), R"({"error":"file not found"})");
   EXPECT_EQ(get("/mark?key=3"), R"({"ok":false})");  // nothing running
 
   EXPECT_EQ(get("/start_replay?dir=saved&file=r.csv&speed=0"), R"({"ok":true})");
@@ -181,7 +177,8 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
             std::string::npos)
       << st;
   EXPECT_NE(
-      st.find(R"("failed":[{"file":"Ben/notes.txt","error":"Not a recording: no samples in it."}])"),
+      st.find(
+          R"("failed":[{"file":"Ben/notes.txt","error":"Not a recording: no samples in it."}])"),
       std::string::npos)
       << st;
   // Nothing but the program's own folders in the data folder.
@@ -206,10 +203,9 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
   std::size_t at = st.find("_summary_report.pdf");
   ASSERT_NE(at, std::string::npos) << st;
   std::size_t start = st.rfind('"', at) + 1;
+  // What the summary holds is the report tests' business; here it must exist.
   const std::string pdf = data / ("exports/" + st.substr(start, at + 19 - start));
-  EXPECT_EQ(test::run_tool({"/usr/bin/qpdf", "--check", pdf}).status, 0);
-  const std::string text = test::run_tool({"/usr/bin/pdftotext", pdf, "-"}).out;
-  for (const char* t : {"Name:", "CVN (logpower)"}) EXPECT_NE(text.find(t), std::string::npos) << t;
+  EXPECT_TRUE(test::slurp(pdf).starts_with("%PDF-")) << pdf;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
@@ -254,7 +250,7 @@ TEST_F(Api, EventStreamFramingAndDisconnect) {
   EXPECT_GE(count, 5u);
   close_socket(s);
   // The stream's thread notices at its next send, within about 50 ms.
-  EXPECT_TRUE(test::wait_for_thread_count(before, 2000));
+  EXPECT_TRUE(test::wait_until([&] { return test::thread_count() <= before; }, 2s));
 }
 
 // Streams and short requests while sessions start, seek and stop under them.
@@ -296,40 +292,37 @@ std::string with_headers(int port, const std::string& target, const std::string&
   return test::exchange(port, {"GET " + target + " HTTP/1.1\r\n" + headers + "\r\n\r\n"});
 }
 
-TEST_F(Api, ForeignHostGetsNoData) {
-  // A page on evil.example whose name was rebound to 127.0.0.1.
-  for (const char* target : {"/status", "/", "/recordings"}) {
-    std::string a =
-        with_headers(server.port(), target, "Host: evil.example:" + std::to_string(server.port()));
+// A page on evil.example whose name was rebound to 127.0.0.1, or one that
+// posts to us from another site, gets nothing and changes nothing.
+TEST_F(Api, ForeignHostAndCrossSiteRequestsAreRefused) {
+  ASSERT_EQ(get("/start_replay?file=Sample%201.txt&speed=0"), R"({"ok":true})");
+  const std::string port = std::to_string(server.port()), host = "Host: 127.0.0.1:" + port;
+  for (const char* target : {"/", "/recordings", "/stop"}) {
+    std::string a = with_headers(server.port(), target, "Host: evil.example:" + port);
     EXPECT_EQ(status_line(a), "HTTP/1.1 403 OK") << target;
     EXPECT_EQ(body_of(a), R"({"error":"foreign host"})");
   }
-  // No Host at all is a command-line tool, and allowed.
-  EXPECT_EQ(status_line(test::exchange(server.port(), {"GET /status HTTP/1.1\r\n\r\n"})),
-            "HTTP/1.1 200 OK");
-}
-
-TEST_F(Api, CrossSiteRequestsChangeNothing) {
-  ASSERT_EQ(get("/start_replay?file=Sample%201.txt&speed=0"), R"({"ok":true})");
-  const std::string host = "Host: 127.0.0.1:" + std::to_string(server.port()) + "\r\n";
   for (const char* from : {"Origin: http://evil.example", "Sec-Fetch-Site: cross-site",
                            "Sec-Fetch-Site: same-site", "Origin: null"}) {
-    std::string a = with_headers(server.port(), "/stop", host + from);
+    std::string a = with_headers(server.port(), "/stop", host + "\r\n" + from);
     EXPECT_EQ(status_line(a), "HTTP/1.1 403 OK") << from;
     EXPECT_EQ(body_of(a), R"({"error":"cross-site request"})");
-    EXPECT_TRUE(engine.running()) << from;
   }
-  // The page itself: same origin, as Chromium and Firefox label it.
-  std::string own = "Origin: http://127.0.0.1:" + std::to_string(server.port()) +
-                    "\r\nSec-Fetch-Site: same-origin";
+  EXPECT_TRUE(engine.running());
+  // No Host at all is a command-line tool; the page itself is same-origin,
+  // as Chromium and Firefox label it.
+  EXPECT_EQ(status_line(test::exchange(server.port(), {"GET /status HTTP/1.1\r\n\r\n"})),
+            "HTTP/1.1 200 OK");
+  const std::string own =
+      "\r\nOrigin: http://127.0.0.1:" + port + "\r\nSec-Fetch-Site: same-origin";
   EXPECT_EQ(body_of(with_headers(server.port(), "/stop", host + own)), R"({"ok":true})");
   EXPECT_FALSE(engine.running());
 }
 
 TEST_F(Api, ReplayFileNamesCannotLeaveTheirFolder) {
   test::spit(data / "secret.txt", "1\n2\n3\n");  // exists, one folder up
-  for (const char* file : {"../secret.txt", "..%2Fsecret.txt", "..%5Csecret.txt", "%2Fetc%2Fpasswd",
-                           "r.csv%00.txt", ""}) {
+  for (const char* file : {"nope.txt", "../secret.txt", "..%2Fsecret.txt", "..%5Csecret.txt",
+                           "%2Fetc%2Fpasswd", "r.csv%00.txt", ""}) {
     std::string a = http_get(server.port(), std::string("/start_replay?dir=saved&file=") + file);
     EXPECT_EQ(status_line(a), "HTTP/1.1 404 OK") << file;
     EXPECT_EQ(body_of(a), R"({"error":"file not found"})");

@@ -26,8 +26,6 @@ std::string status_line(const std::string& answer);
 
 /// Threads of this process right now (Linux: /proc/self/task).
 int thread_count();
-/// Waits up to `ms` for the thread count to fall to `target` or below.
-bool wait_for_thread_count(int target, int ms);
 
 /// Resident memory of this process in bytes (Linux: /proc/self/statm).
 std::size_t resident_bytes();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sensor/ble_manager.h"
+#include "sensor/polar_ble.h"
 
 namespace cvn::test {
 
@@ -20,6 +21,15 @@ inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseco
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return true;
+}
+
+/// A link's timings cut short for tests: no warm-up, a 50 ms scan.
+inline BleTimings quick_timings() {
+  BleTimings t;
+  t.warm_up = std::chrono::milliseconds(0);
+  t.scan = t.retry_pause = std::chrono::milliseconds(50);
+  t.settings_poll = t.before_start = std::chrono::milliseconds(5);
+  return t;
 }
 
 /// Collects what reaches a sensor link's callbacks.
