@@ -43,16 +43,20 @@ std::string stem_of(const std::string& name) {
 // below are searched too when `deep`.
 std::vector<BatchFile> recordings_in(const fs::path& folder, bool deep) {
   std::vector<BatchFile> out;
+  auto collect = [&out](auto it) {
+    std::error_code ec;
+    for (decltype(it) end; it != end; it.increment(ec)) {
+      if (ec) break;
+      std::string name = it->path().filename().string();
+      if (it->is_regular_file(ec) && is_recording_file(name))
+        out.push_back({it->path().string(), name});
+    }
+  };
   std::error_code ec;
-  if (deep) {
-    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-      if (it->is_regular_file(ec) && is_recording_file(it->path().filename().string()))
-        out.push_back({it->path().string(), it->path().filename().string()});
-  } else {
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-      if (it->is_regular_file(ec) && is_recording_file(it->path().filename().string()))
-        out.push_back({it->path().string(), it->path().filename().string()});
-  }
+  if (deep)
+    collect(fs::recursive_directory_iterator(folder, ec));
+  else
+    collect(fs::directory_iterator(folder, ec));
   std::sort(out.begin(), out.end(),
             [](const BatchFile& a, const BatchFile& b) { return a.path < b.path; });
   return out;
@@ -184,22 +188,23 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   std::atomic<std::size_t> next{0};
   std::mutex mu;
   int done = 0;
+  std::string last_message;
   auto work = [&] {
     for (std::size_t i; (i = next++) < jobs.size();) {
+      // Names the recording just started: with two at a time, the count is
+      // the one being worked on, not the ones finished.
+      const std::string message = "Processing " + std::to_string(i + 1) + " / " +
+                                  std::to_string(total) + " — " + jobs[i].group->name;
       {
         std::lock_guard<std::mutex> g(mu);
-        progress(done, total,
-                 "Processing " + std::to_string(done + 1) + " / " + std::to_string(total) + " — " +
-                     jobs[i].group->name);
+        last_message = message;
+        progress(done, total, message);
       }
       BatchItem item = process(jobs[i], request.settings, exports_folder, logo);
       if (item.path.starts_with(prefix)) item.path.erase(0, prefix.size());
       std::lock_guard<std::mutex> g(mu);
       out.items[i] = std::move(item);
-      ++done;
-      progress(done, total,
-               "Processing " + std::to_string(std::min(done + 1, total)) + " / " +
-                   std::to_string(total) + " — " + jobs[i].group->name);
+      progress(++done, total, last_message);
     }
   };
   std::vector<std::thread> pool;

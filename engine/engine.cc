@@ -408,7 +408,7 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   }
   r.file = "imported_" + name + "_" + file_time_stamp(clock_.wall()) + ".csv";
   const std::string path = data_folder_ + "/recordings/" + r.file;
-  if (!write_file(path, format_recording(samples))) {
+  if (!write_file_atomic(path, format_recording(samples))) {
     r.note = "Could not save the imported recording in " + data_folder_ + "/recordings.";
     r.file.clear();
     return r;

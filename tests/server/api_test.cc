@@ -164,7 +164,6 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
                              "C:evil.txt", "Anna%2F..%2F..%2Fevil.txt", "ok%00.txt"})
     EXPECT_EQ(post(std::string("/batch_upload?rel=") + escape, "x"), R"({"ok":false})") << escape;
   EXPECT_FALSE(std::filesystem::exists(data / "evil.txt"));
-  EXPECT_FALSE(std::filesystem::exists(data / "_upload_tmp/../evil.txt"));
 
   EXPECT_EQ(get("/batch_run?mode=folder&batchname=Study"), R"({"ok":true})");
   EXPECT_EQ(get("/batch_run?mode=folder"),
