@@ -73,6 +73,9 @@ poll() {  # poll SECONDS COMMAND...: until the command succeeds
     sleep 0.5
   done
 }
+job() {  # job START EXPRESSION SECONDS STATUS EXPRESSION: started, then polled until done
+  json "$1" "$2" && poll "$3" json "$4" "$5"
+}
 
 (cd "$tmp" && CVN_DATA="Z:$data" CVN_NO_BROWSER=1 exec wine "$app/corvane-live.exe" "$kFirstPort" \
   >"$tmp/out" 2>"$tmp/err") &
@@ -85,23 +88,15 @@ if ! poll "$kStartSeconds" banner; then
 fi
 port=$(sed -n 's|.*http://127.0.0.1:\([0-9]*\)/.*|\1|p' "$tmp/out")
 
-page() {
-  local html
-  html=$(get /) && grep -qi "<html" <<<"$html"
-}
+page() { get / | grep -qi "<html"; }
 check "the page loads" page
 check "/bt_available is false" json /bt_available 'd == {"available": False}'
 check "/scan fails with the watcher-start message" json /scan \
   'd == {"success": False, "reason": "Could not start a Bluetooth scan. Make sure Bluetooth is turned on."}'
 
-replay_done() {
-  json /status 'd["mode"] == "replay" and not d["running"] and d["elapsed"] == d["total"] > 0 and isinstance(d["cvn"], float)'
-}
-replay() {
-  json "/start_replay?dir=samples&file=Sample%201.txt&speed=$kReplaySpeed" 'd == {"ok": True}' &&
-    poll "$kReplaySeconds" replay_done
-}
-check "a replay of Sample 1 runs to the end with a CVN score" replay
+check "a replay of Sample 1 runs to the end with a CVN score" job \
+  "/start_replay?dir=samples&file=Sample%201.txt&speed=$kReplaySpeed" 'd == {"ok": True}' "$kReplaySeconds" \
+  /status 'd["mode"] == "replay" and not d["running"] and d["elapsed"] == d["total"] > 0 and isinstance(d["cvn"], float)'
 
 saved=
 save() {
@@ -110,13 +105,10 @@ save() {
 }
 check "/save writes the recording into the data folder" save
 
-tfr_done() { json /tfr_status 'd["status"] == "done"'; }
-tfr() { json /tfr 'd["ok"]' && poll "$kTfrSeconds" tfr_done; }
-check "/tfr ends done" tfr
+check "/tfr ends done" job /tfr 'd["ok"]' "$kTfrSeconds" /tfr_status 'd["status"] == "done"'
 
-export_done() { json /export_status 'd["status"] == "done"'; }
 exported() {
-  json /export 'd == {"ok": True, "status": "exporting"}' && poll "$kTfrSeconds" export_done || return 1
+  job /export 'd == {"ok": True, "status": "exporting"}' "$kTfrSeconds" /export_status 'd["status"] == "done"' || return 1
   local pdf
   pdf=$(ls "$data"/exports/*_export/*_report.pdf 2>/dev/null | head -1)
   [ -n "$pdf" ] && [ "$(ls "$(dirname "$pdf")" | wc -l)" -eq 6 ] && qpdf --check "$pdf" >/dev/null

@@ -4,28 +4,10 @@
 #include <zlib.h>
 
 #include <random>
-#include <string_view>
 #include <vector>
 
 namespace cvn {
 namespace {
-
-std::span<const std::uint8_t> bytes_of(std::string_view s) {
-  return {reinterpret_cast<const std::uint8_t*>(s.data()), s.size()};
-}
-
-TEST(Checksum, PublishedVectors) {
-  struct Case {
-    std::string_view text;
-    std::uint32_t crc, adler;
-  };
-  // The CRC catalogue's check value for CRC-32/ISO-HDLC; the Adler-32 worked example.
-  for (const Case& c : {Case{"", 0, 1}, Case{"123456789", 0xCBF43926u, 0x091E01DEu},
-                        Case{"Wikipedia", 0xADAAC02Eu, 0x11E60398u}}) {
-    EXPECT_EQ(crc32(bytes_of(c.text)), c.crc) << c.text;
-    EXPECT_EQ(adler32(bytes_of(c.text)), c.adler) << c.text;
-  }
-}
 
 // Lengths around Adler-32's 5552-byte reduction block, and all-0xFF data, the worst case
 // for overflow of the unreduced sums; each also fed in two uneven pieces.
@@ -45,6 +27,8 @@ TEST(Checksum, MatchesZlibWholeAndIncremental) {
       EXPECT_EQ(adler32_update(adler32(all.first(cut)), all.subspan(cut)), adler) << "cut " << cut;
     }
   }
+  EXPECT_EQ(crc32({}), 0u);
+  EXPECT_EQ(adler32({}), 1u);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <array>
 #include <cmath>
 #include <limits>
-#include <random>
 #include <vector>
 
 namespace cvn {
@@ -61,34 +60,13 @@ TEST(Heatmap, ColourScaleAndRowOrder) {
   EXPECT_EQ(pixel(img, 2, 0), kStop0);
 }
 
-TEST(Heatmap, WideMatricesAreSampledNotAveraged) {
-  // {columns, stride}; stride 0: columns not a multiple of the width.
-  for (const auto& [cols, stride] :
-       {std::pair<std::size_t, std::size_t>{1000, 1}, {1201, 0}, {2400, 2}, {470011, 0}}) {
-    std::mt19937 rng(static_cast<std::uint32_t>(cols));
-    std::vector<float> v(cols);
-    for (auto& x : v) x = rng() % 2 ? kLo + 1600 : kLo;  // neighbours differ half the time
-    const RgbImage img = render_heatmap(plain(v, 1, cols));
-    const std::size_t width = std::min<std::size_t>(cols, 1200);
-    ASSERT_EQ(img.width, static_cast<int>(width));
-    for (std::size_t x = 1; x < width; ++x) {
-      const std::size_t col = stride ? x * stride : x * cols / width;
-      ASSERT_EQ(pixel(img, x, 0), v[col] > kLo ? kStop8 : kStop0) << "cols " << cols << " x " << x;
-    }
-  }
-}
-
-TEST(Heatmap, EmptyOrInvertedRangeStillScalesAndNothingToDraw) {
+TEST(Heatmap, EmptyRangeStillScalesAndNothingToDraw) {
   const std::vector<float> v = {0, kLo, kLo + 1, kLo + 5, kLo + 6};
   HeatmapParams p = plain(v, 1, v.size());
   p.centre = kLo;
   p.half_range = 0;  // lo = hi: the scale is 1e-9 wide
   EXPECT_EQ(pixel(render_heatmap(p), 1, 0), kStop0);
   EXPECT_EQ(pixel(render_heatmap(p), 2, 0), kStop8);
-  p.half_range = -5;  // lo = c + 5 lies above hi: the same rule, from lo
-  const RgbImage img = render_heatmap(p);
-  EXPECT_EQ(pixel(img, 3, 0), kStop0);
-  EXPECT_EQ(pixel(img, 4, 0), kStop8);
   // Nothing to draw: no rows, no columns, fewer values than rows x columns.
   EXPECT_TRUE(render_heatmap(plain(v, 0, 5)).rgb.empty());
   EXPECT_TRUE(render_heatmap(plain(v, 5, 0)).rgb.empty());
@@ -122,9 +100,10 @@ TEST(Heatmap, GreyAtOrBelowTheReferenceLevel) {
   }
 }
 
-// The cycle and frequency lines are checked pixel by pixel on the real TFR job
-// (tfr_images_test) and byte for byte against the full-resolution picture
-// over ten lengths and cycles, some on pixel edges (tfr_test).
+// The cycle and frequency lines, and which matrix column each pixel column
+// shows, are checked pixel by pixel on the real TFR job (tfr_images_test) and
+// byte for byte against the full-resolution picture over ten lengths and
+// cycles, some on pixel edges (tfr_test).
 
 }  // namespace
 }  // namespace cvn

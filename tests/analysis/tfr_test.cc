@@ -71,54 +71,8 @@ TfrRequest request_for(std::vector<double> freqs, std::vector<double> widths,
   return request;
 }
 
-// The frequency axis is pinned in cycles_test.cc: 320 rows (AnalyzeCycles), rows 23, 85, 160
-// and 273 at their frequencies (ExpectedFrequency), and by the CVN reference comparison. The
-// wavelet's length is the reference's literal grid, compared there too.
-
-// A pure heart-rate oscillation A cos(2 pi f0 t): a wavelet of width n at f gives
-// y = (A / 2) sum_t g(t) e^{2 pi i (f - f0) t} / Z with g the Gaussian envelope (sigma samples)
-// and Z^2 = 0.5 sum |psi|^2 = 0.5 sigma sqrt(pi), so
-//   |y|^2 = A^2 sqrt(pi) sigma exp(-n^2 (1 - f0 / f)^2),  sigma = n rate / (2 pi f).
-// The sigma factor tilts the peak a little below f0, to f0 (1 - 1 / (2 n^2)): for 10 cycles
-// and 0.0625 Hz that is the row below (0.062 Hz, 0.15 % more power).
-TEST(Tfr, PureOscillationHasThePredictedPower) {
-  const double f0 = 0.0625, amplitude = 5.0;
-  const std::size_t total = 1000 * 130, length = 64 * 130, offset = (total - length) / 2;
-  for (const double mean : {0.0, 65.0}) {
-    ExtendedSignal x;
-    x.offset = offset;
-    for (std::size_t i = 0; i < total; ++i)
-      x.samples.push_back(mean + amplitude * std::cos(2 * std::numbers::pi * f0 * i / kRate));
-    const std::vector<double> freqs = tfr_frequencies();
-    const std::int32_t middle = static_cast<std::int32_t>(length / 2);
-    const WaveletPower p =
-        wavelet_power(x.samples, offset, length, request_for(freqs, {3.0, 10.0}, {middle}));
-    ASSERT_EQ(p.matrices.size(), 2u);
-    for (int w = 0; w < 2; ++w) {
-      const double n = w == 0 ? 3.0 : 10.0;
-      std::vector<double> model(freqs.size()), sigma(freqs.size());
-      for (std::size_t r = 0; r < freqs.size(); ++r) {
-        sigma[r] = n * kRate / (2 * std::numbers::pi * freqs[r]);
-        model[r] = amplitude * amplitude * std::sqrt(std::numbers::pi) * sigma[r] *
-                   std::exp(-n * n * std::pow(1 - f0 / freqs[r], 2));
-      }
-      const std::size_t model_peak = std::max_element(model.begin(), model.end()) - model.begin();
-      std::size_t peak = 0;
-      for (std::size_t r = 0; r < freqs.size(); ++r) {
-        const double got = p.matrices[w].at(r, 0);
-        if (got > p.matrices[w].at(peak, 0)) peak = r;
-        if (model[r] < 0.01 * model[model_peak]) continue;
-        // The repeated t = 0 lets the signal itself in with the weight of about one sample,
-        // psi(0) = 1 / Z, Z^2 = 0.5 sigma sqrt(pi): allow (mean + a few A) / Z.
-        const double leak =
-            (mean + 5 * amplitude) / std::sqrt(0.5 * sigma[r] * std::sqrt(std::numbers::pi));
-        EXPECT_NEAR(std::sqrt(got), std::sqrt(model[r]), 1e-3 * std::sqrt(model[r]) + leak)
-            << n << " cycles, " << freqs[r] << " Hz, mean " << mean;
-      }
-      EXPECT_EQ(peak, model_peak) << n << " cycles, mean " << mean;
-    }
-  }
-}
+// The frequency axis is pinned in cycles_test.cc; the wavelet's scale and power against the
+// independent reference by the CVN comparison there, at two breathing frequencies.
 
 // The decimated route against the literal convolution, on a heart-rate signal with a
 // premature beat, for rows across the axis and one row at every sample.
@@ -222,34 +176,20 @@ TEST(TfrImage, MatchesTheFullResolutionPicture) {
   }
 }
 
-TEST(Tfr, RefusesInvalidRequests) {
+// The callers build their requests; what must hold is that a wrong one reads nothing out of
+// bounds and says so by an empty result.
+TEST(Tfr, RefusesRequestsThatWouldReadOutsideTheSignal) {
   const std::vector<double> x(5000, 70.0);
   const TfrRequest good = request_for({0.1}, {3.0}, {0, 10, 999});
   ASSERT_EQ(wavelet_power(x, 2000, 1000, good).matrices.size(), 1u);
   EXPECT_TRUE(wavelet_power(x, 4500, 1000, good).matrices.empty());  // past the end
-  EXPECT_TRUE(wavelet_power(x, 2000, 0, good).matrices.empty());
-  struct Case {
-    const char* what;
-    TfrRequest request;
-  };
-  std::vector<Case> cases = {{"column beyond the signal", request_for({0.1}, {3.0}, {1000})},
-                             {"columns descending", request_for({0.1}, {3.0}, {10, 9})},
-                             {"negative column", request_for({0.1}, {3.0}, {-1})},
-                             {"zero frequency", request_for({0.0}, {3.0}, {0})},
-                             {"NaN width", request_for({0.1}, {std::nan("")}, {0})}};
-  cases.push_back({"rate 0", good});
-  cases.back().request.sample_rate = 0.0;
-  cases.push_back({"dense row out of range", good});
-  cases.back().request.dense_width = 0;
-  cases.back().request.dense_row = 1;
-  cases.push_back({"no threads", good});
-  cases.back().request.threads = 0;
-  for (const Case& c : cases) {
-    EXPECT_TRUE(wavelet_power(x, 2000, 1000, c.request).matrices.empty()) << c.what;
-  }
-  EXPECT_EQ(morlet_half_length(0.0, 3, kRate), 0u);
-  EXPECT_EQ(morlet_half_length(0.1, -3, kRate), 0u);
-  EXPECT_TRUE(morlet_wavelet(0.1, 3, 0.0).empty());
+  for (const TfrRequest& bad : {request_for({0.1}, {3.0}, {1000}), request_for({0.1}, {3.0}, {-1}),
+                                request_for({0.1}, {3.0}, {10, 9})})
+    EXPECT_TRUE(wavelet_power(x, 2000, 1000, bad).matrices.empty());
+  TfrRequest dense = good;
+  dense.dense_width = 0;
+  dense.dense_row = 1;
+  EXPECT_TRUE(wavelet_power(x, 2000, 1000, dense).matrices.empty());
 }
 
 }  // namespace

@@ -110,6 +110,9 @@ TEST(Program, RecoversALiveSessionKilledMidway) {
     ASSERT_TRUE(app.wait_for_output(banner(first), 5000)) << app.out() << app.err();
     ASSERT_NE(test::body_of(test::http_get(first, "/scan")).find("A0:9E:1A:00:00:01"),
               std::string::npos);
+    // The link's log follows the data folder start-up chose, beside the recordings
+    // (the Windows build is checked the same way under Wine).
+    EXPECT_NE(slurp(data / "cvn_log.txt").find("  [BLE] scan() enter\n"), std::string::npos);
     ASSERT_EQ(test::body_of(test::http_get(first,
                                            "/start_live?address=A0:9E:1A:00:00:01"
                                            "&device=Polar%20H10%20SIM00001&name=Kill")),

@@ -93,12 +93,6 @@ TEST_F(DataFolder, CreatesFoldersAndAlwaysRewritesTheSamples) {
   prepare_data_folder(folders());
   EXPECT_EQ(slurp(data / "sample_data/Sample 1.txt"), sample(1));
   EXPECT_EQ(slurp(data / "sample_data/mine.txt"), "keep");
-
-  // A plain file where the sample folder belongs is replaced.
-  fs::remove_all(data / "sample_data");
-  ASSERT_TRUE(spit(data / "sample_data", "not a folder"));
-  prepare_data_folder(folders());
-  EXPECT_EQ(slurp(data / "sample_data/Sample 2.txt"), sample(2));
 }
 
 TEST_F(DataFolder, OldSamplesMoveButOtherFilesStay) {
@@ -133,21 +127,6 @@ std::string jpeg(unsigned char sof, int w, int h, bool with_dht = true) {
   return d;
 }
 
-TEST(JpegFrameSize, FrameMarkersAndMalformedData) {
-  std::uint16_t w = 0, h = 0;
-  EXPECT_TRUE(jpeg_frame_size(jpeg(0xC2, 320, 4097), &w, &h));  // progressive
-  EXPECT_EQ(w, 320);
-  EXPECT_EQ(h, 4097);
-  std::string bad_length = jpeg(0xC0, 600, 150);
-  bad_length[5] = 1;  // APP0 length 1 < 2: give up
-  for (const std::string& bad :
-       {jpeg(0xC0, 0, 150), jpeg(0xC0, 600, 0), jpeg(0xC8, 600, 150, false) /* no frame */,
-        jpeg(0xC0, 600, 150).substr(0, 30), std::string(), bad_length,
-        std::string("\xFF\xD8\xFF\xC0\x00\x11\x08\x00\x10\x00"),  // < 12 bytes
-        std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\1\0\0\0\1\0", 24)})
-    EXPECT_FALSE(jpeg_frame_size(bad, &w, &h)) << bad.size();
-}
-
 TEST(ReportLogo, DiskFirstThenEmbedded) {
   TempDir web;
   ReportLogo embedded = load_report_logo(web.path());
@@ -161,8 +140,13 @@ TEST(ReportLogo, DiskFirstThenEmbedded) {
 
   ASSERT_TRUE(spit(web / "report_logo.jpg", ""));  // empty: the embedded logo
   EXPECT_EQ(load_report_logo(web.path()).jpeg, embedded.jpeg);
-  ASSERT_TRUE(spit(web / "report_logo.jpg", "\x89PNG\r\n\x1a\n................"));
-  EXPECT_TRUE(load_report_logo(web.path()).empty());  // unreadable image: no logo at all
+  // Unreadable (the parser itself is fuzzed): no logo at all, never a broken image.
+  for (const std::string& bad :
+       {std::string("\x89PNG\r\n\x1a\n................"), jpeg(0xC0, 0, 20),
+        jpeg(0xC8, 40, 20, false), jpeg(0xC0, 40, 20).substr(0, 30)}) {
+    ASSERT_TRUE(spit(web / "report_logo.jpg", bad));
+    EXPECT_TRUE(load_report_logo(web.path()).empty()) << bad.size();
+  }
 }
 
 TEST(Log, OneTimestampedLinePerCallAndNoFolderMeansNoLog) {

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <regex>
 
 #include "base/log.h"
 #include "base/recording.h"
@@ -154,7 +153,7 @@ TEST_F(BluezTest, AdapterMissingSwitchedOffOrUnreachable) {
   check(true, "no bus");
 }
 
-TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) {
+TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrder) {
   ASSERT_NO_FATAL_FAILURE(start_fake({"--frame-ms", "2"}));
   const std::vector<double> want = recorded();
   ASSERT_GT(want.size(), 10000u);
@@ -178,26 +177,6 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrderAndTheLogTellsItsStory) 
         "WriteValue " + control + " 02000001820001010e00 type=request", "StopNotify " + data_char,
         "StopNotify " + control, "Disconnect " + std::string(kStrap)})
     EXPECT_EQ(count_lines(calls, line), 1) << line << "\n" << calls;
-
-  // The log tells the story of the session: each step once, in this order.
-  const std::vector<std::string> lines = test::lines_of(test::slurp(log_path()));
-  const std::regex line_form(R"(\d\d:\d\d:\d\d  \[BLE\] \S.*)");
-  for (const auto& line : lines) {
-    EXPECT_TRUE(std::regex_match(line, line_form)) << line;
-    EXPECT_FALSE(contains(line, "exception") || contains(line, "failed")) << line;
-  }
-  std::size_t at = 0;
-  for (const char* step :
-       {"connect F0:13:C3:AB:CD:12", "BlueZ: device /org/bluez/hci0/dev_F0_13_C3_AB_CD_12",
-        "GattSession: MaintainConnection=true", "PMD discovery attempt 1: Success, 1 svc, conn=1",
-        "settings response received", "ECG start command sent", "stop() enter",
-        "BlueZ: disconnecting"}) {
-    auto is_step = [&](const std::string& l) { return l.size() > 16 && l.substr(16) == step; };
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_step), 1) << step;
-    auto it = std::find_if(lines.begin() + std::min(at, lines.size()), lines.end(), is_step);
-    EXPECT_NE(it, lines.end()) << step << " is out of order";
-    at = it - lines.begin();
-  }
 }
 
 // BlueZ tells of a lost link only by a property change; missing it leaves

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <regex>
 #include <thread>
 
 #include "assets/assets.h"
@@ -11,7 +12,6 @@
 #include "server/routes.h"
 #include "tests/support/http_client.h"
 #include "tests/support/kubios_export.h"
-#include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -42,13 +42,14 @@ class Api : public testing::Test {
   std::string post(const std::string& target, const std::string& body) {
     return body_of(test::http_post(server.port(), target, body));
   }
-  std::string wait_for_batch() {
+  // Polls a job's status route while its answer says `busy`; the last answer.
+  std::string wait_while(const std::string& route, const std::string& busy) {
     std::string st;
-    for (int i = 0; i < 1000 && (st = get("/batch_status")).starts_with(R"({"status":"running")");
-         ++i)
+    for (int i = 0; i < 1000 && (st = get(route)).find(busy) != std::string::npos; ++i)
       std::this_thread::sleep_for(10ms);
     return st;
   }
+  std::string wait_for_batch() { return wait_while("/batch_status", R"("status":"running")"); }
 
   TempDir web, data;
   Engine engine{data.path(), nullptr};
@@ -118,11 +119,7 @@ TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
 TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
   auto export_and_wait = [&] {
     EXPECT_EQ(get("/export"), R"({"ok":true,"status":"exporting"})");
-    std::string st;
-    for (int i = 0;
-         i < 500 && (st = get("/export_status")).find("\"exporting\"") != std::string::npos; ++i)
-      std::this_thread::sleep_for(10ms);
-    return st;
+    return wait_while("/export_status", R"("exporting")");
   };
   EXPECT_EQ(get("/export_status"), R"({"status":"idle","result":null,"error":""})");
   EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&name=Zo%C3%AB"), R"({"ok":true})");
@@ -149,6 +146,8 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
   EXPECT_TRUE(failed.starts_with(R"({"status":"error","result":{"folder":"","files":[]},)"
                                  R"("error":"Could not create the exports folder )"))
       << failed;
+  EXPECT_NE(failed.find(data / "exports"), std::string::npos)
+      << "the path, for the person to act on";
   EXPECT_NE(get("/status").find(R"("export_status":"error")"), std::string::npos);
 }
 
@@ -198,27 +197,20 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
   std::string reply =
       post("/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F", test::kubios_export(rr, 30));
   EXPECT_EQ(reply, R"({"ok":true,"kubios":true,"beats":)" + std::to_string(rr.size()) + "}");
+  // A batch of one; the report's contents are the exports' and the PDF tests'.
   const std::string st = wait_for_batch();
-  ASSERT_TRUE(st.starts_with(R"({"status":"done",)")) << st;
-  std::size_t at = st.find("_summary_report.pdf");
-  ASSERT_NE(at, std::string::npos) << st;
-  std::size_t start = st.rfind('"', at) + 1;
-  // The RR list came through the whole chain into a readable summary.
-  const std::string pdf = data / ("exports/" + st.substr(start, at + 19 - start));
-  EXPECT_EQ(test::run_tool({"/usr/bin/qpdf", "--check", pdf}).status, 0) << pdf;
-  const std::string text = test::run_tool({"/usr/bin/pdftotext", pdf, "-"}).out;
-  EXPECT_NE(text.find("Name:"), std::string::npos) << text;
-  EXPECT_NE(text.find("CVN (logpower)"), std::string::npos) << text;
+  EXPECT_TRUE(std::regex_search(
+      st, std::regex(
+              R"re(^\{"status":"done",.*"reports":\[.*"Eva_k_\d{8}-\d{6}_summary_report\.pdf")re")))
+      << st;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
   EXPECT_EQ(get("/tfr_images"), R"({"status":"idle","images":null})");
   EXPECT_EQ(get("/start_replay?file=b.txt"), R"({"ok":true})");
   EXPECT_EQ(get("/tfr"), R"({"ok":true,"status":"computing"})");
-  std::string st;
-  for (int i = 0; i < 200 && (st = get("/tfr_status")).find("computing") != std::string::npos; ++i)
-    std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(st, R"({"status":"error","error":"Not enough data recorded yet."})");
+  EXPECT_EQ(wait_while("/tfr_status", "computing"),
+            R"({"status":"error","error":"Not enough data recorded yet."})");
   EXPECT_EQ(get("/tfr_images"), R"({"status":"error","images":null})");
 }
 

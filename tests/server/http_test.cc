@@ -188,7 +188,6 @@ TEST(HttpServer, MalformedInputNeitherCrashesNorLeaksThreads) {
 // Like the event stream, an answer may outlive the head timeout: once the
 // head is read, the clock no longer runs.
 TEST(HttpLimits, OnlyAHeadStillOpenAtTheTimeoutIsDropped) {
-  EXPECT_LE(ServerLimits{}.head_timeout, 30s);
   ServerLimits limits;
   limits.head_timeout = 300ms;
   TestServer server(

@@ -2,8 +2,9 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
+
+#include "base/files.h"
 
 namespace fs = std::filesystem;
 
@@ -21,18 +22,13 @@ TempDir::~TempDir() {
 }
 
 std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  return read_file(path).value_or("");
 }
 
 bool spit(const std::string& path, const std::string& bytes) {
   std::error_code ec;
   fs::create_directories(fs::path(path).parent_path(), ec);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return static_cast<bool>(out);
+  return write_file(path, bytes);
 }
 
 std::vector<std::string> lines_of(const std::string& text) {

@@ -130,7 +130,7 @@ test('setup: no Bluetooth, keys in fields, start without a device, layouts, Abou
   await done();
 });
 
-test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TFR, stop', async () => {
+test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TFR, stop, export', async () => {
   const { page, calls, done } = await openPage(1920, 1080);
   // Countdown texts as the page shows them, so none is missed between polls.
   await page.evaluate(() => {
@@ -184,6 +184,14 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   assert.equal(await text(page, '#cue'), 'Breathe out');
   assert.ok(Math.abs(await ballScale(page) - 0.90) < 0.02, `ball at ${await ballScale(page)}`);
   await shot(page, 'live-stopped-1920-full.png', true);
+
+  await page.click('#saveBtn');
+  await page.waitForSelector('#exportBox[data-state="done"]', { timeout: 30000 });
+  assert.equal(await text(page, '#exportTitle'), 'Exported 6 files to');
+  assert.match(await text(page, '#exportFolder'), /[\\/]exports[\\/]NIJ000123[^\\/]*$/);
+  const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^NIJ000123.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_report\.pdf)$/, '$1'));
+  assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_markers.csv', '_report.pdf']);
+  assert.equal(await page.isEnabled('#saveBtn'), true);
   await done();
 });
 
@@ -216,22 +224,6 @@ function kubiosRr(beats) {
   }
   return rows.join('\r\n') + '\r\n';
 }
-
-test('export of a short replay: its folder and the six files', async () => {
-  const { page, done } = await openPage(1366, 850);
-  await startReplay(page, 'Sample 2.txt', { name: 'Anna' });
-  await waitElapsed(page, 20, 15000);
-  await page.click('#stopBtn');
-  await page.click('#saveBtn');
-  await page.waitForSelector('#exportBox[data-state="done"]', { timeout: 30000 });
-  assert.equal(await text(page, '#exportTitle'), 'Exported 6 files to');
-  assert.match(await text(page, '#exportFolder'), /[\\/]exports[\\/]Anna[^\\/]*$/);
-  const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^Anna.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_report\.pdf)$/, '$1'));
-  assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_markers.csv', '_report.pdf']);
-  assert.equal(await page.isEnabled('#saveBtn'), true);
-  await shot(page, 'export-1366.png');
-  await done();
-});
 
 test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a refusal in words', async () => {
   const { page, calls, done } = await openPage(1366, 850);
