@@ -189,12 +189,17 @@ void Engine::on_status(const std::string& text) {
 }
 
 void Engine::open_journal() {
-  SessionCopy c = copy_session();
+  std::string path;
+  std::uint64_t generation;
+  {
+    Guard g(mu_);
+    path = data_folder_ + "/recordings/" +
+           session_stem(session_name(), indur_, outdur_, sex_, age_, session_start_) +
+           std::string(kJournalEnding);
+    generation = generation_;
+  }
   // Replaces the previous session's journal: starting anew gives that one up.
-  journal_.start(data_folder_ + "/recordings/" +
-                     session_stem(c.name, c.indur, c.outdur, c.sex, c.age, c.start_time) +
-                     std::string(kJournalEnding),
-                 c.generation);
+  journal_.start(path, generation);
 }
 
 void Engine::pump_journal(bool sync_now) {
@@ -225,20 +230,19 @@ void Engine::start_clock() {
   clock_thread_ = std::thread([this] { clock_loop(); });
 }
 
-SessionCopy Engine::copy_session() {
-  Guard g(mu_);
-  SessionCopy c;
-  c.samples = current_samples();
-  c.markers = markers_;
-  c.name = name_id_.empty() ? source_label_ : name_id_;
-  c.indur = indur_;
-  c.outdur = outdur_;
-  c.cycle_seconds = cycle_seconds_;
-  c.sex = sex_;
-  c.age = age_;
-  c.start_time = session_start_;
-  c.generation = generation_;
-  return c;
+ExportInput Engine::session_input() {
+  ExportInput in;
+  in.samples = current_samples();
+  in.markers = markers_;
+  in.name = session_name();
+  in.indur = indur_;
+  in.outdur = outdur_;
+  in.cycle_seconds = cycle_seconds_;
+  in.sex = sex_;
+  in.age = age_;
+  in.start_time = session_start_;
+  in.logo = logo_;
+  return in;
 }
 
 void Engine::run_detached(std::function<void()> job) {
@@ -323,11 +327,13 @@ bool Engine::add_marker(int key) {
 }
 
 SaveResult Engine::save() {
-  SessionCopy c;
+  ExportInput c;
+  std::uint64_t generation;
   bool finished_live;
   {
     Guard g(mu_);
-    c = copy_session();
+    c = session_input();
+    generation = generation_;
     finished_live = mode_ == Mode::kLive && !running_;
   }
   SaveResult r;
@@ -354,7 +360,7 @@ SaveResult Engine::save() {
   // new session is started (open_journal, start_replay: the old one was
   // given up). A session stopped but not saved keeps its journal, so closing
   // the window after Stop still recovers it at the next start.
-  if (finished_live && markers_written) journal_.remove(c.generation);
+  if (finished_live && markers_written) journal_.remove(generation);
   r.file = file;
   r.count = c.samples.size();
   return r;
@@ -469,12 +475,8 @@ void Engine::start_tfr() {
     Guard g(mu_);
     tfr_.state = JobState::kRunning;
     tfr_.message.clear();
-    SessionCopy c = copy_session();
-    in.samples = std::move(c.samples);
-    in.cycle_seconds = c.cycle_seconds;
-    in.sex = c.sex;
-    in.age = c.age;
-    generation = c.generation;
+    in = {current_samples(), cycle_seconds_, sex_, age_};
+    generation = generation_;
   }
   run_detached([this, in = std::move(in), generation] {
     TfrImages r;
@@ -506,18 +508,8 @@ void Engine::start_export() {
     Guard g(mu_);
     export_ = {};
     export_.state = JobState::kRunning;
-    SessionCopy c = copy_session();
-    in.samples = std::move(c.samples);
-    in.markers = std::move(c.markers);
-    in.name = c.name;
-    in.indur = c.indur;
-    in.outdur = c.outdur;
-    in.cycle_seconds = c.cycle_seconds;
-    in.sex = c.sex;
-    in.age = c.age;
-    in.start_time = c.start_time;
-    in.logo = logo_;
-    generation = c.generation;
+    in = session_input();
+    generation = generation_;
   }
   run_detached([this, in = std::move(in), generation] {
     ExportResult r;

@@ -112,18 +112,6 @@ struct TfrResult {
   std::string tfr3_uri, tfr10_uri;  // "data:image/png;base64,...", empty when none
 };
 
-/// What the jobs (save, TFR, export) need, copied under the lock in one go.
-struct SessionCopy {
-  std::vector<double> samples;
-  std::vector<Marker> markers;
-  std::string name;  // name_id, or the source label when there is none
-  double indur = 5.0, outdur = 11.0, cycle_seconds = 16.0;
-  std::string sex = "M";
-  int age = 40;
-  std::int64_t start_time = 0;   // wall clock, seconds since the epoch
-  std::uint64_t generation = 0;  // changes whenever a new session starts
-};
-
 class Engine {
  public:
   /// `ble` may be null: live mode then runs with no samples ever arriving.
@@ -198,17 +186,19 @@ class Engine {
   /// The samples that count: played replay samples, or all live samples.
   std::vector<double> current_samples();
 
-  /// Copies the session's inputs for a job.
-  SessionCopy copy_session();
-
   bool running() const { return running_; }
 
  private:
   using Guard = std::lock_guard<std::recursive_mutex>;
 
   void apply_settings(const SessionSettings& s);  // REQUIRES: mu_ held
-  void reset_results();                           // REQUIRES: mu_ held
-  std::int64_t sample_count();                    // REQUIRES: mu_ held
+  /// What save and export need, copied in one go, in the export's own input
+  /// type. REQUIRES: mu_ held.
+  ExportInput session_input();
+  /// name_id, or the source label when there is none. REQUIRES: mu_ held.
+  const std::string& session_name() const { return name_id_.empty() ? source_label_ : name_id_; }
+  void reset_results();         // REQUIRES: mu_ held
+  std::int64_t sample_count();  // REQUIRES: mu_ held
   void run_detached(std::function<void()> job);
   void start_clock();
   void clock_loop();
