@@ -127,7 +127,10 @@ enum class TfrWidth { kNarrow, kWide };
 /// the cycle lines, pixel for pixel what render_heatmap draws from the full-resolution matrix
 /// (draw these matrices through here: render_heatmap alone cannot place the cycle lines of a
 /// matrix that keeps only some columns). `sex` 'F' or other and `age` choose the grey
-/// reference level. Empty for an empty analysis.
-RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int age, bool blend);
+/// reference level. Every picture we show blends (`blend`): below the reference level it keeps
+/// 45 % of the colour, so the breathing band stays visible as a shape where it dips under the
+/// reference and still reads as subdued. Empty for an empty analysis.
+RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int age,
+                    bool blend = true);
 
 }  // namespace cvn

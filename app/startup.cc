@@ -172,7 +172,7 @@ int run_app(int argc, char** argv) {
   if (!no_browser || std::string_view(no_browser) != "1")
     open_browser("http://127.0.0.1:" + std::to_string(port) + "/");
 
-  ServerContext ctx{f.web_root, f.data, engine, port};
+  ServerContext ctx{f.web_root, engine, port};
   serve(listener, [ctx](SocketHandle s, const Request& req) { dispatch(ctx, s, req); });
   return 0;
 }

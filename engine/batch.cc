@@ -114,7 +114,6 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
   in.logo = logo;
   ExportResult r = write_export(in, exports);
   item.entry.error = r.error;
-  item.export_folder = r.folder;
   for (const std::string& f : r.files)
     if (f.ends_with("_report.pdf"))
       item.report = std::filesystem::path(r.folder).filename().string() + "/" + f;

@@ -52,10 +52,9 @@ std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
 /// How one recording ended.
 struct BatchItem {
   std::string person;
-  std::string path;           // the file, relative to the batch folder
-  SummaryEntry entry;         // file, error (empty when written) and what the summary shows
-  std::string export_folder;  // where its outputs went
-  std::string report;         // its PDF report, relative to the exports folder
+  std::string path;    // the file, relative to the batch folder
+  SummaryEntry entry;  // file, error (empty when written) and what the summary shows
+  std::string report;  // its PDF report, relative to the exports folder
 };
 
 struct BatchOutcome {

@@ -20,8 +20,7 @@ namespace {
 
 constexpr auto kClockTick = std::chrono::milliseconds(20);
 constexpr double kAnalysisPeriod = 1.0;  // seconds between analysis starts
-// stop() waits this long (200 x 10 ms) for a running analysis worker.
-constexpr int kWorkerWaitRounds = 200;
+// How often the destructor looks whether the detached workers are done.
 constexpr auto kWorkerWaitStep = std::chrono::milliseconds(10);
 // The live scope trails arrival by 0.4 s so bursts of notifications scroll
 // smoothly.
@@ -55,7 +54,7 @@ Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& 
 
 Engine::~Engine() {
   stop();
-  // A worker that outlived stop()'s two seconds still uses this object.
+  // A detached worker (analysis, TFR, export) may still use this object.
   while (workers_.load() > 0) std::this_thread::sleep_for(kWorkerWaitStep);
 }
 
@@ -76,7 +75,6 @@ void Engine::reset_results() {
   hr_series_ = kNoSeries;
   cvn_series_ = kNoSeries;
   markers_.clear();
-  peaks_.clear();
   session_start_ = clock_.wall();
   ++generation_;
   tfr_ = {};
@@ -102,6 +100,11 @@ std::int64_t Engine::sample_count() {
 }
 
 void Engine::stop() {
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
+}
+
+void Engine::stop_locked() {
   Mode mode;
   {
     Guard g(mu_);
@@ -113,8 +116,6 @@ void Engine::stop() {
     clock_thread_.join();
   // Everything that arrived up to the stop goes to the disk now.
   if (mode == Mode::kLive) pump_journal(true);
-  for (int i = 0; i < kWorkerWaitRounds && analysis_busy_.load(); ++i)
-    std::this_thread::sleep_for(kWorkerWaitStep);
   Guard g(mu_);
   running_ = false;
 }
@@ -128,7 +129,8 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
   std::vector<Marker> markers = marker_text ? read_markers(*marker_text) : std::vector<Marker>{};
   text.reset();
 
-  stop();
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
   journal_.remove();  // a new session: the stopped live one was given up
   {
     Guard g(mu_);
@@ -140,8 +142,9 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
     replay_speed_ = options.speed;
     replay_offset_ = 0.0;
     std::size_t slash = path.rfind('/');
-    source_name_ = slash == std::string::npos ? path : path.substr(slash + 1);
-    source_label_ = options.label.empty() ? source_name_ : options.label;
+    source_label_ = !options.label.empty()       ? options.label
+                    : slash == std::string::npos ? path
+                                                 : path.substr(slash + 1);
     reset_results();
     markers_ = std::move(markers);
     running_ = true;
@@ -153,7 +156,8 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
 
 void Engine::start_live(const std::string& address, const std::optional<std::string>& device,
                         const SessionSettings& settings) {
-  stop();
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
   {
     Guard g(mu_);
     apply_settings(settings);
@@ -161,7 +165,6 @@ void Engine::start_live(const std::string& address, const std::optional<std::str
     live_samples_.clear();
     live_start_ = 0.0;
     bt_status_ = "Starting…";
-    source_name_ = device ? *device : address;
     source_label_ = "Live — " + (device && !device->empty() ? *device : address);
     reset_results();
     running_ = true;
@@ -299,21 +302,24 @@ void Engine::clock_loop() {
 void Engine::update_analysis() {
   std::vector<double> samples;
   double cycle;
+  std::uint64_t generation;
   {
     Guard g(mu_);
     samples = current_samples();
     cycle = cycle_seconds_;
+    generation = generation_;
   }
   LiveAnalysis a = analyze_live(samples, cycle);
   auto hr_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.hr_series));
   auto cvn_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.cvn_series));
   Guard g(mu_);
+  // A new session started meanwhile: these results belong to no one.
+  if (generation != generation_) return;
   hr_ = a.hr;
   cvn_ = a.cvn;
   rr_count_ = a.rr_count;
   hr_series_ = std::move(hr_series);
   cvn_series_ = std::move(cvn_series);
-  peaks_ = std::move(a.peaks);
 }
 
 bool Engine::add_marker(int key) {

@@ -198,6 +198,7 @@ class Engine {
   /// name_id, or the source label when there is none. REQUIRES: mu_ held.
   const std::string& session_name() const { return name_id_.empty() ? source_label_ : name_id_; }
   void reset_results();         // REQUIRES: mu_ held
+  void stop_locked();           // REQUIRES: lifecycle_mu_ held
   std::int64_t sample_count();  // REQUIRES: mu_ held
   void run_detached(std::function<void()> job);
   void start_clock();
@@ -209,6 +210,10 @@ class Engine {
   void pump_journal(bool sync_now);
 
   std::recursive_mutex mu_;
+  // One start or stop at a time: each joins and replaces clock_thread_, and
+  // two HTTP threads (a double click) must not do that at once. Never taken
+  // by the clock thread, so holding it while joining that thread is safe.
+  std::mutex lifecycle_mu_;
   const std::string data_folder_;
   const std::unique_ptr<BleManager> ble_;
   Clock& clock_;
@@ -221,7 +226,6 @@ class Engine {
   std::string name_id_;
   std::string source_label_;
   std::string bt_status_;
-  std::string source_name_;
   double indur_ = 5.0;
   double outdur_ = 11.0;
   double cycle_seconds_ = 16.0;
@@ -246,7 +250,6 @@ class Engine {
   // Shared with snapshots, which are taken 20 times a second per open
   // stream: a snapshot holds the series without copying them.
   std::shared_ptr<const std::vector<SeriesPoint>> hr_series_, cvn_series_;
-  std::vector<std::int32_t> peaks_;
   std::vector<Marker> markers_;
   std::int64_t session_start_ = 0;
   std::uint64_t generation_ = 0;

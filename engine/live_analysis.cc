@@ -12,13 +12,8 @@ LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_secon
   LiveAnalysis a;
   a.hr = std::nan("");
   a.cvn = std::nan("");
-  // analyze_ecg in its two steps, keeping the peaks found on the way.
-  a.peaks = find_r_peaks(samples, kSampleRate, kMaxHeartRate);
-  const std::vector<double> rr = rr_from_peaks(a.peaks, kSampleRate);
-  if (rr.empty()) {
-    a.peaks.clear();
-    return a;
-  }
+  const std::vector<double> rr = analyze_ecg(samples, kSampleRate, kMaxHeartRate);
+  if (rr.empty()) return a;
   a.rr_count = static_cast<std::int32_t>(rr.size());
 
   std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);

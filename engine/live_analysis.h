@@ -17,7 +17,6 @@ struct LiveAnalysis {
   std::int32_t rr_count = 0;
   std::vector<SeriesPoint> hr_series;   // 10 Hz grid
   std::vector<SeriesPoint> cvn_series;  // every score, point i at i * 0.1 s
-  std::vector<std::int32_t> peaks;
 };
 
 /// Pure: R-peaks, cleaned RR, the regular heart-rate series and the score.

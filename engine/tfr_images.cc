@@ -7,14 +7,6 @@
 #include "engine/tfr_images.h"
 
 namespace cvn {
-namespace {
-
-// Below the age- and sex-dependent reference level the browser's pictures keep 45 % of the
-// colour: the breathing band stays visible as a shape where it dips under the reference,
-// and still reads as subdued next to the coloured power above it.
-constexpr bool kBlendGrey = true;
-
-}  // namespace
 
 TfrImages compute_tfr_images(const TfrInput& in) {
   TfrImages out;
@@ -28,11 +20,11 @@ TfrImages compute_tfr_images(const TfrInput& in) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;
   }
-  const char sex = !in.sex.empty() && (in.sex[0] == 'F' || in.sex[0] == 'f') ? 'F' : 'M';
+  const char sex = in.sex == "F" ? 'F' : 'M';
   const std::vector<std::uint8_t> png3 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, in.age, kBlendGrey));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, in.age));
   const std::vector<std::uint8_t> png10 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, in.age, kBlendGrey));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, in.age));
   if (png3.empty() || png10.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;

@@ -21,10 +21,6 @@ namespace fs = std::filesystem;
 namespace cvn {
 namespace {
 
-// The PDF's maps keep 45 % of the colour below the reference level, as the
-// page's maps do, so the report matches what was seen on screen.
-constexpr bool kBlendGrey = true;
-
 // Each pixel the mean of the block of `in` it covers, so thin lines (cycle
 // starts, the expected frequency) fade rather than vanish or alias.
 RgbImage shrink(const RgbImage& in, int max_width, int max_height) {
@@ -158,10 +154,10 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.markers = in.markers;
   report.cvn = cycles.cvn;
   report.rr_only = !have_ecg;
-  const char sex = !in.sex.empty() && (in.sex[0] == 'F' || in.sex[0] == 'f') ? 'F' : 'M';
+  const char sex = in.sex == "F" ? 'F' : 'M';
   if (!cycles.empty()) {
-    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age, kBlendGrey);
-    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age, kBlendGrey);
+    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age);
+    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age);
     out.summary_map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
     out.summary_map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
   }

@@ -400,7 +400,7 @@ Request parse_request_head(std::string_view head) {
   // so no header hides from the checks behind an odd line ending.
   std::size_t line_end = head.find('\n');
   std::istringstream words{std::string(head.substr(0, line_end))};
-  words >> req.method >> req.target >> req.version;
+  words >> req.method >> req.target;  // the version is not needed
   std::size_t qmark = req.target.find('?');
   req.path = req.target.substr(0, qmark);
   if (qmark != std::string::npos)

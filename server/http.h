@@ -57,10 +57,9 @@ struct ServerLimits {
 };
 
 struct Request {
-  std::string method;   // as sent, no case folding
-  std::string target;   // path plus query
-  std::string version;  // read and ignored
-  std::string path;     // target up to the first '?', not decoded
+  std::string method;  // as sent, no case folding
+  std::string target;  // path plus query
+  std::string path;    // target up to the first '?', not decoded
   std::map<std::string, std::string> query;
   std::string body;  // only for POST
 

@@ -50,9 +50,6 @@ bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* rea
 /// One send of at most `n` bytes; never raises SIGPIPE on a closed peer.
 long send_some(SocketHandle s, const char* buf, std::size_t n);
 
-/// Stops further reads and writes; wakes a thread blocked in accept_on.
-void shutdown_socket(SocketHandle s);
-
 void close_socket(SocketHandle s);
 
 /// Client side, for tools and tests: connects to 127.0.0.1:port.

@@ -102,10 +102,6 @@ bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* rea
   return true;
 }
 
-void shutdown_socket(SocketHandle s) {
-  ::shutdown(static_cast<int>(s), SHUT_RDWR);
-}
-
 void close_socket(SocketHandle s) {
   ::close(static_cast<int>(s));
 }

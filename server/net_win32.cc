@@ -94,10 +94,6 @@ bool wait_readable(std::span<const SocketHandle> sockets, std::vector<bool>* rea
   return true;
 }
 
-void shutdown_socket(SocketHandle s) {
-  ::shutdown(static_cast<SOCKET>(s), SD_BOTH);
-}
-
 void close_socket(SocketHandle s) {
   ::closesocket(static_cast<SOCKET>(s));
 }

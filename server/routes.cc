@@ -62,9 +62,9 @@ Response bt_available(const ServerContext& c, const Request&) {
 }
 
 Response recordings(const ServerContext& c, const Request&) {
-  return Response::json("{\"saved\":" + file_list(c.data_folder + "/recordings", {".csv", ".txt"}) +
-                        ",\"samples\":" + file_list(c.data_folder + "/sample_data", {".txt"}) +
-                        "}");
+  const std::string& data = c.engine->data_folder();
+  return Response::json("{\"saved\":" + file_list(data + "/recordings", {".csv", ".txt"}) +
+                        ",\"samples\":" + file_list(data + "/sample_data", {".txt"}) + "}");
 }
 
 Response scan(const ServerContext& c, const Request&) {
@@ -92,7 +92,7 @@ Response start_replay(const ServerContext& c, const Request& r) {
   // A name that could leave the folder is as missing as one that is not there.
   const std::string& file = r.param("file");
   std::string folder = r.param("dir") == "saved" ? "/recordings" : "/sample_data";
-  std::string path = c.data_folder + folder + "/" + file;
+  std::string path = c.engine->data_folder() + folder + "/" + file;
   if (!is_plain_file_name(file) ||
       !c.engine->start_replay(path, session_settings(r.query), replay_options(r.query)))
     return Response::json("{\"error\":\"file not found\"}", 404);

@@ -15,7 +15,6 @@ class Engine;
 /// and read-only afterwards.
 struct ServerContext {
   std::string web_root;
-  std::string data_folder;
   Engine* engine = nullptr;  // null: only the page and media are served
   int port = 0;              // the bound port: the Host and Origin checks need it
 };

@@ -18,9 +18,9 @@
 #include "analysis/heart_rate.h"
 #include "analysis/png.h"
 #include "base/files.h"
+#include "base/recording.h"
 #include "engine/engine.h"
 #include "engine/import.h"
-#include "base/recording.h"
 #include "server/json.h"
 
 namespace {
@@ -42,9 +42,6 @@ constexpr int kMaxAge = 150;
 // Source rates the importer accepts.
 constexpr double kMinSourceRate = 20.0;
 constexpr double kMaxSourceRate = 20000.0;
-// The heat-maps blend grey into the colour below the reference level, so the breathing band
-// keeps its shape where it is weak (same choice as the browser's images).
-constexpr bool kBlendGrey = true;
 
 constexpr const char* kUsage =
     "usage: corvane-analyze [--indur S] [--outdur S] [--sex M|F] [--age N] [--fs HZ]\n"
@@ -232,8 +229,8 @@ int main(int argc, char** argv) {
                                         " RR intervals found; the cycle analysis needs 3");
   }
 
-  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, o.sex, o.age, kBlendGrey);
-  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, o.sex, o.age, kBlendGrey);
+  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, o.sex, o.age);
+  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, o.sex, o.age);
   timings.emplace_back("heatmaps", watch.lap());
   const std::vector<std::uint8_t> png3 = encode_png_rgb(image3);
   const std::vector<std::uint8_t> png10 = encode_png_rgb(image10);

@@ -54,7 +54,7 @@ class Api : public testing::Test {
   TempDir web, data;
   Engine engine{data.path(), nullptr};
   test::TestServer server{[this](SocketHandle s, const Request& r) {
-    dispatch(ServerContext{web.path(), data.path(), &engine, server.port()}, s, r);
+    dispatch(ServerContext{web.path(), &engine, server.port()}, s, r);
   }};
 };
 

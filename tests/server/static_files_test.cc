@@ -63,7 +63,7 @@ class StaticRoutes : public testing::Test {
   test::TempDir web;
   test::TempDir data;
   test::TestServer server{[this](SocketHandle s, const Request& r) {
-    dispatch(ServerContext{web.path(), data.path(), nullptr, server.port()}, s, r);
+    dispatch(ServerContext{web.path(), nullptr, server.port()}, s, r);
   }};
 };
 
