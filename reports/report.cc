@@ -66,11 +66,15 @@ void text_centred(PdfCanvas& c, PdfColor col, PdfFont f, double size, double cen
 }
 
 // Cuts `s` with "..." so that it fits `width`.
-std::string fit(const std::string& utf8, PdfFont f, double size, double width) {
-  std::string s = to_ascii(utf8);
-  if (text_width(f, size, s) <= width) return s;
+// `s` shortened until it and "..." fit in `width`, then marked with "...".
+std::string cut(std::string s, PdfFont f, double size, double width) {
   while (!s.empty() && text_width(f, size, s + "...") > width) s.pop_back();
   return s + "...";
+}
+
+std::string fit(const std::string& utf8, PdfFont f, double size, double width) {
+  std::string s = to_ascii(utf8);
+  return text_width(f, size, s) <= width ? s : cut(s, f, size, width);
 }
 
 void logo(PdfCanvas& c, const ReportLogo& logo, double top) {
@@ -395,7 +399,8 @@ std::string page_one(const RecordingReport& r) {
   if (!r.markers.empty()) legend_item(c, x, 350, "marker (its key on top)", 2);
 
   const double mean = finite_mean(r.cvn);
-  heading(c, 324, "CVN (logpower)", fixed("pow (mean): %.3f", std::isfinite(mean) ? mean : NAN));
+  heading(c, 324, "CVN (logpower)",
+          std::isfinite(mean) ? fixed("pow (mean): %.3f", mean) : std::string());
   cvn_plot(c, {kPlotLeft, 134, kRight - kPlotLeft, 178}, {{&r.cvn, kCvnBlue}}, true,
            r.cvn.empty() ? "(recording shorter than one breathing cycle)"
                          : "(no cycle had usable heart rate)");
@@ -632,7 +637,7 @@ std::vector<std::string> wrap(const std::string& utf8, PdfFont f, double size, d
   }
   if (static_cast<int>(lines.size()) > max_lines) {
     lines.resize(static_cast<std::size_t>(max_lines));
-    lines.back() = fit(lines.back() + " ...", f, size, width - text_width(f, size, "...")) + "...";
+    lines.back() = cut(lines.back(), f, size, width);  // whether or not the last line is full
   }
   return lines;
 }

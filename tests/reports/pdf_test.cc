@@ -69,7 +69,9 @@ SummaryReport example_summary() {
   s.created = 1740920587;
   SummaryEntry failed;
   failed.file = "a2.txt";
+  // Longer than the lines it may take: cut, and marked so once.
   failed.error = "Could not read a2.txt: Permission denied";
+  for (int i = 0; i < 30; ++i) failed.error += " /media/study" + std::to_string(i);
   SummaryEntry rr = recording("ben_hrv.csv", 20);
   rr.rr_only = true;
   s.persons = {{"Anna B", {recording("a1.txt", 14), failed}}, {"Ben C", {rr}}};
@@ -141,7 +143,10 @@ TEST_F(ReportPdf, PdftotextFindsEveryText) {
     test::ToolRun r = run_tool({"/usr/bin/pdftotext", file, "-"});
     ASSERT_EQ(r.status, 0) << r.err;
     for (const std::string& t : texts) EXPECT_NE(r.out.find(t), std::string::npos) << t;
+    EXPECT_EQ(r.out.find("......"), std::string::npos) << r.out;
   }
+  EXPECT_EQ(run_tool({"/usr/bin/pdftotext", summary(), "-"}).out.find("/media/study29"),
+            std::string::npos);
 }
 
 TEST_F(ReportPdf, PdfimagesListsTheMapsAndTheJpegLogo) {
