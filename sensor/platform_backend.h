@@ -7,7 +7,7 @@
 
 namespace cvn {
 
-/// Null when this build has no Bluetooth stack to talk to.
+/// Null when this build or this system has no Bluetooth stack to talk to.
 std::shared_ptr<BleBackend> make_platform_backend();
 
 }  // namespace cvn

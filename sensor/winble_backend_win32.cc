@@ -9,8 +9,9 @@
 // early once close() has been called, so Stop never waits for the radio.
 //
 // The runtime functions are looked up in combase.dll at run time: on a
-// Windows without WinRT (or Wine without its Bluetooth classes) the link
-// answers "no adapter" instead of the program failing to start.
+// Windows without WinRT there is no link at all, and Wine without its
+// Bluetooth classes answers "no adapter": either way the page says Bluetooth
+// is not available, and the program still starts.
 #include <objbase.h>
 #include <roapi.h>
 #include <windows.h>
@@ -29,6 +30,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "sensor/ble_common.h"
 #include "sensor/platform_backend.h"
 #include "sensor/winble_text.h"
 #include "sensor/winrt_ble_abi_win32.h"
@@ -118,6 +120,17 @@ class HString {
 
 BleStatus failed(const char* step, HRESULT hr) {
   return BleStatus::failure(winrt_failure(step, hr));
+}
+
+// A GATT write that ran can still be refused by the strap (AccessDenied when
+// Windows has not paired it, Unreachable out of range); going on would stream
+// nothing without a word.
+BleStatus gatt_written(const char* step, HRESULT hr, std::int32_t status) {
+  if (FAILED(hr)) return failed(step, hr);
+  if (status != 0)
+    return BleStatus::failure(std::string("WinRT: ") + step + " answered " +
+                              gatt_status_text(status));
+  return BleStatus::success();
 }
 
 // The classes Wine (and a Windows without Bluetooth support) does not have.
@@ -377,9 +390,8 @@ class WinLink : public BleConnection {
     std::int32_t status = 0;
     hr = c->WriteClientCharacteristicConfigurationDescriptorAsync(kCccdNotify, op.GetAddressOf());
     if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncCommunicationStatus, &status, &gate_->closed);
-    if (FAILED(hr))
-      return failed("GattCharacteristic.WriteClientCharacteristicConfigurationDescriptorAsync", hr);
-    return BleStatus::success();
+    return gatt_written("GattCharacteristic.WriteClientCharacteristicConfigurationDescriptorAsync",
+                        hr, status);
   }
 
   BleStatus write(const std::string& uuid, const Bytes& bytes) override {
@@ -401,8 +413,7 @@ class WinLink : public BleConnection {
     std::int32_t status = 0;
     hr = c->WriteValueWithOptionAsync(buffer.Get(), kWriteWithResponse, op.GetAddressOf());
     if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncCommunicationStatus, &status, &gate_->closed);
-    if (FAILED(hr)) return failed("GattCharacteristic.WriteValueWithOptionAsync", hr);
-    return BleStatus::success();
+    return gatt_written("GattCharacteristic.WriteValueWithOptionAsync", hr, status);
   }
 
   void close() override {
@@ -527,7 +538,6 @@ class WinBackend : public BleBackend {
   }
 
   BleStatus init_thread() override {
-    if (!runtime().loaded()) return BleStatus::failure("WinRT: not available on this system");
     // The multi-threaded apartment: WinRT objects are then usable from every
     // thread that joined it, and handlers run on the thread pool.
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
@@ -634,6 +644,9 @@ class WinBackend : public BleBackend {
 }  // namespace
 
 std::shared_ptr<BleBackend> make_platform_backend() {
+  // Without the runtime (an old Windows) there is no Bluetooth LE to offer:
+  // the program then says so instead of offering a scan that cannot start.
+  if (!runtime().loaded()) return nullptr;
   return std::make_shared<WinBackend>();
 }
 
