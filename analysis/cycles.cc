@@ -89,16 +89,16 @@ std::vector<double> heart_rate_signal(const std::vector<double>& rr, std::size_t
   // Centred convolution with the Hann window w, as the 10 Hz series is smoothed: output i =
   // sum_j x[j] w[i + c - j] with c = (N - 1) / 2, i.e. samples i - (N - 1 - c) ... i + c
   // (i - 130 ... i + 129 at 130 Hz). Tap k of the window laid over the signal from
-  // i - centre on therefore carries w[N - 1 - k]. Its running sums make a window over a
-  // constant stretch a difference of two sums, so each output costs the few beats under it.
+  // i - centre on carries w[N - 1 - k], which is w[k]: the window is symmetric. Its running
+  // sums make a window over a constant stretch a difference of two sums, so each output
+  // costs the few beats under it.
   const auto taps = static_cast<std::size_t>(kSmoothingSeconds * sample_rate);
   if (taps == 0) return {};
   std::vector<double> cumulative(taps + 1, 0.0);
   for (std::size_t k = 0; k < taps; ++k) {
-    const std::size_t m = taps - 1 - k;
     const double w = taps == 1
                          ? 1.0
-                         : 0.5 - 0.5 * std::cos(2 * std::numbers::pi * static_cast<double>(m) /
+                         : 0.5 - 0.5 * std::cos(2 * std::numbers::pi * static_cast<double>(k) /
                                                 static_cast<double>(taps - 1));
     cumulative[k + 1] = cumulative[k] + w;
   }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 #include "app/platform.h"
 #include "assets/assets.h"
@@ -20,8 +21,6 @@ namespace fs = std::filesystem;
 namespace cvn {
 
 namespace {
-
-AppContext g_app;
 
 bool readable(const std::string& path) {
   return read_file(path).has_value();
@@ -119,23 +118,18 @@ ReportLogo load_report_logo(const std::string& web_root) {
   return logo;
 }
 
-const AppContext& app_context() {
-  return g_app;
-}
-
 int run_app(int argc, char** argv) {
   net_init();
   EnvLookup env = [](const char* name) { return std::getenv(name); };
-  g_app.folders = resolve_folders(env, parent_folder(executable_path()));
-  const Folders& f = g_app.folders;
+  const Folders f = resolve_folders(env, parent_folder(executable_path()));
   // The engine lives as long as the process; connection threads and jobs
   // hold on to it until the very end.
   set_log_folder(f.data);
-  std::vector<double> simulated_ecg;
+  std::optional<std::vector<double>> simulated_ecg;
   const char* sim = std::getenv("CVN_SIMULATED_STRAP");
-  const bool simulated = sim && std::string_view(sim) == "1";
-  if (simulated) simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
-  Engine* engine = new Engine(f.data, make_sensor_link(simulated ? &simulated_ecg : nullptr));
+  if (sim && std::string_view(sim) == "1")
+    simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
+  Engine* engine = new Engine(f.data, make_sensor_link(std::move(simulated_ecg)));
   prepare_data_folder(f);
   // Before serving, so no new session can start a journal of its own first.
   for (const Recovery& r : recover_journals(f.data + "/recordings")) {
@@ -146,10 +140,9 @@ int run_app(int argc, char** argv) {
                   r.file.c_str(), r.samples / kSampleRate, r.markers, r.markers == 1 ? "" : "s");
   }
 
-  g_app.logo = load_report_logo(f.web_root);
-  if (!g_app.logo.empty())
-    std::printf("  Report logo loaded (%dx%d).\n", g_app.logo.width, g_app.logo.height);
-  engine->set_report_logo(g_app.logo);
+  ReportLogo logo = load_report_logo(f.web_root);
+  if (!logo.empty()) std::printf("  Report logo loaded (%dx%d).\n", logo.width, logo.height);
+  engine->set_report_logo(std::move(logo));
 
   int first_port = argc > 1 ? parse_port(argv[1]) : kDefaultPort;
   int port = 0;

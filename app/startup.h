@@ -38,14 +38,6 @@ void prepare_data_folder(const Folders& f);
 /// report_logo.jpg (or .jpeg) from the web root, else the embedded logo.
 ReportLogo load_report_logo(const std::string& web_root);
 
-/// Process-wide values, written during start-up before the first connection
-/// is accepted and read-only afterwards.
-struct AppContext {
-  Folders folders;
-  ReportLogo logo;
-};
-const AppContext& app_context();
-
 /// The program: prepare folders, bind, print the banner, serve forever.
 /// Returns 1 when no port could be bound.
 int run_app(int argc, char** argv);

@@ -1,6 +1,7 @@
 // Creates the program's one sensor link.
 #pragma once
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "sensor/ble_manager.h"
@@ -9,6 +10,7 @@ namespace cvn {
 
 /// A simulated strap streaming `simulated_ecg` when it is given, else the
 /// platform's Bluetooth LE link, or null when this build has none.
-std::unique_ptr<BleManager> make_sensor_link(const std::vector<double>* simulated_ecg = nullptr);
+std::unique_ptr<BleManager> make_sensor_link(
+    std::optional<std::vector<double>> simulated_ecg = std::nullopt);
 
 }  // namespace cvn
