@@ -30,11 +30,7 @@ std::optional<std::string> read_file(const std::string& path) {
 }
 
 bool write_file(const std::string& path, std::string_view bytes) {
-  File f(std::fopen(path.c_str(), "wb"));
-  if (!f) return false;
-  if (!bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size())
-    return false;
-  return std::fclose(f.release()) == 0;
+  return write_file_checked(path, bytes).empty();
 }
 
 std::string write_file_checked(const std::string& path, std::string_view bytes) {

@@ -91,6 +91,10 @@ void PdfCanvas::line_width(double w) {
   out_ += pdf_number(w) + " w\n";
 }
 
+void PdfCanvas::stroke_colour(PdfColor c) {
+  out_ += color(c) + " RG\n";
+}
+
 void PdfCanvas::text(PdfColor c, PdfFont font, double size, double x, double y,
                      std::string_view utf8) {
   out_ += color(c) + " rg BT /" + (font == PdfFont::kBold ? "F2 " : "F1 ") + pdf_number(size) +

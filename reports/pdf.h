@@ -47,6 +47,8 @@ class PdfCanvas {
   void fill_rect(PdfColor c, double x, double y, double w, double h);
   void stroke_rect(PdfColor c, double x, double y, double w, double h);
   void line_width(double w);
+  /// The colour of the paths stroked after it.
+  void stroke_colour(PdfColor c);
   /// Text with its baseline starting at (x, y).
   void text(PdfColor c, PdfFont font, double size, double x, double y, std::string_view utf8);
   /// Text turned 90 degrees counter-clockwise (vertical axis titles), in F1.

@@ -22,6 +22,7 @@ constexpr PdfColor kGrid{0.89, 0.90, 0.92};
 constexpr PdfColor kZebra{0.955, 0.962, 0.972};
 constexpr PdfColor kCvnBlue{0.16, 0.38, 0.68};
 constexpr PdfColor kMarker{0.55, 0.22, 0.62};
+constexpr PdfColor kHeartRate{0.90, 0.35, 0.10};
 constexpr PdfColor kExpectedGreen{20 / 255.0, 150 / 255.0, 20 / 255.0};  // the heat-maps' line
 constexpr PdfColor kError{0.75, 0.12, 0.12};
 constexpr PdfColor kWhite{1, 1, 1};
@@ -200,7 +201,8 @@ void empty_plot(PdfCanvas& c, const Box& b, const std::string& why) {
 // A small line sample and its word, left to right from x; returns the next x.
 double legend_item(PdfCanvas& c, double x, double y, const std::string& what, int kind) {
   if (kind == 0) {
-    c.raw("0.90 0.35 0.10 RG 1.2 w\n");
+    c.stroke_colour(kHeartRate);
+    c.line_width(1.2);
     c.raw(pdf_number(x) + " " + pdf_number(y + 3) + " m " + pdf_number(x + 16) + " " +
           pdf_number(y + 3) + " l S\n");
   } else if (kind == 1) {
@@ -261,7 +263,8 @@ void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
 
   // The curve, thinned to min and max per bucket; a gap breaks the path.
   const std::size_t buckets = static_cast<std::size_t>(b.w * kCurvePointsPerPt);
-  c.raw("0.90 0.35 0.10 RG 1.2 w\n");
+  c.stroke_colour(kHeartRate);
+  c.line_width(1.2);
   std::string path;
   bool open = false;
   const auto point = [&](std::size_t i) {
@@ -291,12 +294,6 @@ void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
   c.raw(path + "S\n");
   c.line_width(0.7);
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
-}
-
-std::string stroke_colour(PdfColor c) {
-  char buf[48];
-  std::snprintf(buf, sizeof buf, "%.2f %.2f %.2f RG ", c.r, c.g, c.b);
-  return buf;
 }
 
 // One recording's cycle values and the colour they are drawn in.
@@ -353,7 +350,9 @@ void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<CvnSeries>& series, 
       path += pdf_number(x) + " " + pdf_number(y) + (open ? " l\n" : " m\n");
       open = true;
     }
-    c.raw(stroke_colour(s.colour) + "0.8 w\n" + path + "S\n");
+    c.stroke_colour(s.colour);
+    c.line_width(0.8);
+    c.raw(path + "S\n");
     for (std::size_t i = 0; i < cvn.size(); ++i) {
       if (!std::isfinite(cvn[i])) continue;
       const double x = xa.at(static_cast<double>(i + 1), b.x, b.w);

@@ -1,11 +1,13 @@
 #include "reports/report_logo.h"
 
+#include "base/byte_order.h"
+
 namespace cvn {
 namespace {
 
 std::uint16_t be16(std::string_view d, std::size_t at) {
-  return static_cast<std::uint16_t>((static_cast<unsigned char>(d[at]) << 8) |
-                                    static_cast<unsigned char>(d[at + 1]));
+  return static_cast<std::uint16_t>(
+      get_be(reinterpret_cast<const std::uint8_t*>(d.data() + at), 2));
 }
 
 bool is_frame_marker(unsigned char m) {
