@@ -125,10 +125,18 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
   std::optional<std::string> text = read_file(path);
   if (!text) return false;
   std::vector<double> samples = read_recording(*text);
-  std::optional<std::string> marker_text = read_file(markers_path(path));
-  std::vector<Marker> markers = marker_text ? read_markers(*marker_text) : std::vector<Marker>{};
   text.reset();
+  std::optional<std::string> marker_text = read_file(markers_path(path));
+  std::size_t slash = path.rfind('/');
+  start_replay_of(std::move(samples),
+                  marker_text ? read_markers(*marker_text) : std::vector<Marker>{},
+                  slash == std::string::npos ? path : path.substr(slash + 1), settings, options);
+  return true;
+}
 
+void Engine::start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
+                             const std::string& file, const SessionSettings& settings,
+                             const ReplayOptions& options) {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   stop_locked();
   journal_.remove();  // a new session: the stopped live one was given up
@@ -141,17 +149,13 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& settin
     replay_pos_ = 0;
     replay_speed_ = options.speed;
     replay_offset_ = 0.0;
-    std::size_t slash = path.rfind('/');
-    source_label_ = !options.label.empty()       ? options.label
-                    : slash == std::string::npos ? path
-                                                 : path.substr(slash + 1);
+    source_label_ = options.label.empty() ? file : options.label;
     reset_results();
     markers_ = std::move(markers);
     running_ = true;
     stop_request_ = false;
   }
   start_clock();
-  return true;
 }
 
 void Engine::start_live(const std::string& address, const std::optional<std::string>& device,
@@ -427,10 +431,9 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   }
   ReplayOptions o = options;
   o.label = "Imported — " + name;
-  if (!start_replay(path, settings, o)) {
-    r.note = "Could not read back the imported recording " + path + ".";
-    r.file.clear();
-  }
+  // What plays is what the file holds: its whole numbers.
+  for (double& v : samples) v = std::round(v);
+  start_replay_of(std::move(samples), {}, r.file, settings, o);
   return r;
 }
 

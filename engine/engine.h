@@ -197,8 +197,12 @@ class Engine {
   ExportInput session_input();
   /// name_id, or the source label when there is none. REQUIRES: mu_ held.
   const std::string& session_name() const { return name_id_.empty() ? source_label_ : name_id_; }
-  void reset_results();         // REQUIRES: mu_ held
-  void stop_locked();           // REQUIRES: lifecycle_mu_ held
+  void reset_results();  // REQUIRES: mu_ held
+  void stop_locked();    // REQUIRES: lifecycle_mu_ held
+  /// Plays `samples` from the start as a new session named after `file`.
+  void start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
+                       const std::string& file, const SessionSettings& settings,
+                       const ReplayOptions& options);
   std::int64_t sample_count();  // REQUIRES: mu_ held
   void run_detached(std::function<void()> job);
   void start_clock();
