@@ -71,6 +71,8 @@ TEST(Fft, RefusesWhatItCannotTransform) {
   Signal x = random_signal(8, 3);
   const Signal before = x;
   FftPlan(16).forward(x);  // wrong length for the plan: untouched, nothing read beyond it
+  FftPlan(16).forward_bit_reversed(x);
+  FftPlan(16).backward_bit_reversed(x);
   EXPECT_EQ(x, before);
   EXPECT_EQ(fft_length_for(0), 1u);
   EXPECT_EQ(fft_length_for(1025), 2048u);

@@ -183,13 +183,15 @@ TEST(Tfr, RefusesRequestsThatWouldReadOutsideTheSignal) {
   const TfrRequest good = request_for({0.1}, {3.0}, {0, 10, 999});
   ASSERT_EQ(wavelet_power(x, 2000, 1000, good).matrices.size(), 1u);
   EXPECT_TRUE(wavelet_power(x, 4500, 1000, good).matrices.empty());  // past the end
-  for (const TfrRequest& bad : {request_for({0.1}, {3.0}, {1000}), request_for({0.1}, {3.0}, {-1}),
-                                request_for({0.1}, {3.0}, {10, 9})})
-    EXPECT_TRUE(wavelet_power(x, 2000, 1000, bad).matrices.empty());
-  TfrRequest dense = good;
+  // A zero frequency or rate, or a NaN width, would make a wavelet of no or endless length.
+  TfrRequest dense = good, no_rate = good;
   dense.dense_width = 0;
   dense.dense_row = 1;
-  EXPECT_TRUE(wavelet_power(x, 2000, 1000, dense).matrices.empty());
+  no_rate.sample_rate = 0.0;
+  for (const TfrRequest& bad : {request_for({0.1}, {3.0}, {1000}), request_for({0.1}, {3.0}, {-1}),
+                                request_for({0.1}, {3.0}, {10, 9}), request_for({0.0}, {3.0}, {0}),
+                                request_for({0.1}, {std::nan("")}, {0}), dense, no_rate})
+    EXPECT_TRUE(wavelet_power(x, 2000, 1000, bad).matrices.empty());
 }
 
 }  // namespace

@@ -97,6 +97,19 @@ TEST_F(EngineTest, ReplayFollowsTheClockAndSeekClamps) {
   EXPECT_EQ(played(), 0);
 }
 
+// A double click and a stop among them: each start joins and replaces the
+// acquisition thread, which only one may do at a time.
+TEST_F(EngineTest, StartsAndStopsFromSeveralThreadsEndInOneSession) {
+  std::vector<std::thread> clicks;
+  for (int i = 0; i < 3; ++i)
+    clicks.emplace_back([&, i] {
+      for (int k = 0; k < 30; ++k) i ? (void)engine.start_replay(ramp, {}, kPaused) : engine.stop();
+    });
+  for (std::thread& t : clicks) t.join();
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  EXPECT_TRUE(engine.running());
+}
+
 TEST_F(EngineTest, MarkersNeedARunningSessionAFreshSampleAndAKey) {
   engine.stop();
   EXPECT_EQ(engine.snapshot().mode, Mode::kIdle);

@@ -43,9 +43,11 @@ TEST(Resample, LeavesTheInputAloneWhenThereIsNothingToDo) {
   } cases[] = {
       {"130 Hz", x, 130},
       {"within half a hertz of 130", x, 130.4},
+      {"just inside below", x, 129.6},
       {"zero rate", x, 0},
       {"negative rate", x, -250},
       {"NaN rate", x, std::nan("")},
+      {"infinite rate", x, INFINITY},
       {"one sample", {5.0}, 65},
       {"fewer than two outputs", ramp(3), 400},
   };

@@ -141,7 +141,7 @@ TEST(HttpServer, PostBodyIsReadAcrossPacketsWhateverTheHeaderCase) {
 // A bad escape and a throwing handler end the request with one stderr line
 // and no answer; an empty connection closes without a word.
 TEST(HttpServer, FailuresAreContainedAndLogged) {
-  int handled = 0;
+  std::atomic<int> handled{0};
   TestServer server([&](SocketHandle s, const Request& r) {
     ++handled;
     if (r.path == "/std") throw std::runtime_error("boom");
