@@ -2,25 +2,21 @@
 
 import { SnapshotReader } from './snapshot.js';
 
-/**
- * Calls a route and never throws. `missing` marks a route this build does not
- * have (a bare 404 with no JSON body), which is different from a route
- * answering 404 with a reason, such as a replay file that is gone.
- */
+/** Calls a route and never throws: status 0 when the program did not answer. */
 export async function api(path, params, init) {
   const q = params ? '?' + new URLSearchParams(params).toString() : '';
   let res;
   try {
     res = await fetch(path + q, { cache: 'no-store', ...(init || {}) });
   } catch (e) {
-    return { ok: false, status: 0, data: null, missing: false };
+    return { ok: false, status: 0, data: null };
   }
   let text = '';
   try { text = await res.text(); } catch (e) { /* body lost: treated as empty */ }
   let data = null;
   try { data = text ? JSON.parse(text) : null; } catch (e) { data = null; }
   const isObj = data !== null && typeof data === 'object';
-  return { ok: res.ok, status: res.status, data: isObj ? data : null, missing: res.status === 404 && !isObj };
+  return { ok: res.ok, status: res.status, data: isObj ? data : null };
 }
 
 const kReconnectMs = 2000;

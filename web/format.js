@@ -63,8 +63,3 @@ export function runStateText(s, replaySpeed) {
   if (!s.running) return 'Stopped';
   return s.mode === 'live' ? (s.bt_status || 'Recording') : 'Playing ' + replaySpeed + '×';
 }
-
-/** The last part of a path, with either kind of slash. */
-export function baseName(p) {
-  return String(p || '').split(/[\\/]/).filter(Boolean).pop() || '';
-}

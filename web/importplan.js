@@ -3,6 +3,7 @@
 
 /** The program takes no request body larger than this (512 MiB). */
 export const kMaxUploadBytes = 512 * 1024 * 1024;
+export const kMaxUploadText = kMaxUploadBytes / 2 ** 20 + ' MB';
 
 /** How much of a file the program reads to tell a Kubios export from raw ECG. */
 export const kKubiosHeadChars = 4000;
@@ -37,7 +38,7 @@ export function sizeText(bytes) {
 }
 
 const lower = (s) => s.toLowerCase();
-const stem = (name) => (name.lastIndexOf('.') > 0 ? name.slice(0, name.lastIndexOf('.')) : name);
+export const stem = (name) => (name.lastIndexOf('.') > 0 ? name.slice(0, name.lastIndexOf('.')) : name);
 
 // Why a file of the chosen folder is not sent, or '' when it is.
 function skipReason(name, size) {
@@ -45,7 +46,7 @@ function skipReason(name, size) {
   if (!n.endsWith('.txt') && !n.endsWith('.csv')) return 'not a .txt or .csv file';
   if (n.endsWith('hrv.txt')) return 'a Kubios text report; export the RR intervals as .csv';
   if (n.endsWith('_cvn_logpower.csv')) return 'an output of this program';
-  if (size > kMaxUploadBytes) return 'larger than 512 MB';
+  if (size > kMaxUploadBytes) return 'larger than ' + kMaxUploadText;
   return '';
 }
 

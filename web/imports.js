@@ -5,7 +5,8 @@
 import { api } from './api.js';
 import { unlockAudio } from './audio.js';
 import {
-  countText, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, recordingsText, sizeText,
+  countText, importRate, kindText, kKubiosHeadChars, kMaxUploadBytes, kMaxUploadText, looksLikeKubios, planFolder,
+  recordingsText, sizeText, stem,
 } from './importplan.js';
 import { $, setText } from './ui.js';
 
@@ -135,9 +136,11 @@ function fail(text) {
   if (!dialog().open) show($('flowShow'), true);
 }
 
+const tooLarge = (what) => what + ' is larger than ' + kMaxUploadText + ', the most the program takes in one file.';
+
 // Why a request did not do its work, for people.
 function refusal(r, what) {
-  if (r.status === 413) return what + ' is larger than 512 MB, the most the program takes in one file.';
+  if (r.status === 413) return tooLarge(what);
   if (r.status === 0) return 'The program did not answer. Is it still running?';
   const d = r.data;
   return (d && (d.note || d.reason || d.error)) || '';
@@ -203,6 +206,9 @@ function finished(d) {
 
 async function chooseFile(file) {
   const id = openDialog('Import file');
+  // Refused here rather than by the program halfway through the upload, which
+  // a browser reports as a lost connection.
+  if (file.size > kMaxUploadBytes) return fail(tooLarge(file.name));
   let head = '';
   try { head = await file.slice(0, kKubiosHeadChars).text(); } catch (e) { /* unreadable: the send says so */ }
   if (id !== run) return;
@@ -211,7 +217,7 @@ async function chooseFile(file) {
   setFacts([
     ['File', file.name + ' · ' + sizeText(file.size)],
     // A Kubios report is named after the file, not the name field.
-    ['Person', personText(kubios ? { ...p, name: stemOf(file.name) } : p, '')],
+    ['Person', personText(kubios ? { ...p, name: stem(file.name) } : p, '')],
   ]);
   const describe = () => setText($('flowWhat'), kindText(kubios, importRate($('fs').value)));
   $('fs').oninput = describe;
@@ -248,8 +254,6 @@ function insidePath(f) {
   const parts = (f.webkitRelativePath || f.name).split('/');
   return parts.length > 1 ? parts.slice(1).join('/') : parts[0];
 }
-
-const stemOf = (name) => (name.lastIndexOf('.') > 0 ? name.slice(0, name.lastIndexOf('.')) : name);
 
 function personText(p, fallback) {
   return (p.name || fallback || 'no name given') + ' · ' + (p.sex === 'F' ? 'female' : 'male') + ' · ' + p.age + ' years';

@@ -2,7 +2,7 @@
 // time-frequency maps. Each starts with one route and is polled until done.
 
 import { api } from './api.js';
-import { $, kNotYet, setNote } from './ui.js';
+import { $, setNote } from './ui.js';
 
 const kExportPollMs = 500;
 const kTfrPollMs = 1500;
@@ -17,7 +17,7 @@ let tfrTimer = 0;
 function showExport(state, title, detail) {
   const box = $('exportBox');
   box.hidden = false;
-  box.className = 'notice' + (state === 'err' ? ' err' : '') + (state === 'busy' ? ' busy' : '');
+  box.className = 'notice' + (state === 'err' ? ' err' : '');
   box.dataset.state = state;
   $('exportTitle').textContent = title;
   $('exportProgress').hidden = state !== 'busy';
@@ -86,9 +86,7 @@ async function startExport() {
   const r = await api('/export');
   if (run !== exportRun) return;
   if (!r.data || !r.data.ok) {
-    const why = r.data && (r.data.error || r.data.reason);
-    return exportEnded('err', 'Export failed', why || (r.missing ? 'This version of the program cannot export.' :
-      'The program did not start the export.'));
+    return exportEnded('err', 'Export failed', 'The program did not start the export.');
   }
   pollExport(run);
 }
@@ -142,9 +140,8 @@ async function startTfr() {
   const run = ++tfrRun;
   const r = await api('/tfr');
   if (run !== tfrRun) return;
-  if (r.missing) return tfrEnded(kNotYet.tfr, 'err');
   if (!r.data || !r.data.ok) {
-    return tfrEnded('Could not compute TFR: ' + ((r.data && (r.data.error || r.data.reason)) || 'it could not be started.'), 'err');
+    return tfrEnded('Could not compute TFR: it could not be started.', 'err');
   }
   pollTfr(run);
 }

@@ -6,7 +6,7 @@ import { unlockAudio } from './audio.js';
 import { breathingPeriod, cycleText } from './format.js';
 import { initImports } from './imports.js';
 import { importRate } from './importplan.js';
-import { $, kNotYet, setNote } from './ui.js';
+import { $, setNote } from './ui.js';
 
 let source = 'live';
 let speed = 2;
@@ -84,7 +84,6 @@ async function scan() {
   setNote(note, 'Scanning for Bluetooth devices (~10 s)…');
   const r = await api('/scan');
   btn.disabled = !btAvailable;
-  if (r.missing) return setNote(note, kNotYet.scan, 'err');
   if (!r.data) return setNote(note, 'Scan failed: no answer from the program.', 'err');
   if (!r.data.success) return setNote(note, 'Scan failed: ' + (r.data.reason || 'unknown reason'), 'err');
   const devs = (r.data.devices || []).slice();
@@ -145,7 +144,7 @@ async function start() {
     r = await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams() });
   }
   if (!r.data || !r.data.ok) {
-    const why = r.data && (r.data.error || r.data.reason);
+    const why = r.data && r.data.error;
     return setNote(note, why ? 'Could not start: ' + why + '.' : 'Could not start the session.', 'err');
   }
   onStarted(speed);

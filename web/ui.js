@@ -24,8 +24,3 @@ export function toast(text) {
   toastTimer = setTimeout(() => t.classList.remove('show'), kToastMs);
 }
 
-/** Texts the page shows when this build of the program lacks a route. */
-export const kNotYet = {
-  tfr: 'TFR is not available in this version yet.',
-  scan: 'Scanning is not available in this version yet.',
-};

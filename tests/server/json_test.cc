@@ -35,7 +35,6 @@ TEST(JsonNumber, SixSignificantDigitsInTheDefaultStreamFormat) {
 
 TEST(JsonText, EscapesOnlyQuoteBackslashAndLineFeed) {
   EXPECT_EQ(json_text("a\"b\\c\nd\te\r\x01\xC3\xA9"), "\"a\\\"b\\\\c\\nd\te\r\x01\xC3\xA9\"");
-  EXPECT_EQ(json_text(""), "\"\"");
 }
 
 TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
@@ -79,10 +78,6 @@ TEST(Snapshot, RoundingProgressSeriesAndMarkers) {
         R"("tfr_status":"computing","saved_as":"x.csv","export_status":"error",)",
         R"("markers":[{"t":10,"k":3},{"t":5,"k":9}],)"})
     EXPECT_NE(j.find(part), std::string::npos) << part << "\n" << j;
-  s.mode = Mode::kReplay;
-  s.samples = 650;
-  s.replay_total = 1300;
-  EXPECT_NE(snapshot_json(s).find(R"("elapsed":5,"total":10,"frac":0.5,)"), std::string::npos);
 }
 
 TEST(SessionParams, CommasDefaultsAndTruncation) {

@@ -38,8 +38,11 @@ start_program() {
   mkdir -p "$log/home"
   env -u CVN_BASE -u CVN_DATA -u USERPROFILE -u CVN_SIMULATED_STRAP HOME="$log/home" CVN_NO_BROWSER=1 "$@" \
     "$bin" "$((20000 + RANDOM % 30000))" >"$log/out.log" 2>"$log/err.log" & pids+=("$!")
+  local pid=$!
   port_in() { port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$1")" && [[ -n "$port" ]]; }
-  until_true 150 port_in "$log/out.log" ||
+  # Stops waiting as soon as the program has exited.
+  up_or_gone() { port_in "$log/out.log" || ! kill -0 "$pid" 2>/dev/null; }
+  until_true 150 up_or_gone && port_in "$log/out.log" ||
     { echo "web tests: the program ($name) did not print its address" >&2; cat "$log"/*.log >&2; exit 1; }
 }
 start_program plain DBUS_SYSTEM_BUS_ADDRESS="$bus"
