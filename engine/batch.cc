@@ -112,17 +112,14 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
   in.sex = settings.sex;
   in.age = settings.age;
   in.logo = logo;
+  in.summary_maps = true;
   ExportResult r = write_export(in, exports);
-  item.entry.error = r.error;
+  r.summary.file = std::move(item.entry.file);
+  r.summary.error = r.error;
+  item.entry = std::move(r.summary);
   for (const std::string& f : r.files)
     if (f.ends_with("_report.pdf"))
       item.report = std::filesystem::path(r.folder).filename().string() + "/" + f;
-  item.entry.beats = r.beats;
-  item.entry.duration_seconds = r.duration_seconds;
-  item.entry.cvn_mean = r.cvn_mean;
-  item.entry.cvn = std::move(r.cvn);
-  item.entry.map3 = std::move(r.summary_map3);
-  item.entry.map10 = std::move(r.summary_map10);
   return item;
 }
 

@@ -98,10 +98,12 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   const std::vector<double> hr = regular_hr(rr, sample_count, kSampleRate);
   const CycleAnalysis cycles =
       analyze_cycles(have_ecg ? in.samples : rr_samples, rr, in.cycle_seconds, kSampleRate);
-  out.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
-  out.beats = beats;
-  out.cvn_mean = finite_mean(cycles.cvn);
-  out.cvn = cycles.cvn;
+  SummaryEntry& summary = out.summary;
+  summary.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
+  summary.beats = beats;
+  summary.cvn_mean = finite_mean(cycles.cvn);
+  summary.cvn = cycles.cvn;
+  summary.rr_only = !have_ecg;
 
   const std::string stem = sanitize_file_name(in.name);
   out.folder = make_folder(exports_folder, stem, &out.error);
@@ -142,7 +144,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   facts.expected_freq = expected_frequency(in.cycle_seconds);
   facts.cycles = cycles.cvn.size();
   for (double v : cycles.cvn) facts.cycles_with_value += std::isfinite(v);
-  facts.duration_seconds = out.duration_seconds;
+  facts.duration_seconds = summary.duration_seconds;
   facts.beats = beats;
   facts.rr_only = !have_ecg;
   facts.markers = in.markers;
@@ -158,11 +160,13 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   if (!cycles.empty()) {
     report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age);
     report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age);
-    out.summary_map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
-    out.summary_map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
+    if (in.summary_maps) {
+      summary.map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
+      summary.map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
+    }
   }
   report.expected_freq = expected_frequency(in.cycle_seconds);
-  report.duration_seconds = out.duration_seconds;
+  report.duration_seconds = summary.duration_seconds;
   report.logo = in.logo;
   write("_report.pdf", recording_report_pdf(report));
   return out;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/recording.h"
-#include "reports/pdf.h"
+#include "reports/report.h"
 #include "reports/report_logo.h"
 
 namespace cvn {
@@ -34,23 +34,23 @@ struct ExportInput {
   int age = 40;
   std::int64_t start_time = 0;  // unix seconds; 0: now
   ReportLogo logo;
+  /// Also shrink the heat-maps for a batch summary (ExportResult::summary);
+  /// a single export has no use for them.
+  bool summary_maps = false;
 };
 
 struct ExportResult {
   std::string folder;              // the export folder; empty when none was made
   std::vector<std::string> files;  // names inside `folder`, in the order written
   std::string error;               // empty on success, else what failed and why
-  /// What the batch summary needs, known once the analysis ran.
-  double duration_seconds = 0;
-  std::size_t beats = 0;
-  double cvn_mean = NAN;
-  std::vector<double> cvn;  // one log-power value per cycle, NaN for none
-  /// The 3- and 10-cycle heat-maps shrunk to fit kSummaryMapWidth x
-  /// kSummaryMapHeight; empty when the recording was too short for them.
-  /// Kept compressed because a batch holds them for every recording until
+  /// The recording's line in a batch summary, known once the analysis ran
+  /// (its file and error are the batch's to fill in). The maps, when asked
+  /// for, are the 3- and 10-cycle heat-maps shrunk to fit kSummaryMapWidth x
+  /// kSummaryMapHeight, empty when the recording was too short for them;
+  /// kept compressed because a batch holds them for every recording until
   /// its summary is written: a map compresses to a third or less of its
   /// 288 KB of raw pixels, and the summary copies the bytes as they are.
-  PdfImage summary_map3, summary_map10;
+  SummaryEntry summary;
   bool ok() const { return error.empty(); }
 };
 

@@ -41,7 +41,7 @@ struct SummaryEntry {
   std::size_t beats = 0;
   double cvn_mean = NAN;    // NaN: no cycle value
   std::vector<double> cvn;  // one log-power value per cycle, NaN for none
-  PdfImage map3, map10;     // ExportResult::summary_map3 / _map10; empty: none
+  PdfImage map3, map10;     // the shrunk heat-maps; empty: none
   bool rr_only = false;     // read from an RR-interval export, no ECG
   std::string error;        // set: the recording failed, in words a user can act on
 };

@@ -25,6 +25,7 @@ ExportInput sample_input() {
   in.markers = {{1300, 2}, {1400, 5}, {26000, 9}};
   in.name = "Anna B";
   in.start_time = 1740920587;
+  in.summary_maps = true;
   return in;
 }
 
@@ -56,7 +57,7 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   ASSERT_EQ(hr_lines.size(), hr.size());
   for (std::size_t i = 0; i < hr.size(); ++i)
     ASSERT_NEAR(std::stod(hr_lines[i]), hr[i], 0.005) << i;
-  EXPECT_EQ(r.beats, rr.size() + 1);
+  EXPECT_EQ(r.summary.beats, rr.size() + 1);
 
   const CycleAnalysis cycles = analyze_cycles(in.samples, rr, in.cycle_seconds, kSampleRate);
   const std::vector<std::string> table = test::lines_of(file("Anna_B_CVN_logpower.csv"));
@@ -77,13 +78,13 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   EXPECT_EQ(table.back().substr(0, 4), "pow,");
   EXPECT_NEAR(std::stod(table.back().substr(4)), sum / cycles.cvn.size(), 5e-5);
   EXPECT_EQ(table.back().back(), ',') << "the markers column stays, empty";
-  EXPECT_NEAR(r.cvn_mean, sum / cycles.cvn.size(), 1e-12);
-  EXPECT_EQ(r.cvn, cycles.cvn);
+  EXPECT_NEAR(r.summary.cvn_mean, sum / cycles.cvn.size(), 1e-12);
+  EXPECT_EQ(r.summary.cvn, cycles.cvn);
 
   // The batch summary's maps: each pixel the mean of the block of the full
   // map it stands for, read back through zlib.
   const RgbImage full = render_tfr(cycles, TfrWidth::kNarrow, 'M', in.age, true);
-  const PdfImage& small = r.summary_map3;
+  const PdfImage& small = r.summary.map3;
   ASSERT_EQ(small.width, std::min(full.width, kSummaryMapWidth));
   ASSERT_EQ(small.height, kSummaryMapHeight);
   std::vector<std::uint8_t> rgb(static_cast<std::size_t>(small.width) * small.height * 3);
@@ -105,7 +106,7 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
                     0.5)
             << x << "," << y << " channel " << k;
       }
-  EXPECT_EQ(r.summary_map10.height, kSummaryMapHeight);
+  EXPECT_EQ(r.summary.map10.height, kSummaryMapHeight);
 
   // A second export of the same session never touches the first.
   const ExportResult again = write_export(in, dir / "exports");
@@ -117,14 +118,15 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   test::TempDir dir;
   ExportInput in;
   in.name = "kubios";
+  in.summary_maps = true;
   for (int i = 0; i < 300; ++i) in.rr_seconds.push_back(0.9 + 0.1 * std::sin(i * 0.4));
   const ExportResult r = write_export(in, dir.path());
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.files, (std::vector<std::string>{"kubios_HR.txt", "kubios_markers.csv",
                                                "kubios_CVN_logpower.csv", "kubios_report.pdf"}));
-  EXPECT_EQ(r.beats, 301u);
+  EXPECT_EQ(r.summary.beats, 301u);
   EXPECT_GT(test::lines_of(test::slurp(r.folder + "/kubios_CVN_logpower.csv")).size(), 2u);
-  EXPECT_FALSE(r.summary_map3.empty());
+  EXPECT_FALSE(r.summary.map3.empty());
 
   // The report says where the beats came from: nobody can re-check them.
   if (!test::have_tool("/usr/bin/pdftotext")) GTEST_SKIP() << "poppler-utils is not installed";
