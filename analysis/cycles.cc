@@ -203,7 +203,7 @@ HeatmapScale heatmap_scale(double band_mean, double band_sd, double map_mean, do
 
 }  // namespace
 
-CycleAnalysis analyze_cycles(const std::vector<double>& samples, const std::vector<double>& rr,
+CycleAnalysis analyze_cycles(std::size_t sample_count, const std::vector<double>& rr,
                              double cycle_seconds, double sample_rate) {
   if (!(sample_rate > 0) || !std::isfinite(sample_rate)) return {};
   if (!(cycle_seconds > 0) || !std::isfinite(cycle_seconds)) return {};
@@ -211,7 +211,7 @@ CycleAnalysis analyze_cycles(const std::vector<double>& samples, const std::vect
   for (double r : rr) {
     if (!(r > 0) || !std::isfinite(r)) return {};
   }
-  const std::size_t n = samples.size();
+  const std::size_t n = sample_count;
   const double per_cycle = samples_per_cycle(cycle_seconds, sample_rate);
   if (!(per_cycle >= 1.0) || static_cast<double>(n) < std::trunc(per_cycle)) return {};
   if (n > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) return {};

@@ -113,11 +113,12 @@ struct CycleAnalysis {
   bool empty() const { return cvn.empty(); }
 };
 
-/// The per-cycle measure and both time-frequency maps of a recording: its ECG `samples` (only
-/// their count is used), its cleaned RR intervals in seconds and the cycle length. Empty when
+/// The per-cycle measure and both time-frequency maps of a recording: its length in samples
+/// (of the ECG, or of the time the RR intervals span), its cleaned RR intervals in seconds
+/// and the cycle length. Empty when
 /// the recording is shorter than one cycle (trunc(cycle_seconds x sample_rate) samples), when
 /// there are fewer than 3 intervals, or when an input is not finite and positive.
-CycleAnalysis analyze_cycles(const std::vector<double>& samples, const std::vector<double>& rr,
+CycleAnalysis analyze_cycles(std::size_t sample_count, const std::vector<double>& rr,
                              double cycle_seconds, double sample_rate);
 
 /// Which of the two maps.

@@ -78,7 +78,7 @@ void BM_AnalyzeCycles(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
   for (auto _ : state) {
-    cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kSampleRate);
+    cvn::CycleAnalysis a = cvn::analyze_cycles(ecg.size(), rr, kCycleSeconds, cvn::kSampleRate);
     benchmark::DoNotOptimize(a.cvn.data());
   }
 }
@@ -89,7 +89,8 @@ void BM_WholeRecording(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   for (auto _ : state) {
     const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
-    const cvn::CycleAnalysis a = cvn::analyze_cycles(ecg, rr, kCycleSeconds, cvn::kSampleRate);
+    const cvn::CycleAnalysis a =
+        cvn::analyze_cycles(ecg.size(), rr, kCycleSeconds, cvn::kSampleRate);
     for (const cvn::TfrWidth w : {cvn::TfrWidth::kNarrow, cvn::TfrWidth::kWide}) {
       const std::vector<std::uint8_t> png =
           cvn::encode_png_rgb(cvn::render_tfr(a, w, 'M', 40, true));

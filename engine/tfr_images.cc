@@ -15,7 +15,8 @@ TfrImages compute_tfr_images(const TfrInput& in) {
     out.error = "Not enough data recorded yet.";
     return out;
   }
-  const CycleAnalysis analysis = analyze_cycles(in.samples, rr, in.cycle_seconds, kSampleRate);
+  const CycleAnalysis analysis =
+      analyze_cycles(in.samples.size(), rr, in.cycle_seconds, kSampleRate);
   if (analysis.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;

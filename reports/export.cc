@@ -83,7 +83,6 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   std::vector<double> rr;
   std::size_t beats = 0;
   std::size_t sample_count = in.samples.size();
-  std::vector<double> rr_samples;  // stands in for the ECG: the cycle pass counts samples only
   if (have_ecg) {
     const std::vector<std::int32_t> peaks = find_r_peaks(in.samples, kSampleRate, kMaxHeartRate);
     rr = rr_from_peaks(peaks, kSampleRate);
@@ -93,11 +92,9 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
     beats = rr.empty() ? 0 : rr.size() + 1;
     const double seconds = std::accumulate(rr.begin(), rr.end(), 0.0);
     sample_count = static_cast<std::size_t>(std::max(0.0, seconds * kSampleRate));
-    rr_samples.assign(sample_count, 0.0);
   }
   const std::vector<double> hr = regular_hr(rr, sample_count, kSampleRate);
-  const CycleAnalysis cycles =
-      analyze_cycles(have_ecg ? in.samples : rr_samples, rr, in.cycle_seconds, kSampleRate);
+  const CycleAnalysis cycles = analyze_cycles(sample_count, rr, in.cycle_seconds, kSampleRate);
   SummaryEntry& summary = out.summary;
   summary.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
   summary.beats = beats;

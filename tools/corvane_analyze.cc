@@ -216,7 +216,7 @@ int main(int argc, char** argv) {
   }
   const std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);
   timings.emplace_back("heart_rate", watch.lap());
-  const CycleAnalysis a = analyze_cycles(samples, rr, cycle, kSampleRate);
+  const CycleAnalysis a = analyze_cycles(samples.size(), rr, cycle, kSampleRate);
   timings.emplace_back("cycles_and_tfr", watch.lap());
   if (a.empty()) {
     const double seconds = static_cast<double>(samples.size()) / kSampleRate;

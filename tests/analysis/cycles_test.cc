@@ -110,7 +110,7 @@ TEST(ExtendByCycles, MirroredCopiesOfTheFirstAndLastCycle) {
 TEST(AnalyzeCycles, PreconditionsAndShape) {
   const std::vector<double> rr(40, 0.9);
   // Exactly one cycle: K = 1.
-  const CycleAnalysis one = analyze_cycles(std::vector<double>(2080), rr, 16, kRate);
+  const CycleAnalysis one = analyze_cycles(2080, rr, 16, kRate);
   ASSERT_FALSE(one.empty());
   EXPECT_EQ(one.bounds, (std::vector<std::int32_t>{0, 2080}));
   ASSERT_EQ(one.cvn.size(), 1u);
@@ -134,10 +134,9 @@ TEST(AnalyzeCycles, PreconditionsAndShape) {
       {"an infinite cycle", 4000, rr, INFINITY},
   };
   for (const Case& c : refused) {
-    EXPECT_TRUE(analyze_cycles(std::vector<double>(c.samples), c.rr, c.cycle, kRate).empty())
-        << c.what;
+    EXPECT_TRUE(analyze_cycles(c.samples, c.rr, c.cycle, kRate).empty()) << c.what;
   }
-  EXPECT_FALSE(analyze_cycles(std::vector<double>(4000), {1.0, 1.0, 1.0}, 16, kRate).empty());
+  EXPECT_FALSE(analyze_cycles(4000, {1.0, 1.0, 1.0}, 16, kRate).empty());
 }
 
 // The independent reference (tools/make_cvn_reference.py) computes the literal chain at
@@ -149,8 +148,7 @@ TEST(AnalyzeCycles, MatchesTheIndependentReferenceOnTheSamples) {
     ASSERT_TRUE(g.ok) << name;
     const std::size_t samples = std::stoul(g.fields.at("samples"));
     const double cycle = std::stod(g.fields.at("cycle_seconds"));
-    const CycleAnalysis a =
-        analyze_cycles(std::vector<double>(samples), g.series.at("rr"), cycle, kRate);
+    const CycleAnalysis a = analyze_cycles(samples, g.series.at("rr"), cycle, kRate);
     ASSERT_FALSE(a.empty()) << name;
     EXPECT_EQ(a.expected_row, std::stoi(g.fields.at("expected_row"))) << name;
     const std::vector<double>& want = g.series.at("cvn");

@@ -154,8 +154,7 @@ TEST(TfrImage, MatchesTheFullResolutionPicture) {
                {34320, 16}, {23920, 10},  {1300, 10},    {900, 6},     {2000, 0.2}};
   const auto power_at = [](std::size_t sample) { return sample % 3 ? 1e6f : 1e6f + 1600; };
   for (const auto& c : cases) {
-    CycleAnalysis a = analyze_cycles(std::vector<double>(c.samples), std::vector<double>(300, 0.9),
-                                     c.cycle, kRate);
+    CycleAnalysis a = analyze_cycles(c.samples, std::vector<double>(300, 0.9), c.cycle, kRate);
     ASSERT_FALSE(a.empty()) << c.samples;
     a.expected_row = 1;  // the top one of two rows
     a.stats.scale3 = {1e6 + 800, 800};

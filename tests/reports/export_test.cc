@@ -59,7 +59,7 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
     ASSERT_NEAR(std::stod(hr_lines[i]), hr[i], 0.005) << i;
   EXPECT_EQ(r.summary.beats, rr.size() + 1);
 
-  const CycleAnalysis cycles = analyze_cycles(in.samples, rr, in.cycle_seconds, kSampleRate);
+  const CycleAnalysis cycles = analyze_cycles(in.samples.size(), rr, in.cycle_seconds, kSampleRate);
   const std::vector<std::string> table = test::lines_of(file("Anna_B_CVN_logpower.csv"));
   ASSERT_EQ(table.size(), cycles.cvn.size() + 2);
   EXPECT_EQ(table.front(), "cycle,CVN (logpower),markers");
