@@ -530,12 +530,11 @@ std::string page_head(const std::string& resources, int contents) {
          " >> /Contents " + std::to_string(contents) + " 0 R >>";
 }
 
-constexpr const char* kHelvetica = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
-constexpr const char* kHelveticaBold =
-    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold >>";
-constexpr const char* kHelveticaWinAnsi =
+// WinAnsi makes code 39 the straight quote a person types (the standard
+// encoding shows a curly one), so copied text matches what was written.
+constexpr const char* kHelvetica =
     "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
-constexpr const char* kHelveticaBoldWinAnsi =
+constexpr const char* kHelveticaBold =
     "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
 // A picture the page can always reference: the file keeps its fixed objects
@@ -733,10 +732,8 @@ class SummaryWriter {
     std::vector<std::string> objects;
     objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
     objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + count + " >>");
-    // WinAnsi makes code 39 the straight quote the warning is written with
-    // (the standard encoding shows a curly one), so copied text matches it.
-    objects.push_back(kHelveticaWinAnsi);
-    objects.push_back(kHelveticaBoldWinAnsi);
+    objects.push_back(kHelvetica);
+    objects.push_back(kHelveticaBold);
     if (with_logo) objects.push_back(pdf_jpeg_image_object(r_.logo));
     for (std::size_t i = 0; i < pages_.size(); ++i) {
       SummaryPage& page = pages_[i];

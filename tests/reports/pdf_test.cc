@@ -34,7 +34,7 @@ RgbImage gradient(int w, int h) {
 
 RecordingReport example_report() {
   RecordingReport r;
-  r.name = "Zoë (pilot) \\ 2";
+  r.name = "Zoë (pilot) 'B' \\ 2";
   r.summary = {{"Date", "2025-03-02 14:03"},
                {"Sex / Age", "F / 45"},
                {"Markers", "3 @ 12.5 s, 1 @ 20.0 s"},
@@ -125,7 +125,7 @@ TEST_F(ReportPdf, QpdfPdfinfoAndPdftoppmFindNoFault) {
 TEST_F(ReportPdf, PdftotextFindsEveryText) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {report(),
-       {"Corvane Live - report", "Recording: Zoe (pilot) \\ 2", "2025-03-02 14:03",
+       {"Corvane Live - report", "Recording: Zoe (pilot) 'B' \\ 2", "2025-03-02 14:03",
         "3 @ 12.5 s, 1 @ 20.0 s", "pow (mean): 5.200", "Mean HR: ", "HR (BPM)", "Time (s)",
         "CVN (logpower)", "Cycles", "TFR - high time resolution", "TFR - high frequency resolution",
         "Frequency (Hz)", "0.02", "0.10", "0.18", "0.0625 Hz", "Page 1 of 2", "Page 2 of 2"}},
