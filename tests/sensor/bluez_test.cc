@@ -179,6 +179,23 @@ TEST_F(BluezTest, LiveSessionReceivesTheRecordingInOrder) {
     EXPECT_EQ(count_lines(calls, line), 1) << line << "\n" << calls;
 }
 
+// Stop never waits for the radio: the link gives up a Connect still pending
+// and asks BlueZ to disconnect at once, and the next session streams.
+TEST_F(BluezTest, StopWhileConnectingDisconnectsAtOnce) {
+  ASSERT_NO_FATAL_FAILURE(start_fake({"--first-connect-ms", "5000", "--frame-ms", "5"}));
+  const std::string strap(kStrap);
+  test::Sink first, second;  // outlive the link's workers
+  PolarBle ble(make_platform_backend(), test::quick_timings());
+  ble.connectAndStream(strap, first.samples_cb(), first.status_cb());
+  ASSERT_TRUE(test::wait_until([&] { return contains(fake_log(), "Connect " + strap); }, 10s));
+  ble.stop();
+  EXPECT_TRUE(test::wait_until([&] { return contains(fake_log(), "Disconnect " + strap); }, 2s));
+  ble.connectAndStream(strap, second.samples_cb(), second.status_cb());
+  EXPECT_TRUE(second.wait_for("Streaming ECG…"));
+  ble.stop();
+  EXPECT_EQ(first.status_list(), std::vector<std::string>{"Connecting…"});
+}
+
 // BlueZ tells of a lost link only by a property change; missing it leaves
 // the page on "Streaming ECG…" for good.
 TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {

@@ -172,13 +172,14 @@ class Device(BluezObject):
         self.address, self.pmd = address, pmd
         self.gatt = []  # exported GATT objects while connected
         self.control = self.data = None
-        self.stream_pos = self.frames = 0
+        self.stream_pos = self.frames = self.connects = 0
         self.streaming = False
 
     @dbus.service.method("org.bluez.Device1", async_callbacks=("ok", "err"))
     def Connect(self, ok, err):
         self.fake.log("Connect", self.address)
-        GLib.timeout_add(10, self.link_up, ok)
+        self.connects += 1
+        GLib.timeout_add(self.fake.args.first_connect_ms if self.connects == 1 else 10, self.link_up, ok)
 
     @dbus.service.method("org.bluez.Device1")
     def Disconnect(self):
@@ -284,6 +285,8 @@ def main():
     parser.add_argument("--log", help="file for one line per call")
     parser.add_argument("--recording", help="ECG recording the strap streams")
     parser.add_argument("--frame-ms", type=int, default=20, help="pause between ECG frames")
+    parser.add_argument("--first-connect-ms", type=int, default=10,
+                        help="how long the first Connect takes to succeed")
     parser.add_argument("--vanish-after-frames", type=int, default=0,
                         help="the strap drops out of range after this many frames")
     parser.add_argument("--no-adapter", action="store_true", help="BlueZ runs without an adapter")

@@ -27,16 +27,6 @@ std::string expected_head(std::string_view type, std::size_t length) {
          "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n";
 }
 
-TEST(ContentType, EndingsAreCaseSensitiveAndMustFollowAName) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"a.css", "text/css"},  // html, png, wav and js: in the exact answers below
-      {"a.ico", "image/x-icon"},
-      {".png", "application/octet-stream"},
-      {"a.PNG", "application/octet-stream"},
-      {"logo.jpg", "application/octet-stream"}};
-  for (const auto& [path, type] : cases) EXPECT_EQ(content_type(path), type) << path;
-}
-
 TEST(Assets, TableHoldsThePageTheMediaAndTheSamples) {
   // Every file of the page folder is embedded, so a new module needs no
   // list to be kept in step.
