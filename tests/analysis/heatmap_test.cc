@@ -59,17 +59,14 @@ TEST(Heatmap, ColourScaleAndRowOrder) {
   EXPECT_EQ(pixel(img, 2, 0), kStop0);
 }
 
-TEST(Heatmap, EmptyRangeStillScalesAndNothingToDraw) {
+TEST(Heatmap, EmptyRangeStillScalesAndTooFewValuesDrawNothing) {
   const std::vector<float> v = {0, kLo, kLo + 1, kLo + 5, kLo + 6};
   HeatmapParams p = plain(v, 1, v.size());
   p.centre = kLo;
   p.half_range = 0;  // lo = hi: the scale is 1e-9 wide
   EXPECT_EQ(pixel(render_heatmap(p), 1, 0), kStop0);
   EXPECT_EQ(pixel(render_heatmap(p), 2, 0), kStop8);
-  // Nothing to draw: no rows, no columns, fewer values than rows x columns.
-  EXPECT_TRUE(render_heatmap(plain(v, 0, 5)).rgb.empty());
-  EXPECT_TRUE(render_heatmap(plain(v, 5, 0)).rgb.empty());
-  EXPECT_EQ(render_heatmap(plain(v, 2, 3)).width, 0);
+  EXPECT_EQ(render_heatmap(plain(v, 2, 3)).width, 0);  // fewer values than pixels: nothing read
 }
 
 TEST(Heatmap, GreyAtOrBelowTheReferenceLevel) {

@@ -26,8 +26,6 @@ TEST(LiveScore, NoScoreFromUnusableInput) {
     EXPECT_EQ(none.size(), 901u);  // still one per grid point, plus one
     EXPECT_TRUE(all_nan(none)) << bad_cycle;
   }
-  EXPECT_EQ(live_cvn_scores(rr, 0, 16.0).size(), 1u);
-  EXPECT_TRUE(live_cvn_scores(rr, 130 * 90, 16.0, 0.0).empty());
   EXPECT_TRUE(all_nan(live_cvn_scores(Series(100, 0.9), 130 * 80, 16.0)));  // no variation
 }
 

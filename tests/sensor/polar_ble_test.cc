@@ -179,6 +179,8 @@ TEST_F(PolarBleTest, RetriesDiscoveryThenGivesUpWithTheLastStatus) {
                                                      "Connecting… (attempt 4 of 4)", failure}));
   // Halfway through the attempts one full discovery refreshes a stale service cache.
   std::string l = log();
+  EXPECT_NE(l.find("] PMD discovery attempt 2: exception\n"), std::string::npos)
+      << l;  // stack failure
   std::size_t full = l.find("] full discovery: Success, 6 services\n");
   ASSERT_NE(full, std::string::npos) << l;
   EXPECT_LT(full, l.find("] PMD discovery attempt 3: Unreachable, 0 svc, conn=1\n"));
