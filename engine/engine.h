@@ -21,7 +21,7 @@
 
 #include "base/recording.h"
 #include "engine/batch.h"
-#include "engine/clock.h"
+#include "base/clock.h"
 #include "engine/journal.h"
 #include "engine/live_analysis.h"
 #include "reports/export.h"

@@ -1,5 +1,5 @@
-// Time as the engine sees it: a monotonic clock for the acquisition and the
-// wall clock for session start times and file names. Tests drive a
+// Time as the program sees it: a monotonic clock for the acquisition and the
+// wall clock for session start times, file names and report dates. Tests drive a
 // ManualClock instead of sleeping.
 #pragma once
 #include <atomic>
@@ -24,7 +24,6 @@ class ManualClock : public Clock {
   double now() override { return now_.load(); }
   std::int64_t wall() override { return wall_.load(); }
   void advance(double seconds) { now_ = now_.load() + seconds; }
-  void set_wall(std::int64_t t) { wall_ = t; }
 
  private:
   std::atomic<double> now_{1000.0};

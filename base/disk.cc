@@ -1,0 +1,48 @@
+#include "base/disk.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "base/files.h"
+
+namespace cvn {
+
+namespace {
+
+class SystemDisk : public Disk {
+ public:
+  std::optional<std::string> read(const std::string& path) override { return read_file(path); }
+
+  Status write(const std::string& path, std::string_view bytes) override {
+    std::string error = write_file_checked(path, bytes);
+    if (error.empty()) return {};
+    // A truncated file that looks whole is worse than none.
+    std::remove(path.c_str());
+    return Status::error(std::move(error));
+  }
+
+  Status write_atomic(const std::string& path, std::string_view bytes) override {
+    errno = 0;
+    if (write_file_atomic(path, bytes)) return {};
+    const int err = errno;
+    return Status::error("Could not write " + path + ": " +
+                         (err ? std::strerror(err) : "write failed"));
+  }
+
+  Status remove(const std::string& path) override {
+    errno = 0;
+    if (std::remove(path.c_str()) == 0 || errno == ENOENT) return {};
+    const int err = errno;
+    return Status::error("Could not remove " + path + ": " + std::strerror(err));
+  }
+};
+
+}  // namespace
+
+Disk& Disk::system() {
+  static SystemDisk disk;
+  return disk;
+}
+
+}  // namespace cvn
