@@ -30,12 +30,12 @@ class FullDisk : public Disk {
 
  private:
   bool full() {
-    if (writes_left_.load() < 0) return false;
-    if (writes_left_.fetch_sub(1) > 0) return false;
+    if (writes_left_ < 0 || written_++ < writes_left_) return false;
     ++failed_;
     return true;
   }
-  std::atomic<int> writes_left_;
+  const int writes_left_;
+  std::atomic<int> written_{0};
   std::atomic<int> failed_{0};
 };
 
