@@ -3,10 +3,9 @@
 #include <cstddef>
 #include <vector>
 
-namespace cvn {
+#include "base/constants.h"
 
-/// Step of the regular heart-rate series, seconds (10 Hz).
-inline constexpr double kHrGridStep = 0.1;
+namespace cvn {
 
 /// Grid times 0, step, 2 step, ... (seconds) for a recording of
 /// `sample_count` samples: the running time is advanced by repeated addition

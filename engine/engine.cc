@@ -25,11 +25,6 @@ constexpr auto kWorkerWaitStep = std::chrono::milliseconds(10);
 // The live scope trails arrival by 0.4 s so bursts of notifications scroll
 // smoothly.
 constexpr double kScopeDelaySamples = 52;
-constexpr double kMinPeriod = 0.05;
-// Rates an imported ECG may claim: below, no beat shape survives; above, it
-// is no ECG recorder we know of.
-constexpr double kMinImportRate = 20.0;
-constexpr double kMaxImportRate = 20000.0;
 
 bool valid_import_rate(const std::optional<double>& rate) {
   return rate && *rate >= kMinImportRate && *rate <= kMaxImportRate;
@@ -38,10 +33,6 @@ bool valid_import_rate(const std::optional<double>& rate) {
 const auto kNoSeries = std::make_shared<const std::vector<SeriesPoint>>();
 
 }  // namespace
-
-double breathing_period(double seconds) {
-  return round_to(std::max(seconds, kMinPeriod), 2);
-}
 
 Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& clock)
     : data_folder_(std::move(data_folder)),

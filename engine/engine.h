@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/breathing.h"
 #include "base/recording.h"
 #include "engine/batch.h"
 #include "base/clock.h"
@@ -32,12 +33,6 @@ namespace cvn {
 
 /// Target number of breathing cycles of a session (progress bar, "frac").
 inline constexpr int kCyclesTarget = 16;
-/// The scope shows the last six seconds of ECG.
-inline constexpr std::int64_t kScopeSamples = 780;
-
-/// A breathing period as sessions keep it: at least 0.05 s, rounded to two
-/// decimals (halves away from zero).
-double breathing_period(double seconds);
 
 enum class Mode { kIdle, kLive, kReplay };
 
