@@ -15,6 +15,17 @@ std::string json_text(std::string_view s) {
       out.push_back(c);
     } else if (c == '\n') {
       out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      // JSON allows no raw control character in a string (RFC 8259 7): one
+      // in a strap's or a file's name would make the page drop the snapshot.
+      static constexpr char kHex[] = "0123456789abcdef";
+      out += "\\u00";
+      out.push_back(kHex[(c >> 4) & 0xF]);
+      out.push_back(kHex[c & 0xF]);
     } else {
       out.push_back(c);
     }

@@ -9,8 +9,8 @@
 
 namespace cvn {
 
-/// Quoted text; escapes only '"', '\\' and line feed. Other bytes, control
-/// bytes and UTF-8 included, are copied as they are.
+/// Quoted text; escapes '"', '\\' and every control byte (\n, \t, \r, others
+/// as \u00XX). Other bytes, UTF-8 included, are copied as they are.
 std::string json_text(std::string_view s);
 
 /// Six significant digits in the default stream format (72.25, 0.0625,
