@@ -142,7 +142,7 @@ void LiveJournal::remove(std::uint64_t session) {
   remove();
 }
 
-std::vector<Recovery> recover_journals(const std::string& recordings_folder) {
+std::vector<Recovery> recover_journals(const std::string& recordings_folder, Disk& disk) {
   namespace fs = std::filesystem;
   std::vector<Recovery> out;
   std::error_code ec;
@@ -150,7 +150,7 @@ std::vector<Recovery> recover_journals(const std::string& recordings_folder) {
     const std::string name = entry.path().filename().string();
     if (!entry.is_regular_file(ec) || !name.ends_with(kJournalEnding)) continue;
     const std::string path = recordings_folder + "/" + name;
-    std::optional<std::string> text = read_file(path);
+    std::optional<std::string> text = disk.read(path);
     if (!text) continue;
     JournalContents j = read_journal(*text);
     Recovery r;
@@ -163,10 +163,10 @@ std::vector<Recovery> recover_journals(const std::string& recordings_folder) {
       const std::string target = recordings_folder + "/" + r.file;
       // The journal goes only once both files are safely in place; a crash
       // before that recovers again next time, over the same names.
-      r.failed = !write_file_atomic(target, format_recording(j.samples)) ||
-                 !write_file_atomic(markers_path(target), markers_csv(j.markers));
+      r.failed = !disk.write_atomic(target, format_recording(j.samples)).ok() ||
+                 !disk.write_atomic(markers_path(target), markers_csv(j.markers)).ok();
     }
-    if (!r.failed) fs::remove(path, ec);
+    if (!r.failed) (void)disk.remove(path);  // one left behind is recovered again
     out.push_back(std::move(r));
   }
   return out;

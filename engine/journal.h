@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/disk.h"
 #include "base/recording.h"
 
 namespace cvn {
@@ -95,7 +96,10 @@ struct Recovery {
 
 /// Turns every journal in `recordings_folder` into
 /// "<stem>_recovered.csv" with its markers file beside it, then removes the
-/// journal. A journal without samples is just removed.
-std::vector<Recovery> recover_journals(const std::string& recordings_folder);
+/// journal. A journal without samples is just removed. A journal whose
+/// recording or markers cannot be written (a full disk, a read-only folder)
+/// stays for the next start: it may be the only copy of that session.
+std::vector<Recovery> recover_journals(const std::string& recordings_folder,
+                                       Disk& disk = Disk::system());
 
 }  // namespace cvn

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "tests/support/fake_disk.h"
 #include "tests/support/temp_dir.h"
 
 namespace cvn {
@@ -79,6 +80,27 @@ TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
       EXPECT_EQ(r.markers, 3u);
     }
   }
+}
+
+// On a full disk or a read-only folder the journal may be the only copy of a
+// crashed session: it stays until both files are written, and the next start
+// (with room again) recovers it whole.
+TEST(JournalRecovery, AJournalThatCannotBeWrittenOutStays) {
+  TempDir dir;
+  const std::string journal = dir / "s.journal";
+  spit(journal, "# Corvane Live journal 1\n1\n2\nm1,4\n3\n");
+  for (int writes_left : {0, 1}) {  // the recording fails; then only its markers
+    testing::FullDisk full(writes_left);
+    std::vector<Recovery> found = recover_journals(dir.path(), full);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_TRUE(found[0].failed) << writes_left;
+    EXPECT_TRUE(std::filesystem::exists(journal)) << writes_left;
+  }
+  std::vector<Recovery> found = recover_journals(dir.path());
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_FALSE(found[0].failed);
+  EXPECT_FALSE(std::filesystem::exists(journal));
+  EXPECT_EQ(slurp(dir / "s_recovered.csv"), "1\n2\n3\n");
 }
 
 }  // namespace
