@@ -1,7 +1,6 @@
 #include "server/http.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <exception>
@@ -13,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/thread_set.h"
 #include "server/response.h"
 
 namespace cvn {
@@ -121,16 +121,10 @@ class WorkerCount {
   void release() {
     std::lock_guard<std::mutex> lock(m_);
     --n_;
-    idle_.notify_all();
-  }
-  void wait_idle() {
-    std::unique_lock<std::mutex> lock(m_);
-    idle_.wait(lock, [this] { return n_ == 0; });
   }
 
  private:
   std::mutex m_;
-  std::condition_variable idle_;
   int n_ = 0;
 };
 
@@ -198,7 +192,7 @@ class Reader {
     while (!(stop && stop->load())) step();
     for (Pending& p : pending_) close_socket(p.socket);
     for (Waiting& w : waiting_) close_socket(w.socket);
-    workers_.wait_idle();
+    threads_.join_all();
   }
 
  private:
@@ -293,12 +287,10 @@ class Reader {
     set_nonblocking(w.socket, false);
     set_receive_timeout(w.socket, static_cast<int>(limits_.body_timeout.count()));
     auto job = std::make_shared<Waiting>(std::move(w));
-    try {
-      std::thread([job, handler = handler_, workers = &workers_] {
-        answer(job->socket, job->request, std::move(job->rest), *handler);
-        workers->release();
-      }).detach();
-    } catch (const std::system_error&) {
+    if (!threads_.spawn([job, handler = handler_, workers = &workers_](std::stop_token) {
+          answer(job->socket, job->request, std::move(job->rest), *handler);
+          workers->release();
+        })) {
       workers_.release();
       refuse(job->socket, 503, "server busy");
     }
@@ -347,6 +339,7 @@ class Reader {
   std::shared_ptr<const RequestHandler> handler_;
   ServerLimits limits_;
   WorkerCount workers_;
+  ThreadSet threads_;  // one per request being answered
   std::vector<Pending> pending_;
   std::deque<Waiting> waiting_;
   std::vector<SocketHandle> watched_;
