@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "assets/assets.h"
+#include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -257,6 +258,57 @@ TEST(EngineJobs, OldTfrDoesNotLandInANewSession) {
   // The old job takes well under a second; give it three.
   EXPECT_FALSE(wait_until([&] { return engine.tfr().state != JobState::kIdle; }, 3s));
   EXPECT_TRUE(engine.tfr().tfr3_uri.empty());
+}
+
+// The first seconds of a new session must not show the heart rate and score
+// of the person before: an analysis that began in the old session is dropped
+// when it comes back.
+TEST(SessionState, AnAnalysisOfTheLastSessionDoesNotLandInTheNext) {
+  ManualClock clock;
+  SessionState state(clock);
+  state.begin_replay(std::vector<double>(1300, 1.0), {}, "first", {}, 1.0);
+  const AnalysisInput old = state.analysis_input();
+  state.begin_replay(std::vector<double>(1300, 2.0), {}, "second", {}, 1.0);
+  LiveAnalysis a;
+  a.hr = 70;
+  a.cvn = 0.5;
+  a.rr_count = 3;
+  a.hr_series = {{0, 70}};
+  EXPECT_FALSE(state.store_analysis(old.session, a));
+  Snapshot s = state.snapshot();
+  EXPECT_TRUE(std::isnan(s.hr));
+  EXPECT_EQ(s.rr_count, 0);
+  EXPECT_TRUE(s.hr_series->empty());
+  EXPECT_TRUE(state.store_analysis(state.analysis_input().session, a));
+  EXPECT_EQ(state.snapshot().hr, 70);
+}
+
+// Closing the program in the middle of everything: a live session, a TFR,
+// an export and a batch all running. The engine ends them and joins every
+// thread it started (none is left behind, none outlives it); under the
+// sanitizers this also shows no race on the way out.
+TEST(EngineShutdown, EndsWithEveryJobRunningAndLeavesNoThread) {
+  TempDir data;
+  for (const char* sub : {"/recordings", "/batch/a", "/batch/b"})
+    std::filesystem::create_directories(data.path() + sub);
+  const std::string ecg(*find_asset("Sample 1.txt"));
+  for (const char* f : {"/batch/a/1.txt", "/batch/a/2.txt", "/batch/b/1.txt"})
+    spit(data.path() + f, ecg);
+  const int before = test::thread_count();
+  {
+    auto* sensor = new FakeSensor;
+    Engine engine(data.path(), std::unique_ptr<BleManager>(sensor));
+    engine.start_live("AA:BB:CC:DD:EE:FF", std::nullopt, {});
+    const std::vector<double> samples = read_recording(ecg);
+    for (std::size_t at = 0; at + 130 <= samples.size(); at += 130)
+      sensor->samples(std::vector<double>(samples.begin() + at, samples.begin() + at + 130));
+    engine.start_tfr();
+    engine.start_export();
+    ASSERT_TRUE(engine.start_batch(data / "batch", false, "", std::nullopt));
+    EXPECT_EQ(engine.tfr().state, JobState::kRunning);
+    EXPECT_EQ(engine.batch_status().state, JobState::kRunning);
+  }
+  EXPECT_EQ(test::thread_count(), before);
 }
 
 }  // namespace

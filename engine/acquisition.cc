@@ -1,0 +1,167 @@
+#include "engine/acquisition.h"
+
+#include <chrono>
+#include <new>
+
+#include "base/constants.h"
+
+namespace cvn {
+
+namespace {
+
+constexpr auto kClockTick = std::chrono::milliseconds(20);
+constexpr double kAnalysisPeriod = 1.0;  // seconds between analysis starts
+
+}  // namespace
+
+Acquisition::Acquisition(SessionState& session, BleManager* ble, Clock& clock,
+                         std::string recordings_folder, Disk& disk)
+    : session_(session),
+      ble_(ble),
+      clock_(clock),
+      disk_(disk),
+      recordings_(std::move(recordings_folder)) {}
+
+Acquisition::~Acquisition() {
+  stop();
+  if (analysis_.joinable()) analysis_.join();
+}
+
+void Acquisition::stop() {
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
+}
+
+void Acquisition::stop_locked() {
+  const Mode mode = session_.mode();
+  if (mode == Mode::kLive && ble_) ble_->stop();
+  if (clock_thread_.joinable()) {
+    clock_thread_.request_stop();
+    clock_thread_.join();
+  }
+  // Everything that arrived up to the stop goes to the disk now.
+  if (mode == Mode::kLive) pump_journal(true);
+  session_.set_running(false);
+}
+
+void Acquisition::start_replay(std::vector<double> samples, std::vector<Marker> markers,
+                               const std::string& file, const SessionSettings& settings,
+                               const ReplayOptions& options) {
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
+  journal_.remove();  // a new session: the stopped live one was given up
+  session_.begin_replay(std::move(samples), std::move(markers),
+                        options.label.empty() ? file : options.label, settings, options.speed);
+  start_clock();
+}
+
+void Acquisition::start_live(const std::string& address, const std::optional<std::string>& device,
+                             const SessionSettings& settings) {
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  stop_locked();
+  session_.begin_live("Live — " + (device && !device->empty() ? *device : address), settings);
+  open_journal();
+  // The link may report a status at once, from inside connectAndStream:
+  // the callbacks take only the session's own lock.
+  if (ble_)
+    ble_->connectAndStream(
+        address, [this](const std::vector<double>& b) { session_.append_live(b); },
+        [this](const std::string& s) { session_.set_bt_status(s); });
+  start_clock();
+}
+
+void Acquisition::open_journal() {
+  const SessionCopy c = session_.copy();
+  const ExportInput& in = c.input;
+  // Replaces the previous session's journal: starting anew gives that one up.
+  journal_.start(recordings_ + "/" +
+                     session_stem(in.name, in.indur, in.outdur, in.sex, in.age, in.start_time) +
+                     std::string(kJournalEnding),
+                 c.session);
+}
+
+void Acquisition::pump_journal(bool sync_now) {
+  session_.collect_into(journal_);
+  journal_.write(clock_.now(), sync_now);
+}
+
+void Acquisition::start_clock() {
+  session_.restart_replay_clock();
+  clock_thread_ = std::jthread([this](std::stop_token stop) { clock_loop(stop); });
+}
+
+void Acquisition::maybe_start_analysis(double* last_start) {
+  const double now = clock_.now();
+  if (now - *last_start < kAnalysisPeriod) return;
+  bool expected = false;
+  if (!analysis_busy_.compare_exchange_strong(expected, true)) return;
+  *last_start = now;
+  // The previous worker has finished (busy was clear): joining it is
+  // immediate.
+  if (analysis_.joinable()) analysis_.join();
+  analysis_ = std::jthread([this] {
+    update_analysis();
+    analysis_busy_ = false;
+  });
+}
+
+void Acquisition::clock_loop(std::stop_token stop) {
+  double last_start = -1e300;  // the first round always starts an analysis
+  const Mode mode = session_.mode();
+  while (!stop.stop_requested()) {
+    const bool ended = session_.follow_replay_clock();
+    maybe_start_analysis(&last_start);
+    if (mode == Mode::kLive) pump_journal(false);
+    if (ended) {
+      // A replay that reached its end stops by itself, with its final
+      // results in place.
+      update_analysis();
+      session_.set_running(false);
+      return;
+    }
+    std::this_thread::sleep_for(kClockTick);
+  }
+}
+
+void Acquisition::update_analysis() {
+  AnalysisInput in = session_.analysis_input();
+  try {
+    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds));
+  } catch (const std::bad_alloc&) {
+    // Out of memory for one pass: the previous results stay, and the next
+    // round tries again.
+  }
+}
+
+SaveResult Acquisition::save() {
+  const SessionCopy c = session_.copy();
+  const ExportInput& in = c.input;
+  SaveResult r;
+  if (in.samples.size() < static_cast<std::size_t>(kSampleRateInt)) {
+    r.error = "Nothing recorded to save yet.";
+    return r;
+  }
+  const std::string file =
+      session_stem(in.name, in.indur, in.outdur, in.sex, in.age, clock_.wall()) + ".csv";
+  const std::string path = recordings_ + "/" + file;
+  // Atomic, so a crash mid-save never leaves a truncated recording.
+  if (!disk_.write_atomic(path, format_recording(in.samples)).ok()) {
+    r.error = "write failed";
+    return r;
+  }
+  // The header-only file is written too, so a replay finds "no markers"
+  // rather than a missing file.
+  const bool markers_written = disk_.write_atomic(markers_path(path), markers_csv(in.markers)).ok();
+  session_.set_saved_as(c.session, file);
+  // The journal goes once no data can be lost with it: this save holds the
+  // whole live session (it was stopped, so nothing more can arrive), or a
+  // new session is started (open_journal, start_replay: the old one was
+  // given up). A session stopped but not saved keeps its journal, so closing
+  // the window after Stop still recovers it at the next start.
+  if (c.finished_live && markers_written) journal_.remove(c.session);
+  r.file = file;
+  r.count = in.samples.size();
+  return r;
+}
+
+}  // namespace cvn

@@ -1,0 +1,94 @@
+// Acquisition: what feeds a session and keeps it safe. The replay and live
+// sources, the acquisition clock (a thread ticking every 20 ms that moves the
+// replay on, starts the once-per-second analysis and pushes live data to the
+// journal), and saving. One start or stop runs at a time.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/disk.h"
+#include "base/recording.h"
+#include "engine/journal.h"
+#include "engine/session.h"
+#include "sensor/ble_manager.h"
+
+namespace cvn {
+
+struct ReplayOptions {
+  double speed = 2.0;  // factor of real time, taken as given
+  std::string label;   // shown for the source; empty: the file name
+};
+
+struct SaveResult {
+  std::string error;  // empty on success, else for the user
+  std::string file;   // the recording's file name
+  std::size_t count = 0;
+};
+
+class Acquisition {
+ public:
+  /// `ble` may be null (live mode then runs with no samples ever arriving);
+  /// it, `session`, `clock` and `disk` must outlive this object.
+  Acquisition(SessionState& session, BleManager* ble, Clock& clock, std::string recordings_folder,
+              Disk& disk = Disk::system());
+  ~Acquisition();  // stops the session and joins every thread
+  Acquisition(const Acquisition&) = delete;
+  Acquisition& operator=(const Acquisition&) = delete;
+
+  /// Plays `samples` from the start as a new session named after `file`.
+  void start_replay(std::vector<double> samples, std::vector<Marker> markers,
+                    const std::string& file, const SessionSettings& settings,
+                    const ReplayOptions& options);
+
+  /// Starts a live session on the strap at `address`; progress shows in
+  /// bt_status. Returns before the connection is made.
+  void start_live(const std::string& address, const std::optional<std::string>& device,
+                  const SessionSettings& settings);
+
+  /// Ends any source; safe in every mode and more than once. The data stay,
+  /// so a stopped session can still be saved and analysed.
+  void stop();
+
+  /// Runs one analysis pass over the current samples and stores the results.
+  void update_analysis();
+
+  /// Writes the recording and its markers into the recordings folder.
+  SaveResult save();
+
+ private:
+  void stop_locked();  // REQUIRES: lifecycle_mu_ held
+  void start_clock();  // REQUIRES: lifecycle_mu_ held
+  void clock_loop(std::stop_token stop);
+  void maybe_start_analysis(double* last_start);
+  void open_journal();
+  void pump_journal(bool sync_now);
+
+  SessionState& session_;
+  BleManager* const ble_;
+  Clock& clock_;
+  Disk& disk_;
+  const std::string recordings_;
+
+  // One start or stop at a time: each joins and replaces the clock thread,
+  // and two HTTP threads (a double click) must not do that at once. Never
+  // taken by the clock thread, so holding it while joining that thread is
+  // safe.
+  std::mutex lifecycle_mu_;
+  std::jthread clock_thread_;
+  // At most one analysis runs; the clock thread starts the next one only
+  // after this one has finished, and never waits for it. A stopped session
+  // does not wait either: its last result is dropped by session number.
+  std::atomic<bool> analysis_busy_{false};
+  std::jthread analysis_;
+
+  // The running live session's journal; see save() for when it goes away.
+  LiveJournal journal_;
+};
+
+}  // namespace cvn

@@ -1,0 +1,258 @@
+#include "engine/session.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/constants.h"
+#include "engine/journal.h"
+
+namespace cvn {
+
+namespace {
+
+// The live scope trails arrival by 0.4 s so bursts of notifications scroll
+// smoothly.
+constexpr double kScopeDelaySamples = 52;
+
+bool valid_import_rate(const std::optional<double>& rate) {
+  return rate && *rate >= kMinImportRate && *rate <= kMaxImportRate;
+}
+
+const auto kNoSeries = std::make_shared<const std::vector<SeriesPoint>>();
+
+}  // namespace
+
+SessionState::SessionState(Clock& clock)
+    : clock_(clock),
+      cycle_seconds_(breathing_.cycle_seconds()),
+      import_rate_(kSampleRate),
+      hr_(std::nan("")),
+      cvn_(std::nan("")),
+      hr_series_(kNoSeries),
+      cvn_series_(kNoSeries) {}
+
+void SessionState::apply_locked(const SessionSettings& s) {
+  if (s.name) name_id_ = *s.name;
+  breathing_.indur = breathing_period(s.indur);
+  breathing_.outdur = breathing_period(s.outdur);
+  breathing_.sex = s.sex;
+  breathing_.age = s.age;
+  cycle_seconds_ = breathing_.cycle_seconds();
+  if (valid_import_rate(s.import_rate)) import_rate_ = *s.import_rate;
+}
+
+void SessionState::apply(const SessionSettings& s) {
+  std::lock_guard<std::mutex> g(mu_);
+  apply_locked(s);
+}
+
+std::uint64_t SessionState::begin_locked() {
+  hr_ = std::nan("");
+  cvn_ = std::nan("");
+  rr_count_ = 0;
+  hr_series_ = kNoSeries;
+  cvn_series_ = kNoSeries;
+  markers_.clear();
+  session_start_ = clock_.wall();
+  saved_as_.clear();
+  running_ = true;
+  return ++session_;
+}
+
+std::uint64_t SessionState::begin_replay(std::vector<double> samples, std::vector<Marker> markers,
+                                         std::string label, const SessionSettings& settings,
+                                         double speed) {
+  std::lock_guard<std::mutex> g(mu_);
+  apply_locked(settings);
+  mode_ = Mode::kReplay;
+  replay_samples_ = std::move(samples);
+  replay_total_ = static_cast<std::int32_t>(replay_samples_.size());
+  replay_pos_ = 0;
+  replay_speed_ = speed;
+  replay_offset_ = 0.0;
+  source_label_ = std::move(label);
+  const std::uint64_t session = begin_locked();
+  markers_ = std::move(markers);
+  return session;
+}
+
+std::uint64_t SessionState::begin_live(std::string label, const SessionSettings& settings) {
+  std::lock_guard<std::mutex> g(mu_);
+  apply_locked(settings);
+  mode_ = Mode::kLive;
+  live_samples_.clear();
+  live_start_ = 0.0;
+  replay_offset_ = 0.0;
+  bt_status_ = "Starting…";
+  source_label_ = std::move(label);
+  return begin_locked();
+}
+
+Mode SessionState::mode() {
+  std::lock_guard<std::mutex> g(mu_);
+  return mode_;
+}
+
+std::uint64_t SessionState::session() {
+  std::lock_guard<std::mutex> g(mu_);
+  return session_;
+}
+
+void SessionState::append_live(const std::vector<double>& batch) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (live_samples_.empty() && !batch.empty()) live_start_ = clock_.now();
+  live_samples_.insert(live_samples_.end(), batch.begin(), batch.end());
+}
+
+void SessionState::set_bt_status(std::string text) {
+  std::lock_guard<std::mutex> g(mu_);
+  bt_status_ = std::move(text);
+}
+
+void SessionState::restart_replay_clock() {
+  std::lock_guard<std::mutex> g(mu_);
+  clock_start_ = clock_.now();
+}
+
+bool SessionState::follow_replay_clock() {
+  std::lock_guard<std::mutex> g(mu_);
+  if (mode_ != Mode::kReplay) return false;
+  const double pos =
+      std::trunc(((clock_.now() - clock_start_) * replay_speed_ + replay_offset_) * kSampleRate);
+  replay_pos_ = static_cast<std::int32_t>(std::clamp<double>(pos, INT32_MIN, replay_total_));
+  return replay_pos_ >= replay_total_;
+}
+
+void SessionState::seek(double frac) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (mode_ != Mode::kReplay || replay_total_ <= 0) return;
+  const double f = std::min(frac > 0 ? frac : 0.0, 1.0);
+  replay_offset_ = replay_total_ / kSampleRate * f;
+  clock_start_ = clock_.now();
+  replay_pos_ = static_cast<std::int32_t>(
+      std::min<double>(replay_total_, std::trunc(replay_offset_ * kSampleRate)));
+}
+
+std::int64_t SessionState::sample_count() const {
+  // A negative replay speed is accepted as given and walks the position
+  // below zero; nothing before the first sample counts.
+  if (mode_ == Mode::kReplay) return std::max<std::int32_t>(replay_pos_, 0);
+  if (mode_ == Mode::kLive) return static_cast<std::int64_t>(live_samples_.size());
+  return 0;
+}
+
+std::vector<double> SessionState::samples_locked() const {
+  if (mode_ == Mode::kReplay)
+    return std::vector<double>(replay_samples_.begin(), replay_samples_.begin() + sample_count());
+  if (mode_ == Mode::kLive) return live_samples_;
+  return {};
+}
+
+std::vector<double> SessionState::samples() {
+  std::lock_guard<std::mutex> g(mu_);
+  return samples_locked();
+}
+
+AnalysisInput SessionState::analysis_input() {
+  std::lock_guard<std::mutex> g(mu_);
+  return {samples_locked(), cycle_seconds_, session_};
+}
+
+SessionCopy SessionState::copy() {
+  std::lock_guard<std::mutex> g(mu_);
+  SessionCopy c;
+  ExportInput& in = c.input;
+  in.samples = samples_locked();
+  in.markers = markers_;
+  in.name = name_id_.empty() ? source_label_ : name_id_;
+  in.indur = breathing_.indur;
+  in.outdur = breathing_.outdur;
+  in.cycle_seconds = cycle_seconds_;
+  in.sex = breathing_.sex;
+  in.age = breathing_.age;
+  in.start_time = session_start_;
+  c.import_rate = import_rate_;
+  c.session = session_;
+  c.finished_live = mode_ == Mode::kLive && !running_;
+  return c;
+}
+
+double SessionState::import_rate(const SessionSettings& settings) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (valid_import_rate(settings.import_rate)) import_rate_ = *settings.import_rate;
+  return import_rate_;
+}
+
+bool SessionState::store_analysis(std::uint64_t session, LiveAnalysis a) {
+  auto hr_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.hr_series));
+  auto cvn_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.cvn_series));
+  std::lock_guard<std::mutex> g(mu_);
+  // A new session began meanwhile: these results belong to no one.
+  if (session != session_) return false;
+  hr_ = a.hr;
+  cvn_ = a.cvn;
+  rr_count_ = a.rr_count;
+  hr_series_ = std::move(hr_series);
+  cvn_series_ = std::move(cvn_series);
+  return true;
+}
+
+bool SessionState::add_marker(int key) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (!running_ || key < 1 || key > 9) return false;
+  const auto sample = static_cast<std::int32_t>(sample_count());
+  // A double press before the next sample arrives must not make two markers.
+  if (!markers_.empty() && markers_.back().sample == sample) return false;
+  markers_.push_back({sample, key});
+  return true;
+}
+
+void SessionState::set_saved_as(std::uint64_t session, std::string file) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (session == session_) saved_as_ = std::move(file);
+}
+
+void SessionState::collect_into(LiveJournal& journal) {
+  std::lock_guard<std::mutex> g(mu_);
+  journal.collect(session_, live_samples_, markers_);  // copies only
+}
+
+Snapshot SessionState::snapshot() {
+  std::lock_guard<std::mutex> g(mu_);
+  Snapshot s;
+  s.mode = mode_;
+  s.running = running_;
+  s.name_id = name_id_;
+  s.source_label = source_label_;
+  s.bt_status = bt_status_;
+  s.samples = sample_count();
+  s.replay_total = replay_total_;
+  s.hr = hr_;
+  s.cvn = cvn_;
+  s.rr_count = rr_count_;
+  const bool replay = mode_ == Mode::kReplay;
+  const bool live = mode_ == Mode::kLive;
+  if (replay || live) {
+    const std::vector<double>& buf = replay ? replay_samples_ : live_samples_;
+    std::int64_t end = s.samples;
+    if (live && live_start_ != 0.0) {
+      double e = std::trunc((clock_.now() - live_start_) * kSampleRate - kScopeDelaySamples);
+      end = static_cast<std::int64_t>(std::clamp<double>(e, 0, static_cast<double>(buf.size())));
+    }
+    std::int64_t start = std::max<std::int64_t>(0, end - kScopeSamples);
+    end = std::min<std::int64_t>(end, static_cast<std::int64_t>(buf.size()));
+    if (end > start) s.scope.assign(buf.begin() + start, buf.begin() + end);
+  }
+  s.hr_series = hr_series_;
+  s.cvn_series = cvn_series_;
+  s.indur = breathing_.indur;
+  s.outdur = breathing_.outdur;
+  s.cycle_seconds = cycle_seconds_;
+  s.sex = breathing_.sex;
+  s.age = breathing_.age;
+  s.saved_as = saved_as_;
+  s.markers = markers_;
+  return s;
+}
+
+}  // namespace cvn

@@ -1,0 +1,162 @@
+// The session's state: which source feeds it, the samples so far, who is
+// breathing and how, the latest results and the markers. Every member sits
+// under one plain mutex that each operation takes once; none calls back out
+// while holding it, so the lock never nests. Long work copies what it needs
+// (samples(), analysis_input()), computes without the lock, and hands its
+// result back with the session number it started from: a result of an older
+// session is dropped.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/breathing.h"
+#include "base/clock.h"
+#include "base/recording.h"
+#include "engine/live_analysis.h"
+#include "reports/export.h"
+
+namespace cvn {
+
+class LiveJournal;
+
+/// Target number of breathing cycles of a session (progress bar, "frac").
+inline constexpr int kCyclesTarget = 16;
+
+enum class Mode { kIdle, kLive, kReplay };
+
+/// The life of a background job (TFR, export, batch).
+enum class JobState { kIdle, kRunning, kDone, kError };
+
+/// Who is breathing and how: what the page's setup screen sends.
+struct SessionSettings : BreathingSettings {
+  std::optional<std::string> name;  // absent: the previous name stays
+  /// Rate of imported raw ECG, Hz; kept only from kMinImportRate to
+  /// kMaxImportRate, otherwise the previous rate stays.
+  std::optional<double> import_rate;
+};
+
+/// One consistent view of the session, taken under the lock.
+struct Snapshot {
+  Mode mode = Mode::kIdle;
+  bool running = false;
+  std::string name_id, source_label, bt_status;
+  std::int64_t samples = 0;       // received (live) or played (replay)
+  std::int32_t replay_total = 0;  // replay only
+  double hr = 0, cvn = 0;         // NaN when not known yet
+  std::int32_t rr_count = 0;
+  std::vector<double> scope;  // the ECG the scope shows, at most kScopeSamples
+  std::shared_ptr<const std::vector<SeriesPoint>> hr_series, cvn_series;  // never null
+  double indur = 5, outdur = 11, cycle_seconds = 16;
+  std::string sex;
+  int age = 40;
+  JobState tfr = JobState::kIdle, export_job = JobState::kIdle;
+  std::string saved_as;  // empty: not saved
+  std::vector<Marker> markers;
+};
+
+/// What the once-per-second analysis needs, copied in one go.
+struct AnalysisInput {
+  std::vector<double> samples;
+  double cycle_seconds = 0;
+  std::uint64_t session = 0;
+};
+
+/// What save and the jobs know of the session, copied in one go.
+struct SessionCopy {
+  ExportInput input;  // the samples that count (see samples()); no logo
+  double import_rate = 0;
+  std::uint64_t session = 0;
+  bool finished_live = false;  // a live session that has stopped
+};
+
+class SessionState {
+ public:
+  explicit SessionState(Clock& clock);
+
+  /// A new replay of `samples` from the start; clears the results and the
+  /// markers (then sets `markers`), and starts a new session number, which
+  /// it returns.
+  std::uint64_t begin_replay(std::vector<double> samples, std::vector<Marker> markers,
+                             std::string label, const SessionSettings& settings, double speed);
+  /// A new live session with no samples yet; as begin_replay otherwise.
+  std::uint64_t begin_live(std::string label, const SessionSettings& settings);
+  /// The settings a batch or an import brings become the session's.
+  void apply(const SessionSettings& settings);
+
+  void set_running(bool running) { running_ = running; }
+  bool running() const { return running_; }
+  Mode mode();
+  std::uint64_t session();
+
+  /// Live samples from the strap, in arrival order.
+  void append_live(const std::vector<double>& batch);
+  void set_bt_status(std::string text);
+
+  /// Restarts the replay clock at the current position (a new replay, or
+  /// after a seek).
+  void restart_replay_clock();
+  /// Moves the replay position to where the clock says; true once it has
+  /// reached the end.
+  bool follow_replay_clock();
+  /// Moves replay to a fraction 0..1 of the recording; nothing in live mode.
+  void seek(double frac);
+
+  /// The samples that count: played replay samples, or all live samples.
+  std::vector<double> samples();
+  AnalysisInput analysis_input();
+  SessionCopy copy();
+  /// The import rate the settings ask for, or the one kept.
+  double import_rate(const SessionSettings& settings);
+
+  /// Stores the results of an analysis that started from `session`; false,
+  /// with nothing stored, when a new session has begun since.
+  bool store_analysis(std::uint64_t session, LiveAnalysis a);
+  /// A marker at the current sample; false when not running, the key is
+  /// outside 1..9, or the last marker already sits on this sample.
+  bool add_marker(int key);
+  void set_saved_as(std::uint64_t session, std::string file);
+
+  /// Queues what the journal has not seen yet of the live session.
+  void collect_into(LiveJournal& journal);
+
+  /// The session as the page sees it; job states are the jobs' to fill in.
+  Snapshot snapshot();
+
+ private:
+  void apply_locked(const SessionSettings& settings);  // REQUIRES: mu_ held
+  std::uint64_t begin_locked();                        // REQUIRES: mu_ held
+  std::int64_t sample_count() const;                   // REQUIRES: mu_ held
+  std::vector<double> samples_locked() const;          // REQUIRES: mu_ held
+
+  Clock& clock_;
+  std::mutex mu_;
+  std::atomic<bool> running_{false};
+
+  Mode mode_ = Mode::kIdle;
+  std::string name_id_, source_label_, bt_status_;
+  BreathingSettings breathing_;
+  double cycle_seconds_;
+  double import_rate_;
+
+  std::vector<double> replay_samples_, live_samples_;
+  std::int32_t replay_pos_ = 0, replay_total_ = 0;
+  double replay_speed_ = 2.0, clock_start_ = 0, replay_offset_ = 0;
+  double live_start_ = 0;  // monotonic time of the first live sample; 0: none yet
+
+  double hr_, cvn_;
+  std::int32_t rr_count_ = 0;
+  // Shared with snapshots, which are taken 20 times a second per open
+  // stream: a snapshot holds the series without copying them.
+  std::shared_ptr<const std::vector<SeriesPoint>> hr_series_, cvn_series_;
+  std::vector<Marker> markers_;
+  std::int64_t session_start_ = 0;
+  std::uint64_t session_ = 0;
+  std::string saved_as_;
+};
+
+}  // namespace cvn
