@@ -364,7 +364,7 @@ void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<CvnSeries>& series, 
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
 }
 
-std::string page_one(const RecordingReport& r) {
+PdfCanvas page_one(const RecordingReport& r) {
   PdfCanvas c;
   logo(c, r.logo, 812);
   c.text(kAccent, PdfFont::kBold, kTitleSize, kLeft, 788, kTitle);
@@ -407,7 +407,7 @@ std::string page_one(const RecordingReport& r) {
   legend_item(c, x, 86, "mean", 1);
 
   footer(c, 1, 2, r.name);
-  return c.content();
+  return c;
 }
 
 // --- Page 2.
@@ -485,7 +485,7 @@ void colour_legend(PdfCanvas& c, double x, double y, double w, bool below) {
   c.stroke_rect(kFrame, x, y, w, 9);
 }
 
-std::string page_two(const RecordingReport& r) {
+PdfCanvas page_two(const RecordingReport& r) {
   PdfCanvas c;
   logo(c, r.logo, 812);
   c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "Time-frequency maps of the heart rate");
@@ -521,48 +521,36 @@ std::string page_two(const RecordingReport& r) {
       "A strong, steady band on the green line means the heart rate follows the paced breathing.");
 
   footer(c, 2, 2, r.name);
-  return c.content();
+  return c;
 }
-
-std::string page_head(const std::string& resources, int contents) {
-  return "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) + " " +
-         pdf_number(kPageHeight) + "] /Resources << /Font << /F1 7 0 R /F2 8 0 R >>" + resources +
-         " >> /Contents " + std::to_string(contents) + " 0 R >>";
-}
-
-// WinAnsi makes code 39 the straight quote a person types (the standard
-// encoding shows a curly one), so copied text matches what was written.
-constexpr const char* kHelvetica =
-    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
-constexpr const char* kHelveticaBold =
-    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
 // A picture the page can always reference: the file keeps its fixed objects
 // even when a map could not be computed (the page then shows why instead).
-RgbImage or_blank(const RgbImage& image) {
-  if (!image.rgb.empty()) return image;
-  return RgbImage{1, 1, {255, 255, 255}};
+const PdfImage& or_blank(const PdfImage& image) {
+  static const PdfImage blank = pdf_image(RgbImage{1, 1, {255, 255, 255}});
+  return image.empty() ? blank : image;
 }
 
 }  // namespace
 
 std::string recording_report_pdf(const RecordingReport& r) {
-  const bool with_logo = !r.logo.empty();
-  const std::string logo_entry = with_logo ? " /Logo 11 0 R" : "";
-  std::vector<std::string> objects;
-  objects.reserve(11);
-  objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
-  objects.push_back("<< /Type /Pages /Kids [3 0 R 4 0 R] /Count 2 >>");
-  objects.push_back(page_head(with_logo ? " /XObject <<" + logo_entry + " >>" : "", 5));
-  objects.push_back(page_head(" /XObject << /Im1 9 0 R /Im2 10 0 R" + logo_entry + " >>", 6));
-  objects.push_back(pdf_content_object(page_one(r)));
-  objects.push_back(pdf_content_object(page_two(r)));
-  objects.push_back(kHelvetica);
-  objects.push_back(kHelveticaBold);
-  objects.push_back(pdf_rgb_image_object(or_blank(r.tfr3)));
-  objects.push_back(pdf_rgb_image_object(or_blank(r.tfr10)));
-  if (with_logo) objects.push_back(pdf_jpeg_image_object(r.logo));
-  return pdf_file(objects);
+  // Object numbers as docs/pdf.md lists them: the pages, their contents, the
+  // fonts, the maps, the logo last.
+  PdfDocument doc;
+  const int page1 = doc.add_page();
+  const int page2 = doc.add_page();
+  const int content1 = doc.add_content(page_one(r));
+  const int content2 = doc.add_content(page_two(r));
+  doc.add_fonts();
+  const int tfr3 = doc.add_image(or_blank(pdf_image(r.tfr3)));
+  const int tfr10 = doc.add_image(or_blank(pdf_image(r.tfr10)));
+  std::vector<PdfXObject> logo_image;
+  if (!r.logo.empty()) logo_image.push_back({"Logo", doc.add_jpeg(r.logo)});
+  doc.set_page(page1, content1, logo_image);
+  std::vector<PdfXObject> maps = {{"Im1", tfr3}, {"Im2", tfr10}};
+  maps.insert(maps.end(), logo_image.begin(), logo_image.end());
+  doc.set_page(page2, content2, maps);
+  return doc.file();
 }
 
 namespace {
@@ -717,53 +705,31 @@ class SummaryWriter {
       new_page({}, false);
       c().text(kMuted, PdfFont::kRegular, 10, kLeft, y_ - 14, "(no recordings)");
     }
-    // Objects as written: catalog, page tree, fonts, logo, then each page,
-    // its content and its two maps.
-    const bool with_logo = !r_.logo.empty();
-    std::vector<int> numbers;
-    int next = with_logo ? 6 : 5;
-    for (const SummaryPage& page : pages_) {
-      numbers.push_back(next);
-      next += page.maps ? 4 : 2;
-    }
-    std::string kids;
-    for (int n : numbers) kids += (kids.empty() ? "" : " ") + std::to_string(n) + " 0 R";
-    const std::string count = std::to_string(pages_.size());
-    std::vector<std::string> objects;
-    objects.push_back("<< /Type /Catalog /Pages 2 0 R >>");
-    objects.push_back("<< /Type /Pages /Kids [" + kids + "] /Count " + count + " >>");
-    objects.push_back(kHelvetica);
-    objects.push_back(kHelveticaBold);
-    if (with_logo) objects.push_back(pdf_jpeg_image_object(r_.logo));
+    // Objects as docs/pdf.md lists them: fonts, logo, then each page, its
+    // content and its two maps.
+    PdfDocument doc;
+    doc.add_fonts();
+    std::vector<PdfXObject> logo_image;
+    if (!r_.logo.empty()) logo_image.push_back({"Logo", doc.add_jpeg(r_.logo)});
     for (std::size_t i = 0; i < pages_.size(); ++i) {
       SummaryPage& page = pages_[i];
       footer(page.canvas, static_cast<int>(i + 1), static_cast<int>(pages_.size()),
              page.person.empty() ? r_.name : page.person);
-      const int n = numbers[i];
-      std::string images = with_logo ? " /Logo 5 0 R" : "";
-      if (page.maps)
-        images += " /ImA " + std::to_string(n + 2) + " 0 R /ImB " + std::to_string(n + 3) + " 0 R";
-      objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) +
-                        " " + pdf_number(kPageHeight) +
-                        "] /Resources << /Font << /F1 3 0 R /F2 4 0 R >>" +
-                        (images.empty() ? "" : " /XObject <<" + images + " >>") + " >> /Contents " +
-                        std::to_string(n + 1) + " 0 R >>");
-      objects.push_back(pdf_content_object(page.canvas.content()));
+      const int number = doc.add_page();
+      const int content = doc.add_content(page.canvas);
+      std::vector<PdfXObject> images = logo_image;
       if (page.maps) {
-        objects.push_back(pdf_rgb_image_object(or_blank(page.maps->map3)));
-        objects.push_back(pdf_rgb_image_object(or_blank(page.maps->map10)));
+        images.push_back({"ImA", doc.add_image(or_blank(page.maps->map3))});
+        images.push_back({"ImB", doc.add_image(or_blank(page.maps->map10))});
       }
+      doc.set_page(number, content, images);
     }
-    return pdf_file(objects);
+    return doc.file();
   }
 
  private:
   PdfCanvas& c() { return pages_.back().canvas; }
   bool fits(double height) const { return y_ - height >= kSectionBottom; }
-
-  static PdfImage or_blank(const PdfImage& image) {
-    return image.empty() ? pdf_image(RgbImage{1, 1, {255, 255, 255}}) : image;
-  }
 
   void new_page(const SummaryPerson& p, bool continued) {
     pages_.emplace_back();
