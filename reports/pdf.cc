@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "analysis/deflate.h"
 #include "reports/export_files.h"
@@ -25,6 +26,13 @@ constexpr short kBoldWidths[95] = {
     611, 778, 722, 278, 556, 722, 611, 833, 722, 778, 667, 778, 722, 667, 611, 722, 667, 944, 667,
     667, 611, 333, 278, 333, 584, 556, 333, 556, 611, 556, 611, 556, 333, 611, 611, 278, 278, 556,
     278, 889, 611, 611, 611, 611, 389, 556, 333, 611, 556, 778, 556, 556, 500, 389, 280, 389, 584};
+
+// WinAnsi makes code 39 the straight quote a person types (the standard
+// encoding shows a curly one), so copied text matches what was written.
+constexpr const char* kHelvetica =
+    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>";
+constexpr const char* kHelveticaBold =
+    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
 std::string color(PdfColor c) {
   char buf[48];
@@ -112,47 +120,79 @@ void PdfCanvas::image(std::string_view name, double x, double y, double w, doubl
           std::string(name) + " Do Q\n";
 }
 
-std::string pdf_content_object(std::string_view content) {
-  return "<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + std::string(content) +
-         "\nendstream";
-}
-
 PdfImage pdf_image(const RgbImage& image) {
   if (image.rgb.empty()) return {};
   const std::vector<std::uint8_t> z = zlib_compress(image.rgb);
   return {image.width, image.height, std::string(z.begin(), z.end())};
 }
 
-std::string pdf_rgb_image_object(const PdfImage& image) {
-  return image_head(image.width, image.height, "FlateDecode", image.zlib.size()) + image.zlib +
-         "\nendstream";
+PdfDocument::PdfDocument() : objects_(2) {}  // the catalog and the page tree, written by file()
+
+int PdfDocument::add(std::string body) {
+  objects_.push_back(std::move(body));
+  return static_cast<int>(objects_.size());
 }
 
-std::string pdf_rgb_image_object(const RgbImage& image) {
-  return pdf_rgb_image_object(pdf_image(image));
+void PdfDocument::add_fonts() {
+  fonts_ = add(kHelvetica);
+  add(kHelveticaBold);
 }
 
-std::string pdf_jpeg_image_object(const ReportLogo& logo) {
-  return image_head(logo.width, logo.height, "DCTDecode", logo.jpeg.size()) + logo.jpeg +
-         "\nendstream";
+int PdfDocument::add_page() {
+  pages_.push_back(add(""));
+  return pages_.back();
 }
 
-std::string pdf_file(const std::vector<std::string>& objects) {
+void PdfDocument::set_page(int page, int content, const std::vector<PdfXObject>& images) {
+  std::string xobjects;
+  for (const PdfXObject& im : images)
+    xobjects += " /" + std::string(im.name) + " " + std::to_string(im.object) + " 0 R";
+  objects_[static_cast<std::size_t>(page - 1)] =
+      "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 " + pdf_number(kPageWidth) + " " +
+      pdf_number(kPageHeight) + "] /Resources << /Font << /F1 " + std::to_string(fonts_) +
+      " 0 R /F2 " + std::to_string(fonts_ + 1) + " 0 R >>" +
+      (xobjects.empty() ? "" : " /XObject <<" + xobjects + " >>") + " >> /Contents " +
+      std::to_string(content) + " 0 R >>";
+}
+
+int PdfDocument::add_content(const PdfCanvas& canvas) {
+  const std::string& content = canvas.content();
+  return add("<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content +
+             "\nendstream");
+}
+
+int PdfDocument::add_image(const PdfImage& image) {
+  return add(image_head(image.width, image.height, "FlateDecode", image.zlib.size()) + image.zlib +
+             "\nendstream");
+}
+
+int PdfDocument::add_jpeg(const ReportLogo& logo) {
+  return add(image_head(logo.width, logo.height, "DCTDecode", logo.jpeg.size()) + logo.jpeg +
+             "\nendstream");
+}
+
+std::string PdfDocument::file() {
+  std::string kids;
+  for (int page : pages_) kids += (kids.empty() ? "" : " ") + std::to_string(page) + " 0 R";
+  objects_[0] = "<< /Type /Catalog /Pages 2 0 R >>";
+  objects_[1] =
+      "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(pages_.size()) + " >>";
+
   std::size_t total = 64;
-  for (const std::string& o : objects) total += o.size() + 48;
+  for (const std::string& o : objects_) total += o.size() + 48;
   std::string out;
   out.reserve(total);
   out += "%PDF-1.4\n";
   std::vector<std::size_t> offsets;
-  for (std::size_t i = 0; i < objects.size(); ++i) {
+  for (std::size_t i = 0; i < objects_.size(); ++i) {
     offsets.push_back(out.size());
     out += std::to_string(i + 1);
     out += " 0 obj\n";
-    out += objects[i];
+    out += objects_[i];
     out += "\nendobj\n";
   }
   const std::size_t xref = out.size();
-  const std::string size = std::to_string(objects.size() + 1);
+  const std::string size = std::to_string(objects_.size() + 1);
   out += "xref\n0 " + size + "\n0000000000 65535 f \n";
   char entry[32];
   for (std::size_t off : offsets) {

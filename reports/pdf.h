@@ -64,9 +64,6 @@ class PdfCanvas {
   std::string out_;
 };
 
-/// "<< /Length n >>\nstream\n" + content + "\nendstream".
-std::string pdf_content_object(std::string_view content);
-
 /// RGB pixels already zlib-compressed the way an image object stores them,
 /// for pictures kept in memory until a later report is written.
 struct PdfImage {
@@ -79,16 +76,48 @@ struct PdfImage {
 /// The image compressed; empty for an empty image.
 PdfImage pdf_image(const RgbImage& image);
 
-/// Image XObject of RGB pixels, zlib-compressed (/FlateDecode).
-std::string pdf_rgb_image_object(const RgbImage& image);
-std::string pdf_rgb_image_object(const PdfImage& image);
+/// An image a page draws (PdfCanvas::image): its resource name and object.
+struct PdfXObject {
+  const char* name;
+  int object;
+};
 
-/// Image XObject holding the logo's JPEG bytes unchanged (/DCTDecode).
-std::string pdf_jpeg_image_object(const ReportLogo& logo);
+/// One file, assembled object by object: each add_* call numbers its object
+/// (1, 2, ... in call order, so the file's layout is the order of the calls),
+/// and file() adds the catalog (object 1), the page tree (object 2), the
+/// cross-reference table and the trailer.
+class PdfDocument {
+ public:
+  PdfDocument();
 
-/// "%PDF-1.4", the objects numbered 1, 2, ... in order (object 1 must be the
-/// catalog), the cross-reference table with every object's byte offset, and
-/// the trailer.
-std::string pdf_file(const std::vector<std::string>& objects);
+  /// The two fonts of PdfFont, /F1 and /F2 of every page.
+  /// REQUIRES: called once, before the first set_page.
+  void add_fonts();
+  /// A page's number, taken now so that it can come before the numbers of
+  /// its content and images; set_page describes it. Pages show in the order
+  /// their numbers were taken.
+  int add_page();
+  /// The page `page` (from add_page): A4, the fonts, `images` as its
+  /// /XObject resources in the order given, and the content stream `content`.
+  void set_page(int page, int content, const std::vector<PdfXObject>& images);
+  /// An uncompressed content stream.
+  int add_content(const PdfCanvas& canvas);
+  /// Image XObject of RGB pixels, zlib-compressed (/FlateDecode).
+  /// REQUIRES: !image.empty().
+  int add_image(const PdfImage& image);
+  /// Image XObject holding the logo's JPEG bytes unchanged (/DCTDecode).
+  int add_jpeg(const ReportLogo& logo);
+
+  /// "%PDF-1.4", the objects, the cross-reference table with every object's
+  /// byte offset, and the trailer. REQUIRES: every page set.
+  std::string file();
+
+ private:
+  int add(std::string body);
+
+  std::vector<std::string> objects_;
+  std::vector<int> pages_;
+  int fonts_ = 0;  // /F1, and /F2 the object after it
+};
 
 }  // namespace cvn
