@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "base/constants.h"
 #include "base/file_names.h"
 #include "base/files.h"
 #include "base/recording.h"
@@ -81,6 +82,17 @@ Response scan(const ServerContext& c, const Request&) {
 
 Response status(const ServerContext& c, const Request&) {
   return Response::json(snapshot_json(c.engine->snapshot()));
+}
+
+// The limits the page applies before it asks, each straight from the constant
+// the program enforces, so that the page keeps no copy to fall out of step.
+Response config(const ServerContext&, const Request&) {
+  return Response::json("{\"sample_rate\":" + json_number(kSampleRate) +
+                        ",\"scope_samples\":" + std::to_string(kScopeSamples) +
+                        ",\"min_breathing_period\":" + json_number(kMinBreathingPeriod) +
+                        ",\"min_import_rate\":" + json_number(kMinImportRate) +
+                        ",\"max_import_rate\":" + json_number(kMaxImportRate) +
+                        ",\"max_upload_bytes\":" + std::to_string(kMaxBodyBytes) + "}");
 }
 
 Response seek(const ServerContext& c, const Request& r) {
@@ -258,6 +270,7 @@ constexpr Route kRoutes[] = {
     {"/recordings", recordings},
     {"/scan", scan},
     {"/status", status},
+    {"/config", config},
     {"/seek", seek},
     {"/start_replay", start_replay},
     {"/start_live", start_live},

@@ -2,12 +2,8 @@
 // time. The scale and tick arithmetic is pure and exported for the tests; the
 // drawing functions take a 2D context and a layout.
 
+import { config } from './config.js';
 import { clockText } from './format.js';
-
-// The program sends at most the last six seconds of its 130 Hz ECG (780
-// samples). The scope is always that wide, so a shorter trace starts at the
-// left and grows to the right like a sweep.
-export const kScopeSamples = 780;
 
 const kScopeHeadroom = 0.12;   // above and below the trace's range
 const kScopeGrid = 38;         // pixels
@@ -127,7 +123,9 @@ export function drawScope(canvas, size, ecg, emptyText) {
   if (!(range > 0)) { range = 1; lo -= 0.5; }
   lo -= range * kScopeHeadroom;
   range *= 1 + 2 * kScopeHeadroom;
-  const dx = w / (kScopeSamples - 1);
+  // Always as wide as the most the program sends (config.scope_samples), so a
+  // shorter trace starts at the left and grows to the right like a sweep.
+  const dx = w / (config.scope_samples - 1);
   ctx.strokeStyle = colours.scope;
   ctx.lineWidth = 1.6;
   ctx.lineJoin = 'round';

@@ -1,5 +1,7 @@
 // Texts the page shows, from plain values. No DOM here, so node can test it.
 
+import { config } from './config.js';
+
 /** "m:ss" for a number of seconds; negative and missing values show 0:00. */
 export function clockText(sec) {
   const s = Math.max(0, Math.floor(sec || 0));
@@ -18,11 +20,10 @@ export const round2 = (x) => Math.round(x * 100) / 100;
 
 // The one place the page repeats the program's reading of a breathing
 // period: before a session starts there is no snapshot to read it from, and
-// the setup pill must show the cycle the program will use. Shortest period
-// 0.05 s, then two decimals.
-const kShortestPeriod = 0.05;
+// the setup pill must show the cycle the program will use. At least the
+// program's shortest period, then two decimals.
 export function breathingPeriod(text, dflt) {
-  return round2(Math.max(parseDecimal(text, dflt), kShortestPeriod));
+  return round2(Math.max(parseDecimal(text, dflt), config.min_breathing_period));
 }
 
 /** The setup pill: "Cycle 16 s · 0.0625 Hz". */

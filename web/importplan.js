@@ -1,9 +1,10 @@
 // What an import or a batch will do with the files the user chose, worked out
 // before anything is sent. No DOM here, so node can test it.
 
-/** The program takes no request body larger than this (512 MiB). */
-export const kMaxUploadBytes = 512 * 1024 * 1024;
-export const kMaxUploadText = kMaxUploadBytes / 2 ** 20 + ' MB';
+import { config } from './config.js';
+
+/** The largest file the program takes in one request, in words: "512 MB". */
+export const uploadLimitText = () => config.max_upload_bytes / 2 ** 20 + ' MB';
 
 /** How much of a file the program reads to tell a Kubios export from raw ECG. */
 export const kKubiosHeadChars = 4000;
@@ -18,15 +19,16 @@ export function looksLikeKubios(text) {
 /** The sample rate the program will use for an imported raw ECG, from the field's text. */
 export function importRate(text) {
   const v = parseFloat(String(text).replace(/,/g, '.'));
-  return Number.isFinite(v) && v >= 20 && v <= 20000 ? v : 130;
+  return Number.isFinite(v) && v >= config.min_import_rate && v <= config.max_import_rate ? v : config.sample_rate;
 }
 
 /** What happens to a raw ECG or a Kubios file, in words. */
 export function kindText(kubios, fs) {
   if (kubios) return 'Kubios RR export: a report will be written.';
+  const rate = config.sample_rate;
   // The program leaves rates within half a hertz of its own alone.
-  if (Math.abs(fs - 130) < 0.5) return 'Raw ECG at 130 Hz: it will be saved and replayed.';
-  return 'Raw ECG at ' + fs + ' Hz will be resampled to 130 per second and replayed.';
+  if (Math.abs(fs - rate) < 0.5) return 'Raw ECG at ' + rate + ' Hz: it will be saved and replayed.';
+  return 'Raw ECG at ' + fs + ' Hz will be resampled to ' + rate + ' per second and replayed.';
 }
 
 /** "812 bytes", "14.2 kB", "3.4 MB". */
@@ -46,7 +48,7 @@ function skipReason(name, size) {
   if (!n.endsWith('.txt') && !n.endsWith('.csv')) return 'not a .txt or .csv file';
   if (n.endsWith('hrv.txt')) return 'a Kubios text report; export the RR intervals as .csv';
   if (n.endsWith('_cvn_logpower.csv')) return 'an output of this program';
-  if (size > kMaxUploadBytes) return 'larger than ' + kMaxUploadText;
+  if (size > config.max_upload_bytes) return 'larger than ' + uploadLimitText();
   return '';
 }
 

@@ -4,9 +4,10 @@
 
 import { api } from './api.js';
 import { unlockAudio } from './audio.js';
+import { config } from './config.js';
 import {
-  countText, importRate, kindText, kKubiosHeadChars, kMaxUploadBytes, kMaxUploadText, looksLikeKubios, planFolder,
-  recordingsText, sizeText, stem,
+  countText, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, recordingsText, sizeText, stem,
+  uploadLimitText,
 } from './importplan.js';
 import { $, setText } from './ui.js';
 
@@ -136,7 +137,7 @@ function fail(text) {
   if (!dialog().open) show($('flowShow'), true);
 }
 
-const tooLarge = (what) => what + ' is larger than ' + kMaxUploadText + ', the most the program takes in one file.';
+const tooLarge = (what) => what + ' is larger than ' + uploadLimitText() + ', the most the program takes in one file.';
 
 // Why a request did not do its work, for people.
 function refusal(r, what) {
@@ -208,7 +209,7 @@ async function chooseFile(file) {
   const id = openDialog('Import file');
   // Refused here rather than by the program halfway through the upload, which
   // a browser reports as a lost connection.
-  if (file.size > kMaxUploadBytes) return fail(tooLarge(file.name));
+  if (file.size > config.max_upload_bytes) return fail(tooLarge(file.name));
   let head = '';
   try { head = await file.slice(0, kKubiosHeadChars).text(); } catch (e) { /* unreadable: the send says so */ }
   if (id !== run) return;
@@ -290,8 +291,8 @@ async function chooseFolder(list, single) {
   }
   setFacts(facts);
   const describe = () => {
-    const fs = importRate($('fs').value);
-    const rate = raw ? (Math.abs(fs - 130) < 0.5 ? ' Raw ECG is read at 130 Hz.' : ' Raw ECG is read at ' + fs + ' Hz and resampled to 130 per second.') : '';
+    const fs = importRate($('fs').value), own = config.sample_rate;
+    const rate = raw ? (Math.abs(fs - own) < 0.5 ? ' Raw ECG is read at ' + own + ' Hz.' : ' Raw ECG is read at ' + fs + ' Hz and resampled to ' + own + ' per second.') : '';
     setText($('flowWhat'), (single ? 'A report for every recording, and a summary report for this person.'
       : 'A report for every recording, and one summary report of all persons.') + rate);
   };
@@ -362,6 +363,10 @@ function secondary() {
  */
 export function initImports(c) {
   ctx = c;
+  const fs = $('fs');
+  fs.min = config.min_import_rate;
+  fs.max = config.max_import_rate;
+  fs.value = config.sample_rate;
   const pick = (input) => () => { input.value = ''; input.click(); };
   $('importFileBtn').addEventListener('click', pick($('importFile')));
   $('importFolderBtn').addEventListener('click', pick($('importFolder')));

@@ -2,6 +2,7 @@
 // back to a session that is still running when the page is (re)loaded.
 
 import { api } from './api.js';
+import { loadConfig } from './config.js';
 import { initJobs } from './jobs.js';
 import { enterLive, initLive, lastSnapshot } from './live.js';
 import { initSetup, refreshSetup } from './setup.js';
@@ -18,6 +19,8 @@ function initAbout() {
   about.addEventListener('click', (e) => { if (e.target === about) about.close(); });
 }
 
+// Everything below applies the program's limits, from the first cycle pill on.
+await loadConfig();
 initSetup(enterLive);
 initLive(refreshSetup);
 initJobs();

@@ -2,12 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <filesystem>
 #include <regex>
 #include <thread>
 
 #include "assets/assets.h"
+#include "base/constants.h"
 #include "engine/engine.h"
 #include "server/routes.h"
 #include "tests/support/http_client.h"
@@ -63,6 +65,24 @@ TEST_F(Api, RecordingsListsFilesByExactEnding) {
             R"({"saved":["r.csv","r_markers.csv"],"samples":["Sample 1.txt","b.txt"]})");
   std::filesystem::remove_all(data / "recordings");
   EXPECT_EQ(get("/recordings"), R"({"saved":[],"samples":["Sample 1.txt","b.txt"]})");
+}
+
+// The shortest text that reads back as exactly `v`; independent of the
+// server's own number writer, whose six digits would not hold every limit.
+std::string exact(double v) {
+  char buf[32];
+  return std::string(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
+}
+
+// The page applies these limits as given, so each must be the program's own
+// constant, in full (536870912, not 5.36871e+08).
+TEST_F(Api, ConfigGivesThePageTheProgramsOwnLimits) {
+  EXPECT_EQ(get("/config"), "{\"sample_rate\":" + exact(kSampleRate) +
+                                ",\"scope_samples\":" + exact(kScopeSamples) +
+                                ",\"min_breathing_period\":" + exact(kMinBreathingPeriod) +
+                                ",\"min_import_rate\":" + exact(kMinImportRate) +
+                                ",\"max_import_rate\":" + exact(kMaxImportRate) +
+                                ",\"max_upload_bytes\":" + exact(kMaxBodyBytes) + "}");
 }
 
 TEST_F(Api, WithoutASensorLinkScanIsEmptyAndLiveStillStarts) {

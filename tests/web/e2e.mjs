@@ -25,10 +25,12 @@ after(async () => {
 });
 
 // A fresh profile per test and no session left running by an earlier one (the page would resume it).
-async function openPage(width, height, base = BASE) {
+// `limits`, when given, is what /config answers instead of the program.
+async function openPage(width, height, base = BASE, limits = null) {
   for (const c of browser.contexts()) await c.close();
   await fetch(base + 'stop');
   const context = await browser.newContext({ viewport: { width, height } });
+  if (limits) await context.route('**/config', (r) => r.fulfill({ json: limits }));
   const page = await context.newPage();
   const problems = [], requests = [];
   page.on('console', (m) => m.type() === 'error' && problems.push('console: ' + m.text()));
@@ -39,6 +41,8 @@ async function openPage(width, height, base = BASE) {
   page.on('response', (r) => r.status() >= 400 && problems.push(`HTTP ${r.status()}: ${r.url()}`));
   page.on('request', (r) => requests.push(new URL(r.url())));
   await page.goto(base);
+  // Started: the page wires its screens once it has read /config.
+  await page.waitForSelector('#device option', { state: 'attached' });
   return { page, calls: (p) => requests.filter((u) => u.pathname === p), done: async () => { assert.deepEqual(problems, [], 'the page reported problems'); await context.close(); } };
 }
 
@@ -253,6 +257,19 @@ test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a ref
   await flowGo(page);
   assert.equal(await text(page, '#flowError'),
     'That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios export.');
+  await done();
+});
+
+// The page holds no limits of its own: told other ones, it applies those.
+test('limits from /config: shortest period, upload cap, import rate and its range', async () => {
+  const { page, done } = await openPage(1366, 850, BASE, { sample_rate: 250, scope_samples: 1500,
+    min_breathing_period: 1, min_import_rate: 100, max_import_rate: 1000, max_upload_bytes: 2 ** 20 });
+  await page.fill('#indur', '0');
+  assert.equal(await text(page, '#cyclePill'), 'Cycle 12 s · 0.0833 Hz');
+  await page.click('#sourceSwitch >> text=Open a recording');
+  await choose(page, '#importFileBtn', path.join(tempTree({ 'big.txt': '1\n'.repeat(2 ** 19 + 1) }), 'big.txt'));
+  await waitText(page, '#flowError', /^big\.txt is larger than 1 MB, the most the program takes in one file\.$/);
+  assert.deepEqual(await page.$eval('#fs', (e) => [e.min, e.max, e.value]), ['100', '1000', '250']);
   await done();
 });
 

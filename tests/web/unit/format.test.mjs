@@ -1,7 +1,10 @@
 // Texts of the page from plain values.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
+import { config } from '../../../web/config.js';
 import { breathingPeriod, clockText, cycleText, gaugeFraction, heartRateParts, scoreText } from '../../../web/format.js';
+
+config.min_breathing_period = 0.05;  // as /config gives it
 
 test('clock, score, heart-rate and gauge', () => {
   const cases = [

@@ -1,7 +1,11 @@
 // What the page tells the user before an import or a batch sends anything.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { importRate, kindText, kMaxUploadBytes, looksLikeKubios, planFolder, recordingsText } from '../../../web/importplan.js';
+import { config } from '../../../web/config.js';
+import { importRate, kindText, looksLikeKubios, planFolder, recordingsText } from '../../../web/importplan.js';
+
+// As /config gives them.
+Object.assign(config, { sample_rate: 130, min_import_rate: 20, max_import_rate: 20000, max_upload_bytes: 512 * 2 ** 20 });
 
 test('Kubios exports are told from raw ECG by the start of the file, as the program does', () => {
   // A "sep=" line counts even when the rest is ECG, but only at the start of a line;
@@ -25,7 +29,7 @@ test('a chosen folder: persons, recordings, markers and the files left behind wi
   const files = [
     ['Anna/morning.txt', 10], ['Anna/deep/evening.CSV', 10], ['Anna/morning_markers.csv', 1],
     ['Ben.txt', 10], ['Ben/rest_hrv.txt', 10], ['Ben/rest_CVN_logpower.csv', 10],
-    ['Carla/huge.txt', kMaxUploadBytes + 1], ['Carla/ok.txt', kMaxUploadBytes],
+    ['Carla/huge.txt', config.max_upload_bytes + 1], ['Carla/ok.txt', config.max_upload_bytes],
     ['protocol.docx', 5], ['.DS_Store', 5], ['Anna/.hidden/x.txt', 5],
   ].map(([path, size]) => ({ path, size }));
 
