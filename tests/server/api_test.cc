@@ -288,8 +288,12 @@ TEST_F(Api, ConcurrentClientsWhileSessionsStartAndStop) {
   for (int round = 0; round < 15; ++round) {
     EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=64"), R"({"ok":true})");
     std::this_thread::sleep_for(std::chrono::milliseconds(30 + round * 10));
-    if (round % 3 == 0) EXPECT_EQ(get("/seek?frac=0.9"), R"({"ok":true})");
-    if (round % 4 == 1) EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF"), R"({"ok":true})");
+    if (round % 3 == 0) {
+      EXPECT_EQ(get("/seek?frac=0.9"), R"({"ok":true})");
+    }
+    if (round % 4 == 1) {
+      EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF"), R"({"ok":true})");
+    }
     EXPECT_EQ(get("/stop"), R"({"ok":true})");
   }
   // One replay left to run to its end under load.
