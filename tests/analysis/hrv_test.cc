@@ -1,0 +1,187 @@
+#include "analysis/hrv.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include "tests/support/golden_file.h"
+
+namespace cvn {
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kBin = 4.0 / 1024;  // Welch bin width for recordings of 256 s and more
+
+// RR intervals (s) for `seconds`, each given by `ms` at the beat that starts it.
+std::vector<double> beats(double seconds, const std::function<double(double)>& ms) {
+  std::vector<double> rr;
+  for (double t = 0; t < seconds; t += rr.back()) rr.push_back(ms(t) / 1000);
+  return rr;
+}
+
+HrvIndices hrv(const std::vector<double>& rr) {
+  return compute_hrv(rr, {}, {}, 10.0);
+}
+
+// A value that is claimed must be finite.
+void expect_finite_or_empty(const HrvIndices& h, const std::string& what) {
+  for (const HrvField& f : hrv_fields()) {
+    const double v = f.value(h);
+    EXPECT_TRUE(std::isnan(v) || std::isfinite(v)) << what << ": " << f.name << " = " << v;
+  }
+}
+
+TEST(Hrv, ConstantAndAlternatingSeries) {
+  const HrvIndices flat = hrv(std::vector<double>(400, 0.8));  // 320 s
+  EXPECT_EQ(flat.n_beats, 400);
+  EXPECT_DOUBLE_EQ(flat.mean_nn, 800);
+  EXPECT_DOUBLE_EQ(flat.mean_hr, 75);
+  for (double v : {flat.sdnn, flat.sd_hr, flat.rmssd, flat.pnn50, flat.sd1, flat.sd2, flat.vlf,
+                   flat.lf, flat.hf, flat.total_power})
+    EXPECT_EQ(v, 0.0);
+  for (double v : {flat.lf_hf, flat.lf_nu, flat.hf_nu, flat.lf_peak, flat.hf_peak})
+    EXPECT_TRUE(std::isnan(v));  // 0 / 0, and no peak in an empty band
+
+  // 800, 900, ... : every difference is 100 ms. The points sit across the identity line, so
+  // SD2 is 0, though its sample-variance formula dips below 0 by rounding.
+  std::vector<double> alternating;
+  for (int i = 0; i < 10; ++i) alternating.push_back(i % 2 ? 0.9 : 0.8);
+  const HrvIndices alt = hrv(alternating);
+  EXPECT_NEAR(alt.rmssd, 100, 1e-9);
+  EXPECT_EQ(alt.nn50, 9);
+  EXPECT_NEAR(alt.pnn50, 100, 1e-12);
+  EXPECT_NEAR(alt.sd2, 0, 1e-4);
+  EXPECT_TRUE(std::isnan(alt.lf));  // 8.5 s: too short for a spectrum
+}
+
+// 40 ms at f over 5 minutes: power A² / 2 = 800 ms², all of it in the band of f. The
+// detrend keeps 98.7 % of it at 0.1 Hz. At 75 bpm, 0.25 Hz has 5 beats per period, where the
+// spline keeps 99 % (at 60 bpm, 4 beats per period, it keeps only 97 %).
+TEST(Hrv, SinusoidLandsInItsBand) {
+  for (double f : {0.1, 0.25}) {
+    const HrvIndices h = hrv(
+        beats(300, [f](double t) { return 800 + 40 * std::sin(2 * std::numbers::pi * f * t); }));
+    const double in_band = f < 0.15 ? h.lf : h.hf;
+    const double peak = f < 0.15 ? h.lf_peak : h.hf_peak;
+    EXPECT_NEAR(in_band, 800, 16) << "f = " << f;
+    EXPECT_NEAR(peak, f, kBin) << "f = " << f;
+    EXPECT_LT((f < 0.15 ? h.hf : h.lf), 8) << "f = " << f;
+    expect_finite_or_empty(h, "sinusoid");
+  }
+}
+
+TEST(Hrv, DetrendRemovesALineAndKeepsTheLfBand) {
+  std::vector<double> ramp(2400), wave(2400);
+  for (std::size_t j = 0; j < ramp.size(); ++j) {
+    ramp[j] = 700 + 0.5 * static_cast<double>(j);
+    wave[j] = 40 * std::sin(2 * std::numbers::pi * 0.1 * static_cast<double>(j) / 4);
+  }
+  double worst_line = 0, worst_wave = 0;
+  const std::vector<double> line = detail::detrend(ramp, 500);
+  const std::vector<double> kept = detail::detrend(wave, 500);
+  for (std::size_t j = 0; j < ramp.size(); ++j)
+    worst_line = std::max(worst_line, std::abs(line[j]));
+  // Away from the ends, where the trend estimate bends towards the signal.
+  for (std::size_t j = 400; j < 2000; ++j)
+    worst_wave = std::max(worst_wave, std::abs(kept[j] - wave[j]));
+  EXPECT_LT(worst_line, 1e-9);
+  EXPECT_LT(worst_wave, 0.01 * 40);
+}
+
+TEST(Hrv, BadInputGivesEmptyFieldsNeverAFailure) {
+  const double inf = std::numeric_limits<double>::infinity();
+  struct Case {
+    const char* what;
+    std::vector<double> rr;
+    int used;
+  };
+  const Case cases[] = {
+      {"none", {}, 0},
+      {"one beat", {0.8}, 1},
+      {"two beats", {0.8, 0.9}, 2},
+      {"two usable", {kNaN, 0.8, -1, 0, inf, 0.9}, 2},
+      {"all outliers", {kNaN, kNaN, -inf, -0.5}, 0},
+      {"overflowing", {1e300, 1e300, 1e300, 1e300}, 4},
+      {"underflowing", {1e-310, 1e-310, 1e-310, 1e-310}, 4},
+      {"36 hours", std::vector<double>(2000, 65.535), 2000},  // past the spectrum's day
+      {"usable among bad", {0.8, kNaN, 0.9, -1, 0.8, 0.9, inf}, 4},
+  };
+  for (const Case& c : cases) {
+    HrvIndices h;
+    EXPECT_NO_THROW(h = compute_hrv(c.rr, {true}, {60, kNaN, 70}, 16));
+    EXPECT_EQ(h.n_beats, c.used) << c.what;
+    expect_finite_or_empty(h, c.what);
+    if (c.used < 3) {
+      for (const HrvField& f : hrv_fields()) {
+        const bool empty = f.count == &HrvIndices::n_beats || std::isnan(f.value(h));
+        EXPECT_TRUE(empty) << c.what << " " << f.name;
+      }
+      EXPECT_EQ(h.nn50, HrvIndices::kEmptyCount);
+    }
+  }
+  const HrvIndices mixed = compute_hrv(cases[8].rr, {true, true, false}, {}, 16);
+  EXPECT_DOUBLE_EQ(mixed.mean_nn, 850);      // from the finite, positive intervals only
+  EXPECT_DOUBLE_EQ(mixed.artefact_pct, 25);  // the flag of the dropped NaN goes with it
+  EXPECT_TRUE(std::isnan(mixed.min_hr));     // no heart-rate series
+  EXPECT_TRUE(std::isnan(mixed.peak_trough_hr));
+}
+
+// hr[i] = i² on the 0.1 s grid: cycle k of 11 samples swings (11k + 10)² - (11k)² =
+// 220 k + 100. C / step = 11.000000000000002 must still start cycles on samples 11, 22, ...
+TEST(Hrv, PeakTroughOverWholeCyclesOnly) {
+  const std::vector<double> rr(5, 0.8);
+  for (std::size_t samples : {99u, 100u, 98u}) {
+    std::vector<double> hr(samples);
+    for (std::size_t i = 0; i < samples; ++i) hr[i] = static_cast<double>(i * i);
+    const std::size_t cycles = samples / 11;  // 9, 9, 8
+    const double expected = 110.0 * static_cast<double>(cycles - 1) + 100;
+    EXPECT_NEAR(compute_hrv(rr, {}, hr, 1.1).peak_trough_hr, expected, 1e-9) << samples;
+  }
+  const std::vector<double> hr(100, 60);
+  EXPECT_TRUE(std::isnan(compute_hrv(rr, {}, hr, 10.1).peak_trough_hr));  // no whole cycle
+  EXPECT_EQ(compute_hrv(rr, {}, hr, 10.0).peak_trough_hr, 0.0);
+  for (double cycle : {0.0, 0.01, -5.0, kNaN, std::numeric_limits<double>::infinity()})
+    EXPECT_TRUE(std::isnan(compute_hrv(rr, {}, hr, cycle).peak_trough_hr)) << cycle;
+}
+
+// Independent numpy/scipy computation (tools/make_hrv_reference.py): 10 minutes (three
+// Welch segments) and 3 minutes (one segment of 720 points, through the any-length DFT).
+TEST(Hrv, MatchesTheReference) {
+  std::string names;
+  for (const HrvField& f : hrv_fields()) names += std::string(names.empty() ? "" : " ") + f.name;
+  EXPECT_EQ(names,
+            "n_beats artefact_pct mean_nn sdnn mean_hr sd_hr min_hr max_hr rmssd nn50 pnn50 sd1 "
+            "sd2 vlf lf hf total_power lf_hf lf_nu hf_nu lf_peak hf_peak peak_trough_hr");
+  for (const char* name : {"hrv_10min", "hrv_3min"}) {
+    const test::GoldenFile golden =
+        test::read_golden(test::source_path("tests/analysis/golden/") + name + ".golden");
+    ASSERT_TRUE(golden.ok) << name;
+    std::vector<bool> corrected;
+    for (double v : golden.series.at("corrected")) corrected.push_back(v != 0);
+    const HrvIndices h = compute_hrv(golden.series.at("rr"), corrected, golden.series.at("hr"),
+                                     std::stod(golden.fields.at("cycle_seconds")));
+    double worst = 0;
+    for (const HrvField& f : hrv_fields()) {
+      const double want = std::stod(golden.fields.at(f.name)), got = f.value(h);
+      const double relative = std::abs(got - want) / std::abs(want);
+      EXPECT_LE(relative, 1e-6) << name << " " << f.name << ": " << got << " vs " << want;
+      worst = std::max(worst, relative);
+    }
+    std::printf("%s: largest relative difference from the reference %.3g\n", name, worst);
+  }
+}
+
+TEST(Hrv, RrToSeconds) {
+  EXPECT_EQ(rr_to_seconds(0.85), 0.85);
+  EXPECT_EQ(rr_to_seconds(10.0), 10.0);  // 10 itself is still seconds
+  EXPECT_EQ(rr_to_seconds(850.0), 0.85);
+  EXPECT_TRUE(std::isnan(rr_to_seconds(kNaN)));
+}
+
+}  // namespace
+}  // namespace cvn
