@@ -240,8 +240,9 @@ void time_domain(const std::vector<double>& nn, std::size_t corrected_count,
   out.nn50 = over;
   out.pnn50 = 100.0 * over / static_cast<double>(diff.size());
   // Brennan et al. 2001: SD1² = var(dNN) / 2, SD2² = 2 SDNN² - var(dNN) / 2. With sample
-  // variances the difference dips just below 0 for a purely alternating series, whose
-  // points lie across the identity line: its SD2 is 0.
+  // variances (n and n - 1 terms) the identity is not exact, and the difference goes below 0
+  // for short alternating series (-667 ms² for 800, 900, 800, 900, 800 ms), whose points lie
+  // across the identity line: SD2 0.
   const double var_diff = sample_variance(diff);
   out.sd1 = std::sqrt(var_diff / 2);
   out.sd2 = std::sqrt(std::max(0.0, 2 * var_nn - var_diff / 2));
@@ -278,7 +279,7 @@ void frequency_domain(const std::vector<double>& nn, HrvIndices& out) {
 // Mean over whole cycles of max - min. Grid sample i (at i kHrGridStep s) is in cycle k when
 // k C <= i step < (k + 1) C; cycle k is whole when (k + 1) C <= N step. Both compare in grid
 // steps with a 1e-9 tolerance, so a boundary that falls on a sample stays on it despite the
-// rounding of C / step (1.1 / 0.1 = 11.000000000000002).
+// rounding of C / step (a cycle of 1.1 s in and 1.3 s out is 24.000000000000004 steps).
 double peak_trough(const std::vector<double>& hr, double cycle) {
   if (!(cycle >= kMinBreathingPeriod) || !std::isfinite(cycle)) return HrvIndices::kEmpty;
   constexpr double kTolerance = 1e-9;
