@@ -30,14 +30,6 @@ HrvIndices hrv(const std::vector<double>& rr) {
   return compute_hrv(rr, {}, {}, 10.0);
 }
 
-// A value that is claimed must be finite.
-void expect_finite_or_empty(const HrvIndices& h, const std::string& what) {
-  for (const HrvField& f : hrv_fields()) {
-    const double v = f.value(h);
-    EXPECT_TRUE(std::isnan(v) || std::isfinite(v)) << what << ": " << f.name << " = " << v;
-  }
-}
-
 TEST(Hrv, ConstantAndAlternatingSeries) {
   const HrvIndices flat = hrv(std::vector<double>(400, 0.8));  // 320 s
   EXPECT_DOUBLE_EQ(flat.mean_nn, 800);
@@ -73,22 +65,18 @@ TEST(Hrv, SinusoidLandsInItsBand) {
   }
 }
 
+// A line is what the second difference annihilates: nothing of it may survive but rounding
+// (the literal z - A^-1 z leaves 2e-8 here). 0.1 Hz at 4 Hz keeps 99.4 % of its amplitude,
+// away from the ends, where the trend bends towards the signal.
 TEST(Hrv, DetrendRemovesALineAndKeepsTheLfBand) {
   std::vector<double> ramp(2400), wave(2400);
   for (std::size_t j = 0; j < ramp.size(); ++j) {
     ramp[j] = 700 + 0.5 * static_cast<double>(j);
     wave[j] = 40 * std::sin(2 * std::numbers::pi * 0.1 * static_cast<double>(j) / 4);
   }
-  double worst_line = 0, worst_wave = 0;
-  const std::vector<double> line = detail::detrend(ramp, 500);
+  for (double v : detail::detrend(ramp, 500)) EXPECT_LT(std::abs(v), 1e-9);
   const std::vector<double> kept = detail::detrend(wave, 500);
-  for (std::size_t j = 0; j < ramp.size(); ++j)
-    worst_line = std::max(worst_line, std::abs(line[j]));
-  // Away from the ends, where the trend estimate bends towards the signal.
-  for (std::size_t j = 400; j < 2000; ++j)
-    worst_wave = std::max(worst_wave, std::abs(kept[j] - wave[j]));
-  EXPECT_LT(worst_line, 1e-9);
-  EXPECT_LT(worst_wave, 0.01 * 40);
+  for (std::size_t j = 400; j < 2000; ++j) EXPECT_NEAR(kept[j], wave[j], 0.01 * 40) << j;
 }
 
 TEST(Hrv, BadInputGivesEmptyFieldsNeverAFailure) {
@@ -113,12 +101,11 @@ TEST(Hrv, BadInputGivesEmptyFieldsNeverAFailure) {
     HrvIndices h;
     EXPECT_NO_THROW(h = compute_hrv(c.rr, {true}, {60, kNaN, 70}, 16));
     EXPECT_EQ(h.n_beats, c.used) << c.what;
-    expect_finite_or_empty(h, c.what);
-    if (c.used < 3) {
-      for (const HrvField& f : hrv_fields()) {
-        const bool empty = f.count == &HrvIndices::n_beats || std::isnan(f.value(h));
-        EXPECT_TRUE(empty) << c.what << " " << f.name;
-      }
+    for (const HrvField& f : hrv_fields()) {
+      const double v = f.value(h);  // a value claimed is finite; below 3 intervals, none is
+      const bool empty = std::isnan(v) || f.count == &HrvIndices::n_beats;
+      EXPECT_TRUE(c.used < 3 ? empty : std::isnan(v) || std::isfinite(v))
+          << c.what << " " << f.name;
     }
   }
   const HrvIndices mixed = compute_hrv(cases[8].rr, {true, true, false}, {}, 16);
