@@ -170,4 +170,46 @@ void FftPlan::frequency_stages(std::complex<double>* data) const {
   if (log2n_ % 2 == 1) pairs(x, n);
 }
 
+namespace {
+
+// The FftPlan length behind a DftPlan of n points: n itself for a power of two, otherwise the
+// Bluestein convolution's (0, an empty plan, beyond 2^30 points, where that would pass
+// FftPlan's limit).
+std::size_t dft_fft_length(std::size_t n) {
+  if (n == 0 || n > (std::size_t{1} << 30)) return 0;
+  return fft_length_for(n) == n ? n : fft_length_for(2 * n - 1);
+}
+
+}  // namespace
+
+DftPlan::DftPlan(std::size_t n) : fft_(dft_fft_length(n)) {
+  if (fft_.size() == 0) return;
+  n_ = n;
+  if (fft_.size() == n) return;
+  const std::size_t m = fft_.size();
+  chirp_.resize(n);
+  kernel_.assign(m, {0.0, 0.0});
+  for (std::size_t j = 0; j < n; ++j) {
+    // j^2 mod 2n keeps the angle small, so it loses no digits for long transforms; n <= 2^30
+    // here, so j^2 fits in 64 bits.
+    const auto j2 = static_cast<std::uint64_t>(j) * j % (2 * static_cast<std::uint64_t>(n));
+    const double angle = std::numbers::pi * static_cast<double>(j2) / static_cast<double>(n);
+    chirp_[j] = {std::cos(angle), -std::sin(angle)};
+    kernel_[j] = std::conj(chirp_[j]) / static_cast<double>(m);
+    if (j > 0) kernel_[m - j] = kernel_[j];
+  }
+  fft_.forward_bit_reversed(kernel_);
+}
+
+void DftPlan::forward(std::span<std::complex<double>> data) const {
+  if (n_ == 0 || data.size() != n_) return;
+  if (chirp_.empty()) return fft_.forward(data);
+  std::vector<std::complex<double>> work(fft_.size(), {0.0, 0.0});
+  for (std::size_t j = 0; j < n_; ++j) work[j] = data[j] * chirp_[j];
+  fft_.forward_bit_reversed(work);
+  for (std::size_t k = 0; k < work.size(); ++k) work[k] *= kernel_[k];
+  fft_.backward_bit_reversed(work);
+  for (std::size_t k = 0; k < n_; ++k) data[k] = work[k] * chirp_[k];
+}
+
 }  // namespace cvn

@@ -53,6 +53,31 @@ class FftPlan {
   std::vector<std::complex<double>> twiddles_;
 };
 
+/// Forward transform of any length, for spectra whose segment is not a power of two: a power
+/// of two goes straight to FftPlan; any other length n becomes a circular convolution of
+/// length fft_length_for(2n - 1) with Bluestein's chirp, whose spectrum the plan keeps.
+class DftPlan {
+ public:
+  /// Plan for `n` points; size() is 0 for n == 0 or when the convolution would exceed what
+  /// FftPlan can take.
+  explicit DftPlan(std::size_t n);
+
+  std::size_t size() const { return n_; }
+
+  /// X[k] = sum_j x[j] exp(-2 pi i j k / n), in place. Does nothing unless
+  /// data.size() == size(). Other than a power of two, allocates one work buffer per call.
+  void forward(std::span<std::complex<double>> data) const;
+
+ private:
+  std::size_t n_ = 0;
+  FftPlan fft_;  // n itself, or the convolution length
+  // exp(-i pi j^2 / n), j < n: the chirp that turns j k into (j^2 + k^2 - (k - j)^2) / 2.
+  std::vector<std::complex<double>> chirp_;
+  // Transform (bit-reversed order) of the conjugate chirp wrapped around the convolution,
+  // divided by its length so that the unscaled backward pass comes out right.
+  std::vector<std::complex<double>> kernel_;
+};
+
 /// Smallest power of two that is at least `n` (1 for n <= 1); 0 when there is none.
 std::size_t fft_length_for(std::size_t n);
 

@@ -79,5 +79,24 @@ TEST(Fft, RefusesWhatItCannotTransform) {
   EXPECT_EQ(fft_length_for(2048), 2048u);
 }
 
+// Bluestein's convolution for the lengths Welch segments of short recordings take; powers of
+// two go straight to FftPlan.
+TEST(Fft, AnyLengthMatchesTheDefiningSum) {
+  for (std::size_t n : {1u, 2u, 3u, 5u, 12u, 97u, 720u, 1000u, 1024u}) {
+    const Signal x = random_signal(n, static_cast<unsigned>(n) + 7);
+    Signal y = x;
+    const DftPlan plan(n);
+    ASSERT_EQ(plan.size(), n);
+    plan.forward(y);
+    EXPECT_LT(max_error(y, direct_dft(x)), 1e-12 * std::sqrt(static_cast<double>(n)) * 4)
+        << "n = " << n;
+  }
+  EXPECT_EQ(DftPlan(0).size(), 0u);
+  Signal x = random_signal(8, 3);
+  const Signal before = x;
+  DftPlan(12).forward(x);  // wrong length for the plan: untouched
+  EXPECT_EQ(x, before);
+}
+
 }  // namespace
 }  // namespace cvn
