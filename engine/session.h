@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "analysis/hrv.h"
 #include "base/breathing.h"
 #include "base/clock.h"
 #include "base/recording.h"
@@ -51,6 +52,9 @@ struct Snapshot {
   std::int32_t rr_count = 0;
   std::vector<double> scope;  // the ECG the scope shows, at most kScopeSamples
   std::shared_ptr<const std::vector<SeriesPoint>> hr_series, cvn_series;  // never null
+  /// HRV of the session so far: null until 2 minutes exist (then renewed
+  /// every 10 s) and after a stop (then of the whole session).
+  std::shared_ptr<const HrvIndices> hrv;
   double indur = 5, outdur = 11, cycle_seconds = 16;
   std::string sex;
   int age = 40;

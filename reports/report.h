@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "analysis/hrv.h"
 #include "analysis/png.h"
 #include "base/recording.h"
 #include "reports/export_files.h"
@@ -25,6 +26,7 @@ struct RecordingReport {
   double expected_freq = 0;         // Hz, labels the green line of the heat-maps
   double duration_seconds = 0;      // the heat-maps' time axis
   bool rr_only = false;             // from an RR-interval export: there is no ECG
+  HrvIndices hrv;                   // the HRV block
   ReportLogo logo;                  // empty: no logo
 };
 
@@ -43,6 +45,7 @@ struct SummaryEntry {
   std::vector<double> cvn;  // one log-power value per cycle, NaN for none
   PdfImage map3, map10;     // the shrunk heat-maps; empty: none
   bool rr_only = false;     // read from an RR-interval export, no ECG
+  HrvIndices hrv;           // RMSSD, SDNN, LF/HF and peak-trough HR go in its row
   std::string error;        // set: the recording failed, in words a user can act on
 };
 
