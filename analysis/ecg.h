@@ -19,8 +19,12 @@ inline constexpr int kMaxHeartRate = 300;
 std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_rate,
                                   int max_heart_rate);
 
-/// Cleaned RR intervals in seconds (clean_rr of the intervals between
-/// consecutive peaks). Empty for fewer than two peaks.
+/// Intervals between consecutive peaks in seconds, as found (not cleaned).
+/// Empty for fewer than two peaks.
+std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate);
+
+/// Cleaned RR intervals in seconds (clean_rr of peak_intervals). Empty for
+/// fewer than two peaks.
 std::vector<double> rr_from_peaks(const std::vector<int32_t>& peaks, double sample_rate);
 
 /// Cleaned RR intervals in seconds (clean_rr of the R-peak intervals), one

@@ -233,11 +233,7 @@ ExportInput Engine::session_input() {
   in.samples = current_samples();
   in.markers = markers_;
   in.name = session_name();
-  in.indur = indur_;
-  in.outdur = outdur_;
-  in.cycle_seconds = cycle_seconds_;
-  in.sex = sex_;
-  in.age = age_;
+  in.breathing = {indur_, outdur_, sex_, age_};
   in.start_time = session_start_;
   in.logo = logo_;
   return in;
@@ -342,7 +338,8 @@ SaveResult Engine::save() {
     r.error = "Nothing recorded to save yet.";
     return r;
   }
-  std::string file = session_stem(c.name, c.indur, c.outdur, c.sex, c.age, clock_.wall()) + ".csv";
+  const BreathingSettings& b = c.breathing;
+  std::string file = session_stem(c.name, b.indur, b.outdur, b.sex, b.age, clock_.wall()) + ".csv";
   std::string path = data_folder_ + "/recordings/" + file;
   // Atomic, so a crash mid-save never leaves a truncated recording.
   if (!write_file_atomic(path, format_recording(c.samples))) {
@@ -475,7 +472,7 @@ void Engine::start_tfr() {
     Guard g(mu_);
     tfr_.state = JobState::kRunning;
     tfr_.message.clear();
-    in = {current_samples(), cycle_seconds_, sex_, age_};
+    in = {current_samples(), {indur_, outdur_, sex_, age_}};
     generation = generation_;
   }
   run_detached([this, in = std::move(in), generation] {
@@ -544,11 +541,7 @@ bool Engine::start_batch(const std::string& folder, bool single, const std::stri
     request.folder = folder;
     request.single = single;
     request.report_name = report_name;
-    request.settings.indur = indur_;
-    request.settings.outdur = outdur_;
-    request.settings.cycle_seconds = cycle_seconds_;
-    request.settings.sex = sex_;
-    request.settings.age = age_;
+    request.settings.breathing = {indur_, outdur_, sex_, age_};
     request.settings.sample_rate = import_rate_;
     request.settings.per_person = single && settings.has_value();
     batch_ = {};

@@ -87,7 +87,7 @@ TEST(TfrJob, TooLittleRecordingIsExplained) {
   const TfrImages short_one = compute_tfr_images(in);
   EXPECT_EQ(short_one.error, "Could not compute TFR (recording may be too short).");
   EXPECT_TRUE(short_one.tfr3_uri.empty());
-  in.cycle_seconds = 10;  // ...which is a whole cycle of 10 s
+  in.breathing.outdur = 5;  // ...which is a whole cycle of 10 s
   const TfrImages ok = compute_tfr_images(in);
   EXPECT_EQ(ok.error, "");
   Picture p;
