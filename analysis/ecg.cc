@@ -5,7 +5,6 @@
 
 #include "analysis/filter.h"
 #include "analysis/peaks.h"
-#include "analysis/rr.h"
 
 namespace cvn {
 
@@ -43,18 +42,13 @@ std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_
   return upright;
 }
 
-std::vector<double> analyze_ecg(const std::vector<double>& ecg, double sample_rate,
-                                int max_heart_rate) {
-  return rr_from_peaks(find_r_peaks(ecg, sample_rate, max_heart_rate), sample_rate);
-}
-
-std::vector<double> rr_from_peaks(const std::vector<int32_t>& peaks, double sample_rate) {
+std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate) {
   if (peaks.size() < 2) return {};
   std::vector<double> rr(peaks.size() - 1);
   for (std::size_t k = 1; k < peaks.size(); ++k) {
     rr[k - 1] = static_cast<double>(peaks[k] - peaks[k - 1]) / sample_rate;
   }
-  return clean_rr(rr);
+  return rr;
 }
 
 }  // namespace cvn

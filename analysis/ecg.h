@@ -1,4 +1,5 @@
-// From a single-lead ECG to cleaned beat-to-beat (RR) intervals.
+// From a single-lead ECG to its R-peaks and the intervals between them
+// (analyze_recording cleans them).
 #pragma once
 #include <cstdint>
 #include <vector>
@@ -19,13 +20,8 @@ inline constexpr int kMaxHeartRate = 300;
 std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_rate,
                                   int max_heart_rate);
 
-/// Cleaned RR intervals in seconds (clean_rr of the intervals between
-/// consecutive peaks). Empty for fewer than two peaks.
-std::vector<double> rr_from_peaks(const std::vector<int32_t>& peaks, double sample_rate);
-
-/// Cleaned RR intervals in seconds (clean_rr of the R-peak intervals), one
-/// fewer than the R-peaks. Empty when fewer than two R-peaks were found.
-std::vector<double> analyze_ecg(const std::vector<double>& ecg, double sample_rate,
-                                int max_heart_rate);
+/// Intervals between consecutive peaks in seconds, as found (not cleaned).
+/// Empty for fewer than two peaks.
+std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate);
 
 }  // namespace cvn

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "analysis/png.h"
+#include "base/constants.h"
 
 namespace cvn {
 
@@ -28,7 +29,7 @@ struct HeatmapParams {
   int age = 0;
   /// Cycle length in seconds and time-axis columns per second, for the cycle lines.
   double cycle_seconds = 0.0;
-  double sampling_rate = 130.0;  // one column per ECG sample of the chest strap
+  double sampling_rate = kSampleRate;  // one column per ECG sample of the chest strap
   /// Columns of the full time axis when the matrix keeps only some of them (one per pixel,
   /// say); the cycle lines are placed on this axis. 0: the matrix keeps every column.
   std::size_t time_columns = 0;

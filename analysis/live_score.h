@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "base/constants.h"
+
 namespace cvn {
 
 /// Breathing cycles in one live-score window.
@@ -31,7 +33,7 @@ inline constexpr double kLiveScoreStep = 0.1;
 /// Intervals are used up to the first one that is not positive and finite.
 /// Empty when the rate or step is not positive and finite.
 std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t sample_count,
-                                    double cycle_seconds, double sample_rate = 130.0,
+                                    double cycle_seconds, double sample_rate = kSampleRate,
                                     int cycles_per_window = kLiveScoreCycles,
                                     double grid_step = kLiveScoreStep);
 

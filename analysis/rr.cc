@@ -1,5 +1,6 @@
 #include "analysis/rr.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 
@@ -22,7 +23,12 @@ constexpr double kVariableLimit = 3.0;
 }  // namespace
 
 std::vector<double> clean_rr(const std::vector<double>& rr) {
-  if (rr.empty()) return rr;
+  return clean_rr_marked(rr).rr;
+}
+
+CleanedRr clean_rr_marked(const std::vector<double>& rr) {
+  CleanedRr out{rr, std::vector<unsigned char>(rr.size())};
+  if (rr.empty()) return out;
 
   std::vector<double> plausible;
   plausible.reserve(rr.size());
@@ -33,24 +39,28 @@ std::vector<double> clean_rr(const std::vector<double>& rr) {
   const double variance = population_variance(plausible);
   for (double& r : plausible) r = std::abs(r - m);
   const double d = median(plausible);
-  if (d == 0.0) return rr;
+  if (d == 0.0) return out;
 
   const double limit = variance <= kSteadyVariance ? kSteadyLimit : kVariableLimit;
-  std::vector<unsigned char> outlier(rr.size());
+  std::vector<unsigned char>& outlier = out.replaced;
   std::size_t outliers = 0;
   for (std::size_t i = 0; i < rr.size(); ++i) {
     outlier[i] = !std::isfinite(rr[i]) || std::abs(kMadToSd * (rr[i] - m) / d) > limit;
     outliers += outlier[i];
   }
-  if (outliers == 0 || outliers == rr.size()) return rr;
+  if (outliers == 0) return out;
+  if (outliers == rr.size()) {
+    // Nothing good to interpolate from: the series stays as it came.
+    std::fill(outlier.begin(), outlier.end(), 0);
+    return out;
+  }
 
-  std::vector<double> cleaned(rr);
   const double nan = std::nan("");
   for (std::size_t i = 0; i < rr.size(); ++i) {
-    if (outlier[i]) cleaned[i] = nan;
+    if (outlier[i]) out.rr[i] = nan;
   }
-  fill_gaps(cleaned);
-  return cleaned;
+  fill_gaps(out.rr);
+  return out;
 }
 
 }  // namespace cvn

@@ -14,4 +14,16 @@ namespace cvn {
 /// the MAD is 0, or when there is no outlier or no good interval.
 std::vector<double> clean_rr(const std::vector<double>& rr);
 
+/// What clean_rr returns, and which intervals it replaced.
+struct CleanedRr {
+  std::vector<double> rr;
+  /// One per interval: 1 where clean_rr replaced it (an artefact), else 0.
+  std::vector<unsigned char> replaced;
+};
+
+/// clean_rr, also saying which intervals were replaced; `rr` is exactly
+/// clean_rr's result. Nothing is marked when clean_rr returns the series
+/// unchanged.
+CleanedRr clean_rr_marked(const std::vector<double>& rr);
+
 }  // namespace cvn

@@ -522,7 +522,8 @@ std::size_t morlet_half_length(double freq, double cycles, double sample_rate) {
   return j;
 }
 
-std::vector<std::complex<double>> morlet_wavelet(double freq, double cycles, double sample_rate) {
+std::vector<std::complex<double>> detail::morlet_wavelet(double freq, double cycles,
+                                                         double sample_rate) {
   const std::size_t half = morlet_half_length(freq, cycles, sample_rate);
   if (half == 0) return {};
   const double sigma = cycles / (2 * std::numbers::pi * freq);

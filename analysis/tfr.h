@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/constants.h"
+
 namespace cvn {
 
 /// Wavelet widths of the two time-frequency maps, in cycles: high time resolution and high
@@ -25,12 +27,6 @@ std::vector<double> tfr_frequencies();
 /// and finite.
 std::size_t morlet_half_length(double freq, double cycles, double sample_rate);
 
-/// Complex Morlet wavelet on the grid -t_(J-1), ..., -t_0, t_0, ..., t_(J-1) (J =
-/// morlet_half_length; 0 s appears twice): psi(t) = (cos(2 pi f t) - c + i sin(2 pi f t))
-/// exp(-t^2 / (2 sigma^2)), c = exp(-2 (pi f sigma)^2) removing the carrier's mean, divided by
-/// sqrt(0.5 sum |psi|^2). Empty when morlet_half_length is 0.
-std::vector<std::complex<double>> morlet_wavelet(double freq, double cycles, double sample_rate);
-
 /// Power as 32-bit floats, row-major: `rows` rows (frequencies) of `cols` columns (times).
 struct TfrMatrix {
   std::size_t rows = 0;
@@ -42,7 +38,7 @@ struct TfrMatrix {
 
 /// What wavelet_power computes.
 struct TfrRequest {
-  double sample_rate = 130.0;
+  double sample_rate = kSampleRate;
   /// Hz, one matrix row each.
   std::vector<double> frequencies;
   /// Wavelet widths in cycles, one matrix each.
@@ -71,5 +67,17 @@ struct WaveletPower {
 /// the row's peak power. Empty when the request or the ranges are not valid.
 WaveletPower wavelet_power(const std::vector<double>& extended, std::size_t offset,
                            std::size_t length, const TfrRequest& request);
+
+namespace detail {
+
+/// Complex Morlet wavelet on the grid -t_(J-1), ..., -t_0, t_0, ..., t_(J-1) (J =
+/// morlet_half_length; 0 s appears twice): psi(t) = (cos(2 pi f t) - c + i sin(2 pi f t))
+/// exp(-t^2 / (2 sigma^2)), c = exp(-2 (pi f sigma)^2) removing the carrier's mean, divided by
+/// sqrt(0.5 sum |psi|^2). Empty when morlet_half_length is 0. wavelet_power builds its
+/// wavelets on a decimated grid instead; this full-rate one is the reference the tests hold
+/// that against.
+std::vector<std::complex<double>> morlet_wavelet(double freq, double cycles, double sample_rate);
+
+}  // namespace detail
 
 }  // namespace cvn

@@ -12,6 +12,7 @@
 #include "analysis/heart_rate.h"
 #include "analysis/hrv.h"
 #include "analysis/live_score.h"
+#include "analysis/pipeline.h"
 
 namespace {
 
@@ -40,9 +41,10 @@ void BM_LiveAnalysis(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   if (ecg.empty()) return state.SkipWithError("reference recording missing");
   for (auto _ : state) {
-    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
-    benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kSampleRate));
-    benchmark::DoNotOptimize(cvn::live_cvn_scores(rr, ecg.size(), kCycleSeconds));
+    const cvn::RecordingAnalysis a =
+        cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds, {.cycles = false});
+    benchmark::DoNotOptimize(a.hr.data());
+    benchmark::DoNotOptimize(cvn::live_cvn_scores(a.rr, ecg.size(), kCycleSeconds));
   }
 }
 BENCHMARK(BM_LiveAnalysis)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
@@ -64,7 +66,8 @@ BENCHMARK(BM_FindRPeaks)->Arg(30)->Unit(benchmark::kMillisecond);
 
 void BM_RegularHr(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr =
+      cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds, {.cycles = false}).rr;
   for (auto _ : state) {
     benchmark::DoNotOptimize(cvn::regular_hr(rr, ecg.size(), cvn::kSampleRate));
   }
@@ -73,7 +76,8 @@ BENCHMARK(BM_RegularHr)->Arg(30)->Unit(benchmark::kMillisecond);
 
 void BM_LiveScore(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr =
+      cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds, {.cycles = false}).rr;
   for (auto _ : state) {
     benchmark::DoNotOptimize(cvn::live_cvn_scores(rr, ecg.size(), kCycleSeconds));
   }
@@ -84,9 +88,9 @@ BENCHMARK(BM_LiveScore)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond
 // Goal: at most 10 ms for 30 minutes.
 void BM_HrvIndices(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
-  const std::vector<double> hr = cvn::regular_hr(rr, ecg.size(), cvn::kSampleRate);
-  for (auto _ : state) benchmark::DoNotOptimize(cvn::compute_hrv(rr, {}, hr, kCycleSeconds));
+  const cvn::RecordingAnalysis a =
+      cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds, {.cycles = false, .hrv = false});
+  for (auto _ : state) benchmark::DoNotOptimize(cvn::compute_hrv(a.rr, {}, a.hr, kCycleSeconds));
 }
 BENCHMARK(BM_HrvIndices)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
 

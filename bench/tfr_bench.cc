@@ -12,6 +12,7 @@
 #include "analysis/cycles.h"
 #include "analysis/ecg.h"
 #include "analysis/fft.h"
+#include "analysis/pipeline.h"
 #include "analysis/png.h"
 #include "base/recording.h"
 
@@ -76,7 +77,8 @@ BENCHMARK(BM_FftConvolutionRow)->Arg(1 << 14)->Arg(1 << 15);
 // Cycle measure and both maps from the RR intervals (R-peaks found beforehand).
 void BM_AnalyzeCycles(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
-  const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
+  const std::vector<double> rr =
+      cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds, {.cycles = false}).rr;
   for (auto _ : state) {
     cvn::CycleAnalysis a = cvn::analyze_cycles(ecg.size(), rr, kCycleSeconds, cvn::kSampleRate);
     benchmark::DoNotOptimize(a.cvn.data());
@@ -84,13 +86,12 @@ void BM_AnalyzeCycles(benchmark::State& state) {
 }
 BENCHMARK(BM_AnalyzeCycles)->Arg(5)->Arg(30)->Arg(60)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Everything the TFR job does: R-peaks, cycle measure and maps, both heat-maps as PNG.
+// Everything the TFR job does: the whole pipeline, both heat-maps as PNG.
 void BM_WholeRecording(benchmark::State& state) {
   const std::vector<double>& ecg = recording(static_cast<int>(state.range(0)));
   for (auto _ : state) {
-    const std::vector<double> rr = cvn::analyze_ecg(ecg, cvn::kSampleRate, cvn::kMaxHeartRate);
-    const cvn::CycleAnalysis a =
-        cvn::analyze_cycles(ecg.size(), rr, kCycleSeconds, cvn::kSampleRate);
+    const cvn::RecordingAnalysis r = cvn::analyze_recording(cvn::EcgSamples{ecg}, kCycleSeconds);
+    const cvn::CycleAnalysis& a = r.cycles;
     for (const cvn::TfrWidth w : {cvn::TfrWidth::kNarrow, cvn::TfrWidth::kWide}) {
       const std::vector<std::uint8_t> png =
           cvn::encode_png_rgb(cvn::render_tfr(a, w, 'M', 40, true));

@@ -23,13 +23,18 @@ Acquisition::Acquisition(SessionState& session, BleManager* ble, Clock& clock,
       recordings_(std::move(recordings_folder)) {}
 
 Acquisition::~Acquisition() {
-  stop();
+  {
+    std::lock_guard<std::mutex> l(lifecycle_mu_);
+    stop_locked();
+  }
   if (analysis_.joinable()) analysis_.join();
 }
 
 void Acquisition::stop() {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
+  const bool was_running = session_.running();
   stop_locked();
+  if (was_running) update_analysis(true);
 }
 
 void Acquisition::stop_locked() {
@@ -75,7 +80,7 @@ void Acquisition::open_journal() {
   const ExportInput& in = c.input;
   // Replaces the previous session's journal: starting anew gives that one up.
   journal_.start(recordings_ + "/" +
-                     session_stem(in.name, in.indur, in.outdur, in.sex, in.age, in.start_time) +
+                     session_stem(in.name, in.breathing.indur, in.breathing.outdur, in.breathing.sex, in.breathing.age, in.start_time) +
                      std::string(kJournalEnding),
                  c.session);
 }
@@ -87,6 +92,7 @@ void Acquisition::pump_journal(bool sync_now) {
 
 void Acquisition::start_clock() {
   session_.restart_replay_clock();
+  hrv_due_ = static_cast<std::size_t>(kHrvMinSeconds * kSampleRate);
   clock_thread_ = std::jthread([this](std::stop_token stop) { clock_loop(stop); });
 }
 
@@ -115,7 +121,7 @@ void Acquisition::clock_loop(std::stop_token stop) {
     if (ended) {
       // A replay that reached its end stops by itself, with its final
       // results in place.
-      update_analysis();
+      update_analysis(true);
       session_.set_running(false);
       return;
     }
@@ -123,10 +129,16 @@ void Acquisition::clock_loop(std::stop_token stop) {
   }
 }
 
-void Acquisition::update_analysis() {
+void Acquisition::update_analysis(bool with_hrv) {
   AnalysisInput in = session_.analysis_input();
+  const std::size_t due = hrv_due_;
+  if (in.samples.size() >= due) {
+    with_hrv = true;
+    hrv_due_ = in.samples.size() + static_cast<std::size_t>(kHrvPeriodSeconds * kSampleRate);
+  }
   try {
-    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds));
+    (void)session_.store_analysis(in.session,
+                                  analyze_live(in.samples, in.cycle_seconds, with_hrv));
   } catch (const std::bad_alloc&) {
     // Out of memory for one pass: the previous results stay, and the next
     // round tries again.
@@ -142,7 +154,7 @@ SaveResult Acquisition::save() {
     return r;
   }
   const std::string file =
-      session_stem(in.name, in.indur, in.outdur, in.sex, in.age, clock_.wall()) + ".csv";
+      session_stem(in.name, in.breathing.indur, in.breathing.outdur, in.breathing.sex, in.breathing.age, clock_.wall()) + ".csv";
   const std::string path = recordings_ + "/" + file;
   // Atomic, so a crash mid-save never leaves a truncated recording.
   if (!disk_.write_atomic(path, format_recording(in.samples)).ok()) {

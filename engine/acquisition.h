@@ -31,6 +31,12 @@ struct SaveResult {
   std::size_t count = 0;
 };
 
+/// The live HRV numbers appear once this much is recorded (the shortest
+/// recording their spectrum accepts) ...
+inline constexpr double kHrvMinSeconds = 120;
+/// ... and are renewed after every this much more.
+inline constexpr double kHrvPeriodSeconds = 10;
+
 class Acquisition {
  public:
   /// `ble` may be null (live mode then runs with no samples ever arriving);
@@ -52,11 +58,14 @@ class Acquisition {
                   const SessionSettings& settings);
 
   /// Ends any source; safe in every mode and more than once. The data stay,
-  /// so a stopped session can still be saved and analysed.
+  /// so a stopped session can still be saved and analysed; a session that was
+  /// running gets its final analysis, HRV of the whole session included.
   void stop();
 
-  /// Runs one analysis pass over the current samples and stores the results.
-  void update_analysis();
+  /// Runs one analysis pass over the current samples and stores the results;
+  /// the HRV indices too when `with_hrv`, and otherwise when they are due
+  /// (every kHrvPeriodSeconds of recording once kHrvMinSeconds exist).
+  void update_analysis(bool with_hrv = false);
 
   /// Writes the recording and its markers into the recordings folder.
   SaveResult save();
@@ -86,6 +95,8 @@ class Acquisition {
   // does not wait either: its last result is dropped by session number.
   std::atomic<bool> analysis_busy_{false};
   std::jthread analysis_;
+  // The sample count at which the next pass computes the HRV indices.
+  std::atomic<std::size_t> hrv_due_{0};
 
   // The running live session's journal; see save() for when it goes away.
   LiveJournal journal_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <ctime>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -30,8 +29,7 @@ bool ends_with_longer(const std::string& name, std::string_view ending) {
 bool is_recording_file(const std::string& name) {
   if (ends_with_longer(name, ".txt")) return true;
   if (!ends_with_longer(name, ".csv")) return false;
-  return !ends_with_longer(name, "_markers.csv") && !ends_with_longer(name, "_cvn_logpower.csv") &&
-         !ends_with_longer(name, "_CVN_logpower.csv");
+  return !ends_with_longer(name, "_markers.csv") && !ends_with_longer(name, "_CVN_logpower.csv");
 }
 
 std::string stem_of(const std::string& name) {
@@ -70,26 +68,31 @@ struct Job {
 // One recording into its export folder. Every way it can fail is a sentence
 // for the summary, never an exception.
 BatchItem process(const Job& job, const BatchSettings& settings, const std::string& exports,
-                  const ReportLogo& logo) {
+                  const ReportLogo& logo, const BatchIo& io) {
   BatchItem item;
+  const BatchFile& file = *job.file;
   item.person = job.group->name;
-  item.path = job.file->path;
-  item.entry.file = job.file->name;
-  std::optional<std::string> text = read_file(job.file->path);
-  if (!text) {
-    item.entry.error = "Could not read the file.";
-    return item;
-  }
+  item.path = file.path;
+  item.entry.file = file.name;
   ExportInput in;
-  if (looks_like_kubios(*text)) {
-    in.rr_seconds = read_kubios_rr(*text);
+  std::optional<std::string> read;
+  if (file.rr_seconds.empty() && !file.text) {
+    read = io.disk.read(file.path);
+    if (!read) {
+      item.entry.error = "Could not read the file.";
+      return item;
+    }
+  }
+  const std::string_view text = read ? *read : file.text ? *file.text : std::string_view();
+  if (!file.rr_seconds.empty() || looks_like_kubios(text)) {
+    in.rr_seconds = file.rr_seconds.empty() ? read_kubios_rr(text) : file.rr_seconds;
     item.entry.rr_only = true;
     if (in.rr_seconds.size() < kMinKubiosBeats) {
       item.entry.error = "This looks like a Kubios file but no RR-interval column was found.";
       return item;
     }
   } else {
-    in.samples = resample(read_recording(*text), settings.sample_rate);
+    in.samples = resample(read_recording(text), settings.sample_rate);
     if (in.samples.size() < kMinImportSamples) {
       item.entry.error = in.samples.empty()
                              ? "Not a recording: no samples in it."
@@ -98,22 +101,21 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
                                    " (3 s) needed.";
       return item;
     }
-    if (std::optional<std::string> m = read_file(markers_path(job.file->path)))
-      in.markers = read_markers(*m);
+    // A recording handed over in memory came without its markers file.
+    if (read) {
+      if (std::optional<std::string> m = io.disk.read(markers_path(file.path)))
+        in.markers = read_markers(*m);
+    }
   }
-  text.reset();
+  read.reset();
   // A person with several recordings gets one folder per recording.
   in.name = job.group->files.size() > 1
-                ? job.group->name + "_" + sanitize_file_name(stem_of(job.file->name))
+                ? job.group->name + "_" + sanitize_file_name(stem_of(file.name))
                 : job.group->name;
-  in.cycle_seconds = settings.cycle_seconds;
-  in.indur = settings.indur;
-  in.outdur = settings.outdur;
-  in.sex = settings.sex;
-  in.age = settings.age;
+  in.breathing = settings.breathing;
   in.logo = logo;
   in.summary_maps = true;
-  ExportResult r = write_export(in, exports);
+  ExportResult r = write_export(in, exports, io.clock, io.disk);
   r.summary.file = std::move(item.entry.file);
   r.summary.error = r.error;
   item.entry = std::move(r.summary);
@@ -123,23 +125,36 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
   return item;
 }
 
+// Single mode: all of `files` one person's; otherwise each file a person of
+// its own, by its name without the extension (the same names merge).
+void add_top_level(std::vector<BatchFile> files, bool single, const std::string& report_name,
+                   std::map<std::string, BatchGroup>& by_name) {
+  if (single) {
+    const std::string name = sanitize_file_name(report_name, "import");
+    if (!files.empty()) by_name[name] = {name, std::move(files)};
+    return;
+  }
+  for (BatchFile& f : files) {
+    std::string name = sanitize_file_name(stem_of(f.name));
+    by_name[name].name = name;
+    by_name[name].files.push_back(std::move(f));
+  }
+}
+
+std::vector<BatchGroup> in_order(std::map<std::string, BatchGroup>& by_name) {
+  std::vector<BatchGroup> groups;
+  for (auto& [name, g] : by_name) groups.push_back(std::move(g));
+  return groups;
+}
+
 }  // namespace
 
 std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
                                    const std::string& report_name) {
-  std::vector<BatchGroup> groups;
-  if (single) {
-    BatchGroup g{sanitize_file_name(report_name, "import"), recordings_in(folder, true)};
-    if (!g.files.empty()) groups.push_back(std::move(g));
-    return groups;
-  }
-  std::error_code ec;
   std::map<std::string, BatchGroup> by_name;  // sorted, and two folders never merge silently
-  for (const BatchFile& f : recordings_in(folder, false)) {
-    std::string name = sanitize_file_name(stem_of(f.name));
-    by_name[name].name = name;
-    by_name[name].files.push_back(f);
-  }
+  add_top_level(recordings_in(folder, single), single, report_name, by_name);
+  if (single) return in_order(by_name);
+  std::error_code ec;
   for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
     if (!it->is_directory(ec)) continue;
     std::vector<BatchFile> files = recordings_in(it->path(), true);
@@ -149,16 +164,22 @@ std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
     g.name = name;
     g.files.insert(g.files.end(), files.begin(), files.end());
   }
-  for (auto& [name, g] : by_name) groups.push_back(std::move(g));
-  return groups;
+  return in_order(by_name);
 }
 
 BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_folder,
-                       const ReportLogo& logo, const BatchProgress& progress, int threads) {
+                       const ReportLogo& logo, const BatchProgress& progress, int threads,
+                       BatchIo io) {
   BatchOutcome out;
   out.folder = exports_folder;
-  const std::vector<BatchGroup> groups =
-      list_batch(request.folder, request.single, request.report_name);
+  std::vector<BatchGroup> groups;
+  if (request.files.empty()) {
+    groups = list_batch(request.folder, request.single, request.report_name);
+  } else {
+    std::map<std::string, BatchGroup> by_name;
+    add_top_level(request.files, request.single, request.report_name, by_name);
+    groups = in_order(by_name);
+  }
   std::vector<Job> jobs;
   for (const BatchGroup& g : groups)
     for (const BatchFile& f : g.files) jobs.push_back({&g, &f});
@@ -186,7 +207,7 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   int done = 0;
   std::string last_message;
   auto work = [&] {
-    for (std::size_t i; (i = next++) < jobs.size();) {
+    for (std::size_t i; !io.stop.stop_requested() && (i = next++) < jobs.size();) {
       // Names the recording just started: with two at a time, the count is
       // the one being worked on, not the ones finished.
       const std::string message = "Processing " + std::to_string(i + 1) + " / " +
@@ -196,7 +217,7 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
         last_message = message;
         progress(done, total, message);
       }
-      BatchItem item = process(jobs[i], request.settings, exports_folder, logo);
+      BatchItem item = process(jobs[i], request.settings, exports_folder, logo, io);
       if (item.path.starts_with(prefix)) item.path.erase(0, prefix.size());
       std::lock_guard<std::mutex> g(mu);
       out.items[i] = std::move(item);
@@ -207,6 +228,10 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   for (int t = 1; t < std::min<int>(threads, total); ++t) pool.emplace_back(work);
   work();
   for (std::thread& t : pool) t.join();
+  if (io.stop.stop_requested()) {
+    out.error = "The batch was stopped before its end.";
+    return out;
+  }
 
   std::size_t written = 0, failed = 0;
   for (const BatchItem& item : out.items) {
@@ -221,10 +246,10 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   summary.name = !request.report_name.empty()
                      ? request.report_name
                      : std::filesystem::path(request.folder).filename().string();
-  summary.created = static_cast<std::int64_t>(std::time(nullptr));
+  summary.created = io.clock.wall();
   summary.logo = logo;
   summary.age_sex_per_person = request.settings.per_person;
-  summary.expected_freq = expected_frequency(request.settings.cycle_seconds);
+  summary.expected_freq = expected_frequency(request.settings.breathing.cycle_seconds());
   // Persons in the order they were listed; their recordings in file order.
   for (BatchItem& item : out.items) {
     if (summary.persons.empty() || summary.persons.back().name != item.person)
@@ -236,10 +261,10 @@ BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_f
   }
   const std::string summary_name = sanitize_file_name(summary.name, "batch") + "_" +
                                    file_time_stamp(summary.created) + "_summary_report.pdf";
-  std::string error =
-      write_file_checked(exports_folder + "/" + summary_name, summary_report_pdf(summary));
-  if (!error.empty()) {
-    out.error = error;
+  const Status saved =
+      io.disk.write(exports_folder + "/" + summary_name, summary_report_pdf(summary));
+  if (!saved.ok()) {
+    out.error = saved.message();
     return out;
   }
   out.reports.push_back(summary_name);

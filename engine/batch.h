@@ -5,9 +5,15 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
+#include "base/breathing.h"
+#include "base/clock.h"
+#include "base/constants.h"
+#include "base/disk.h"
 #include "reports/report.h"
 #include "reports/report_logo.h"
 
@@ -15,11 +21,21 @@ namespace cvn {
 
 /// What every recording of a batch is analysed with.
 struct BatchSettings {
-  double indur = 5.0, outdur = 11.0, cycle_seconds = 16.0;
-  std::string sex = "M";
-  int age = 40;
-  double sample_rate = 130.0;  // of the raw ECG files
-  bool per_person = false;     // age and sex were set for this person
+  BreathingSettings breathing;
+  double sample_rate = kSampleRate;  // of the raw ECG files
+  bool per_person = false;           // age and sex were set for this person
+};
+
+/// One recording file of a person: on disk at `path`, or handed over in
+/// memory (`text` or `rr_seconds`; `path` then only names it).
+struct BatchFile {
+  std::string path;
+  std::string name;  // file name without its folder
+  /// The file's contents, read instead of `path`: raw ECG text or a Kubios export.
+  std::optional<std::string> text;
+  /// RR intervals in seconds already read from a Kubios export; when not
+  /// empty they are the recording and `text` is not looked at.
+  std::vector<double> rr_seconds;
 };
 
 struct BatchRequest {
@@ -27,12 +43,10 @@ struct BatchRequest {
   bool single = false;      // every file is one person's
   std::string report_name;  // the summary's name (single mode: the person's); "": the folder's
   BatchSettings settings;
-};
-
-/// One recording file of a person.
-struct BatchFile {
-  std::string path;
-  std::string name;  // file name without its folder
+  /// Recordings handed over in memory (an upload of one file): when not
+  /// empty, these are the batch and `folder` is not listed. Grouped as the
+  /// files at the top of a folder are.
+  std::vector<BatchFile> files;
 };
 
 /// A person: a sub-folder of the batch folder, a recording at its top level,
@@ -44,7 +58,7 @@ struct BatchGroup {
 
 /// The recordings of `folder` by person, sorted by name. A recording is a
 /// ".txt" (raw ECG) or ".csv" (Kubios export) file; the program's own
-/// "_markers.csv" and "_cvn_logpower.csv" outputs are not. Sub-folders are
+/// "_markers.csv" and "_CVN_logpower.csv" outputs are not. Sub-folders are
 /// persons; a file at the top is a person of its own unless `single`.
 std::vector<BatchGroup> list_batch(const std::string& folder, bool single,
                                    const std::string& report_name);
@@ -69,10 +83,22 @@ struct BatchOutcome {
 /// the user sees ("Processing 3 / 10 — Anna").
 using BatchProgress = std::function<void(int done, int total, const std::string& message)>;
 
+/// Where a batch reads and writes, and what time it is; the real ones unless
+/// a test hands in others.
+struct BatchIo {
+  Clock& clock = Clock::system();
+  Disk& disk = Disk::system();
+  /// Set when the program shuts down: the recordings being worked on are
+  /// finished, no other is started, and no summary is written.
+  std::stop_token stop;
+};
+
 /// Runs the batch on up to `threads` recordings at a time. One unreadable or
 /// too-short file is listed with its error and the rest go on; only a
-/// failure of the whole (no exports folder to write into) sets `error`.
+/// failure of the whole (no exports folder to write into, no summary
+/// written) sets `error`. The summary is named and dated by `io.clock`.
 BatchOutcome run_batch(const BatchRequest& request, const std::string& exports_folder,
-                       const ReportLogo& logo, const BatchProgress& progress, int threads = 2);
+                       const ReportLogo& logo, const BatchProgress& progress, int threads = 2,
+                       BatchIo io = {});
 
 }  // namespace cvn

@@ -56,23 +56,19 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   }
   const std::string name = import_name(file_name);
   if (looks_like_kubios(text)) {
-    r.beats = read_kubios_rr(text).size();
+    std::vector<double> rr = read_kubios_rr(text);
+    r.beats = rr.size();
     if (r.beats < kMinKubiosBeats) {
       r.note = "This looks like a Kubios file but no RR-interval column was found.";
       return r;
     }
-    if (jobs_.batch_running()) {
-      r.note = "A batch is already running.";
-      return r;
-    }
-    // The export goes through a batch of its own, in a fresh upload area.
-    std::string error = reset_upload_folder();
-    if (error.empty()) error = write_file_checked(upload_folder() + "/" + name + ".csv", text);
-    if (!error.empty()) {
-      r.note = error;
-      return r;
-    }
-    if (!jobs_.start_batch(upload_folder(), true, name, settings)) {
+    // The export goes through a batch of its own, handed the intervals
+    // already read.
+    BatchRequest request;
+    request.single = true;
+    request.report_name = name;
+    request.files.push_back({name + ".csv", name + ".csv", std::nullopt, std::move(rr)});
+    if (!jobs_.start_batch(std::move(request), settings)) {
       r.note = "A batch is already running.";
       return r;
     }

@@ -99,8 +99,9 @@ class Engine {
   /// The logo the PDF reports carry; set once at start-up.
   void set_report_logo(ReportLogo logo) { jobs_.set_report_logo(std::move(logo)); }
 
-  /// Runs one analysis pass over the current samples and stores the results.
-  void update_analysis() { acquisition_.update_analysis(); }
+  /// Runs one analysis pass over the current samples and stores the results,
+  /// HRV indices included.
+  void update_analysis() { acquisition_.update_analysis(true); }
 
   /// The samples that count: played replay samples, or all live samples.
   std::vector<double> current_samples() { return session_.samples(); }

@@ -24,7 +24,7 @@ void Jobs::new_session(std::uint64_t session) {
 
 void Jobs::start_tfr() {
   SessionCopy c = session_.copy();
-  TfrInput in{std::move(c.input.samples), c.input.cycle_seconds, c.input.sex, c.input.age};
+  TfrInput in{std::move(c.input.samples), c.input.breathing};
   {
     std::lock_guard<std::mutex> g(mu_);
     if (c.session != session_id_) return;  // a new session is being set up
@@ -76,7 +76,7 @@ void Jobs::start_export() {
       threads_.spawn([this, in = std::move(c.input), session = c.session](std::stop_token) {
         ExportResult r;
         try {
-          r = write_export(in, exports_);
+          r = write_export(in, exports_, clock_);
         } catch (const std::exception& e) {
           r.error = std::string("Export failed: ") + e.what();
         }
@@ -105,21 +105,21 @@ ExportStatus Jobs::export_status() {
 
 bool Jobs::start_batch(const std::string& folder, bool single, const std::string& report_name,
                        const std::optional<SessionSettings>& settings) {
-  bool expected = false;
-  if (!batch_running_.compare_exchange_strong(expected, true)) return false;
-  if (settings) session_.apply(*settings);
-  const SessionCopy c = session_.copy();
   BatchRequest request;
   request.folder = folder;
   request.single = single;
   request.report_name = report_name;
-  request.settings.indur = c.input.indur;
-  request.settings.outdur = c.input.outdur;
-  request.settings.cycle_seconds = c.input.cycle_seconds;
-  request.settings.sex = c.input.sex;
-  request.settings.age = c.input.age;
+  return start_batch(std::move(request), settings);
+}
+
+bool Jobs::start_batch(BatchRequest request, const std::optional<SessionSettings>& settings) {
+  bool expected = false;
+  if (!batch_running_.compare_exchange_strong(expected, true)) return false;
+  if (settings) session_.apply(*settings);
+  const SessionCopy c = session_.copy();
+  request.settings.breathing = c.input.breathing;
   request.settings.sample_rate = c.import_rate;
-  request.settings.per_person = single && settings.has_value();
+  request.settings.per_person = request.single && settings.has_value();
   ReportLogo logo;
   {
     std::lock_guard<std::mutex> g(mu_);
@@ -128,26 +128,28 @@ bool Jobs::start_batch(const std::string& folder, bool single, const std::string
     batch_.state = JobState::kRunning;
     batch_.message = "Scanning…";
   }
-  const bool started =
-      threads_.spawn([this, request = std::move(request), logo = std::move(logo)](std::stop_token) {
-        BatchOutcome out;
-        try {
-          out = run_batch(request, exports_, logo,
-                          [this](int done, int total, const std::string& message) {
-                            std::lock_guard<std::mutex> g(mu_);
-                            batch_.done = done;
-                            batch_.total = total;
-                            batch_.message = message;
-                          });
-        } catch (const std::exception& e) {
-          out.error = e.what();
-        }
-        std::lock_guard<std::mutex> g(mu_);
-        batch_.state = out.error.empty() ? JobState::kDone : JobState::kError;
-        batch_.message = out.error.empty() ? out.message : "Batch failed: " + out.error;
-        batch_.outcome = std::move(out);
-        batch_running_ = false;
-      });
+  const bool started = threads_.spawn([this, request = std::move(request),
+                                       logo = std::move(logo)](std::stop_token stop) {
+    BatchOutcome out;
+    try {
+      out = run_batch(
+          request, exports_, logo,
+          [this](int done, int total, const std::string& message) {
+            std::lock_guard<std::mutex> g(mu_);
+            batch_.done = done;
+            batch_.total = total;
+            batch_.message = message;
+          },
+          2, BatchIo{clock_, Disk::system(), stop});
+    } catch (const std::exception& e) {
+      out.error = e.what();
+    }
+    std::lock_guard<std::mutex> g(mu_);
+    batch_.state = out.error.empty() ? JobState::kDone : JobState::kError;
+    batch_.message = out.error.empty() ? out.message : "Batch failed: " + out.error;
+    batch_.outcome = std::move(out);
+    batch_running_ = false;
+  });
   if (!started) {
     std::lock_guard<std::mutex> g(mu_);
     batch_.state = JobState::kError;

@@ -64,6 +64,9 @@ class Jobs {
   /// with its own age and sex.
   bool start_batch(const std::string& folder, bool single, const std::string& report_name,
                    const std::optional<SessionSettings>& settings);
+  /// The same for recordings handed over in memory (an upload); the
+  /// request's settings are the session's.
+  bool start_batch(BatchRequest request, const std::optional<SessionSettings>& settings);
   bool batch_running() const { return batch_running_; }
   BatchStatus batch_status();
 

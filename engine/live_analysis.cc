@@ -2,21 +2,26 @@
 
 #include <cmath>
 
-#include "analysis/ecg.h"
 #include "analysis/heart_rate.h"
 #include "analysis/live_score.h"
+#include "analysis/pipeline.h"
 
 namespace cvn {
 
-LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds) {
+LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds,
+                          bool with_hrv) {
   LiveAnalysis a;
   a.hr = std::nan("");
   a.cvn = std::nan("");
-  const std::vector<double> rr = analyze_ecg(samples, kSampleRate, kMaxHeartRate);
+  // The maps wait for the TFR job: once a second, beats and heart rate suffice.
+  const RecordingAnalysis r =
+      analyze_recording(EcgSamples{samples}, cycle_seconds, {.cycles = false, .hrv = with_hrv});
+  if (with_hrv) a.hrv = r.hrv;
+  const std::vector<double>& rr = r.rr;
   if (rr.empty()) return a;
   a.rr_count = static_cast<std::int32_t>(rr.size());
 
-  std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);
+  const std::vector<double>& hr = r.hr;
   std::vector<double> grid = time_grid(samples.size(), kSampleRate, kHrGridStep);
   a.hr_series.reserve(hr.size());
   for (std::size_t i = 0; i < hr.size() && i < grid.size(); ++i)

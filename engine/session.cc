@@ -24,7 +24,6 @@ const auto kNoSeries = std::make_shared<const std::vector<SeriesPoint>>();
 
 SessionState::SessionState(Clock& clock)
     : clock_(clock),
-      cycle_seconds_(breathing_.cycle_seconds()),
       import_rate_(kSampleRate),
       hr_(std::nan("")),
       cvn_(std::nan("")),
@@ -37,7 +36,6 @@ void SessionState::apply_locked(const SessionSettings& s) {
   breathing_.outdur = breathing_period(s.outdur);
   breathing_.sex = s.sex;
   breathing_.age = s.age;
-  cycle_seconds_ = breathing_.cycle_seconds();
   if (valid_import_rate(s.import_rate)) import_rate_ = *s.import_rate;
 }
 
@@ -52,6 +50,7 @@ std::uint64_t SessionState::begin_locked() {
   rr_count_ = 0;
   hr_series_ = kNoSeries;
   cvn_series_ = kNoSeries;
+  hrv_.reset();
   markers_.clear();
   session_start_ = clock_.wall();
   saved_as_.clear();
@@ -155,7 +154,7 @@ std::vector<double> SessionState::samples() {
 
 AnalysisInput SessionState::analysis_input() {
   std::lock_guard<std::mutex> g(mu_);
-  return {samples_locked(), cycle_seconds_, session_};
+  return {samples_locked(), breathing_.cycle_seconds(), session_};
 }
 
 SessionCopy SessionState::copy() {
@@ -165,11 +164,7 @@ SessionCopy SessionState::copy() {
   in.samples = samples_locked();
   in.markers = markers_;
   in.name = name_id_.empty() ? source_label_ : name_id_;
-  in.indur = breathing_.indur;
-  in.outdur = breathing_.outdur;
-  in.cycle_seconds = cycle_seconds_;
-  in.sex = breathing_.sex;
-  in.age = breathing_.age;
+  in.breathing = breathing_;
   in.start_time = session_start_;
   c.import_rate = import_rate_;
   c.session = session_;
@@ -186,6 +181,7 @@ double SessionState::import_rate(const SessionSettings& settings) {
 bool SessionState::store_analysis(std::uint64_t session, LiveAnalysis a) {
   auto hr_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.hr_series));
   auto cvn_series = std::make_shared<const std::vector<SeriesPoint>>(std::move(a.cvn_series));
+  auto hrv = a.hrv ? std::make_shared<const HrvIndices>(*a.hrv) : nullptr;
   std::lock_guard<std::mutex> g(mu_);
   // A new session began meanwhile: these results belong to no one.
   if (session != session_) return false;
@@ -194,6 +190,7 @@ bool SessionState::store_analysis(std::uint64_t session, LiveAnalysis a) {
   rr_count_ = a.rr_count;
   hr_series_ = std::move(hr_series);
   cvn_series_ = std::move(cvn_series);
+  if (hrv) hrv_ = std::move(hrv);  // a pass without it keeps the last
   return true;
 }
 
@@ -245,9 +242,10 @@ Snapshot SessionState::snapshot() {
   }
   s.hr_series = hr_series_;
   s.cvn_series = cvn_series_;
+  s.hrv = hrv_;
   s.indur = breathing_.indur;
   s.outdur = breathing_.outdur;
-  s.cycle_seconds = cycle_seconds_;
+  s.cycle_seconds = breathing_.cycle_seconds();
   s.sex = breathing_.sex;
   s.age = breathing_.age;
   s.saved_as = saved_as_;

@@ -143,8 +143,7 @@ class SessionState {
 
   Mode mode_ = Mode::kIdle;
   std::string name_id_, source_label_, bt_status_;
-  BreathingSettings breathing_;
-  double cycle_seconds_;
+  BreathingSettings breathing_;  // periods as breathing_period keeps them
   double import_rate_;
 
   std::vector<double> replay_samples_, live_samples_;
@@ -157,6 +156,7 @@ class SessionState {
   // Shared with snapshots, which are taken 20 times a second per open
   // stream: a snapshot holds the series without copying them.
   std::shared_ptr<const std::vector<SeriesPoint>> hr_series_, cvn_series_;
+  std::shared_ptr<const HrvIndices> hrv_;
   std::vector<Marker> markers_;
   std::int64_t session_start_ = 0;
   std::uint64_t session_ = 0;

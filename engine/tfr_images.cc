@@ -1,8 +1,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "analysis/cycles.h"
-#include "analysis/ecg.h"
+#include "analysis/pipeline.h"
 #include "analysis/png.h"
 #include "engine/tfr_images.h"
 
@@ -10,22 +9,23 @@ namespace cvn {
 
 TfrImages compute_tfr_images(const TfrInput& in) {
   TfrImages out;
-  const std::vector<double> rr = analyze_ecg(in.samples, kSampleRate, kMaxHeartRate);
-  if (rr.empty()) {
+  const RecordingAnalysis recording =
+      analyze_recording(EcgSamples{in.samples}, in.breathing.cycle_seconds());
+  if (recording.rr.empty()) {
     out.error = "Not enough data recorded yet.";
     return out;
   }
-  const CycleAnalysis analysis =
-      analyze_cycles(in.samples.size(), rr, in.cycle_seconds, kSampleRate);
+  const CycleAnalysis& analysis = recording.cycles;
   if (analysis.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;
   }
-  const char sex = in.sex == "F" ? 'F' : 'M';
+  const char sex = in.breathing.sex == "F" ? 'F' : 'M';
+  const int age = in.breathing.age;
   const std::vector<std::uint8_t> png3 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, in.age));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, age));
   const std::vector<std::uint8_t> png10 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, in.age));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, age));
   if (png3.empty() || png10.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;

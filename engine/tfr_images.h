@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "base/breathing.h"
+
 namespace cvn {
 
 struct TfrInput {
-  std::vector<double> samples;
-  double cycle_seconds = 16.0;
-  std::string sex = "M";
-  int age = 40;
+  std::vector<double> samples;  // ECG at kSampleRate
+  BreathingSettings breathing;  // the cycle length, and who for the reference level
 };
 
 struct TfrImages {

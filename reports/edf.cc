@@ -82,7 +82,7 @@ std::vector<std::uint8_t> edf_file(const EdfRecording& rec) {
   for (const std::string& t : texts) longest = std::max(longest, t.size());
   const std::size_t ann_samples = std::max<std::size_t>(kEdfAnnotationSamples, (longest + 1) / 2);
 
-  const std::tm tm = local_time(rec.start_time ? rec.start_time : std::time(nullptr));
+  const std::tm tm = local_time(rec.start_time);
   static constexpr const char* kMonths[] = {"JAN", "FEB", "MAR", "APR", "MAY", "JUN",
                                             "JUL", "AUG", "SEP", "OCT", "NOV", "DEC"};
   char date[16], clock[16], startdate[32];

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "base/constants.h"
+
 namespace cvn {
 
 /// Seconds of signal in one data record.
@@ -22,11 +24,11 @@ struct EdfAnnotation {
 };
 
 struct EdfRecording {
-  std::vector<double> samples;  // microvolts
-  int sample_rate = 130;        // samples per second
-  std::string name;             // patient name, may be empty
+  std::vector<double> samples;       // microvolts
+  int sample_rate = kSampleRateInt;  // samples per second
+  std::string name;                  // patient name, may be empty
   std::vector<EdfAnnotation> annotations;
-  std::int64_t start_time = 0;  // unix seconds, shown in local time; 0: now
+  std::int64_t start_time = 0;  // unix seconds, shown in local time (the writer reads no clock)
 };
 
 /// The whole file. Empty when the sample rate is below 1 or there are no

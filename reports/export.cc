@@ -1,17 +1,12 @@
 #include "reports/export.h"
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
-#include <numeric>
 #include <string_view>
 #include <system_error>
 
-#include "analysis/cycles.h"
-#include "analysis/ecg.h"
-#include "analysis/heart_rate.h"
+#include "analysis/pipeline.h"
 #include "base/constants.h"
-#include "base/files.h"
 #include "reports/edf.h"
 #include "reports/export_files.h"
 #include "reports/report.h"
@@ -75,28 +70,20 @@ std::string make_folder(const std::string& exports, const std::string& stem, std
 
 }  // namespace
 
-ExportResult write_export(const ExportInput& in, const std::string& exports_folder) {
+ExportResult write_export(const ExportInput& in, const std::string& exports_folder, Clock& clock,
+                          Disk& disk) {
   ExportResult out;
   const bool have_ecg = !in.samples.empty();
+  const double cycle_seconds = in.breathing.cycle_seconds();
 
   // Analysis first: nothing is created for a recording the writer cannot read.
-  std::vector<double> rr;
-  std::size_t beats = 0;
-  std::size_t sample_count = in.samples.size();
-  if (have_ecg) {
-    const std::vector<std::int32_t> peaks = find_r_peaks(in.samples, kSampleRate, kMaxHeartRate);
-    rr = rr_from_peaks(peaks, kSampleRate);
-    beats = peaks.size();
-  } else {
-    rr = in.rr_seconds;
-    beats = rr.empty() ? 0 : rr.size() + 1;
-    const double seconds = std::accumulate(rr.begin(), rr.end(), 0.0);
-    sample_count = static_cast<std::size_t>(std::max(0.0, seconds * kSampleRate));
-  }
-  const std::vector<double> hr = regular_hr(rr, sample_count, kSampleRate);
-  const CycleAnalysis cycles = analyze_cycles(sample_count, rr, in.cycle_seconds, kSampleRate);
+  const RecordingAnalysis analysis =
+      have_ecg ? analyze_recording(EcgSamples{in.samples}, cycle_seconds)
+               : analyze_recording(RrSeconds{in.rr_seconds}, cycle_seconds);
+  const CycleAnalysis& cycles = analysis.cycles;
+  const std::size_t beats = analysis.beats;
   SummaryEntry& summary = out.summary;
-  summary.duration_seconds = static_cast<double>(sample_count) / kSampleRate;
+  summary.duration_seconds = analysis.duration_seconds;
   summary.beats = beats;
   summary.cvn_mean = finite_mean(cycles.cvn);
   summary.cvn = cycles.cvn;
@@ -109,13 +96,16 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   const auto write = [&](std::string_view ending, std::string_view bytes) {
     if (!out.error.empty()) return;
     const std::string name = stem + std::string(ending);
-    out.error = write_file_checked(out.folder + "/" + name, bytes);
-    if (out.error.empty()) out.files.push_back(name);
+    const Status written = disk.write(out.folder + "/" + name, bytes);
+    if (written.ok())
+      out.files.push_back(name);
+    else
+      out.error = written.message();
   };
 
-  const std::int64_t start = in.start_time ? in.start_time : std::time(nullptr);
+  const std::int64_t start = in.start_time ? in.start_time : clock.wall();
   if (have_ecg) write("_ECG.txt", format_recording(in.samples));
-  write("_HR.txt", hr_text(hr));
+  write("_HR.txt", hr_text(analysis.hr));
   write("_markers.csv", markers_csv(in.markers));
   if (have_ecg && out.error.empty()) {
     EdfRecording edf;
@@ -128,17 +118,17 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
     const std::vector<std::uint8_t> bytes = edf_file(edf);
     write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
-  write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, in.cycle_seconds));
+  write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, cycle_seconds));
   if (!out.error.empty()) return out;
 
   SummaryFacts facts;
   facts.start_time = start;
-  facts.sex = in.sex;
-  facts.age = in.age;
-  facts.indur = in.indur;
-  facts.outdur = in.outdur;
-  facts.cycle_seconds = in.cycle_seconds;
-  facts.expected_freq = expected_frequency(in.cycle_seconds);
+  facts.sex = in.breathing.sex;
+  facts.age = in.breathing.age;
+  facts.indur = in.breathing.indur;
+  facts.outdur = in.breathing.outdur;
+  facts.cycle_seconds = cycle_seconds;
+  facts.expected_freq = expected_frequency(cycle_seconds);
   facts.cycles = cycles.cvn.size();
   for (double v : cycles.cvn) facts.cycles_with_value += std::isfinite(v);
   facts.duration_seconds = summary.duration_seconds;
@@ -149,20 +139,20 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   RecordingReport report;
   report.name = in.name.empty() ? stem : in.name;
   report.summary = summary_rows(facts);
-  report.hr = hr;
+  report.hr = analysis.hr;
   report.markers = in.markers;
   report.cvn = cycles.cvn;
   report.rr_only = !have_ecg;
-  const char sex = in.sex == "F" ? 'F' : 'M';
+  const char sex = in.breathing.sex == "F" ? 'F' : 'M';
   if (!cycles.empty()) {
-    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.age);
-    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.age);
+    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.breathing.age);
+    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.breathing.age);
     if (in.summary_maps) {
       summary.map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
       summary.map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
     }
   }
-  report.expected_freq = expected_frequency(in.cycle_seconds);
+  report.expected_freq = expected_frequency(cycle_seconds);
   report.duration_seconds = summary.duration_seconds;
   report.logo = in.logo;
   write("_report.pdf", recording_report_pdf(report));

@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "base/breathing.h"
+#include "base/clock.h"
+#include "base/disk.h"
 #include "base/recording.h"
 #include "reports/report.h"
 #include "reports/report_logo.h"
@@ -28,11 +31,9 @@ struct ExportInput {
   /// and EDF+ files are left out.
   std::vector<double> rr_seconds;
   std::vector<Marker> markers;
-  std::string name;  // the session's name; the folder and files use it sanitised
-  double indur = 5.0, outdur = 11.0, cycle_seconds = 16.0;
-  std::string sex = "M";  // "F" selects the female reference level
-  int age = 40;
-  std::int64_t start_time = 0;  // unix seconds; 0: now
+  std::string name;             // the session's name; the folder and files use it sanitised
+  BreathingSettings breathing;  // the cycle length, and the person for the reference level
+  std::int64_t start_time = 0;  // unix seconds; 0: now, by the export's clock
   ReportLogo logo;
   /// Also shrink the heat-maps for a batch summary (ExportResult::summary);
   /// a single export has no use for them.
@@ -58,8 +59,11 @@ struct ExportResult {
 /// measure and both heat-maps), makes "<exports_folder>/<stem>_export" (or
 /// the first free "<stem>-<n>_export", n = 2, 3, ...; an existing entry is
 /// never reused) with missing parents, and writes <stem>_ECG.txt, _HR.txt,
-/// _markers.csv, .edf, _CVN_logpower.csv and _report.pdf. Stops at the first
-/// file that cannot be written, keeping those already written; throws nothing.
-ExportResult write_export(const ExportInput& in, const std::string& exports_folder);
+/// _markers.csv, .edf, _CVN_logpower.csv and _report.pdf through `disk`.
+/// Stops at the first file that cannot be written, keeping those already
+/// written whole (the failed one is not left behind); throws nothing. `clock`
+/// dates a recording without a start time.
+ExportResult write_export(const ExportInput& in, const std::string& exports_folder,
+                          Clock& clock = Clock::system(), Disk& disk = Disk::system());
 
 }  // namespace cvn

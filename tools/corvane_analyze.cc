@@ -13,10 +13,10 @@
 #include <utility>
 #include <vector>
 
-#include "analysis/cycles.h"
-#include "analysis/ecg.h"
-#include "analysis/heart_rate.h"
+#include "analysis/pipeline.h"
 #include "analysis/png.h"
+#include "base/breathing.h"
+#include "base/constants.h"
 #include "base/files.h"
 #include "base/recording.h"
 #include "engine/engine.h"
@@ -35,37 +35,37 @@ constexpr int kExitNotAnalysable = 1;  // too short, no beats
 constexpr int kExitUsage = 2;
 constexpr int kExitIo = 3;
 
-constexpr double kDefaultInhale = 5.0;
-constexpr double kDefaultExhale = 11.0;
-constexpr int kDefaultAge = 40;
 constexpr int kMaxAge = 150;
-// Source rates the importer accepts.
-constexpr double kMinSourceRate = 20.0;
-constexpr double kMaxSourceRate = 20000.0;
 
-constexpr const char* kUsage =
-    "usage: corvane-analyze [--indur S] [--outdur S] [--sex M|F] [--age N] [--fs HZ]\n"
-    "                       [--png-dir DIR] FILE\n"
-    "Analyses a raw ECG text file (one sample per line, 130 per second unless --fs is\n"
-    "given) and prints one JSON object. --indur and --outdur are the breathing periods in\n"
-    "seconds (defaults 5 and 11; a decimal comma is accepted); --sex and --age choose the\n"
-    "heat-maps' reference level (defaults M and 40); --png-dir also writes tfr3.png and\n"
-    "tfr10.png there.\n"
-    "Exit status: 0 done, 1 recording not analysable, 2 bad command line, 3 file error.\n";
+// The defaults and limits are the program's own, so the text is built from them.
+std::string usage() {
+  const BreathingSettings d;
+  return "usage: corvane-analyze [--indur S] [--outdur S] [--sex M|F] [--age N] [--fs HZ]\n"
+         "                       [--png-dir DIR] FILE\n"
+         "Analyses a raw ECG text file (one sample per line, " +
+         short_number(kSampleRate) +
+         " per second unless --fs is\n"
+         "given) and prints one JSON object. --indur and --outdur are the breathing periods in\n"
+         "seconds (defaults " +
+         short_number(d.indur) + " and " + short_number(d.outdur) +
+         "; a decimal comma is accepted); --sex and --age choose the\n"
+         "heat-maps' reference level (defaults " +
+         d.sex + " and " + std::to_string(d.age) +
+         "); --png-dir also writes tfr3.png and\n"
+         "tfr10.png there.\n"
+         "Exit status: 0 done, 1 recording not analysable, 2 bad command line, 3 file error.\n";
+}
 
 struct Options {
-  double indur = kDefaultInhale;
-  double outdur = kDefaultExhale;
-  char sex = 'M';
-  int age = kDefaultAge;
-  double fs = 0.0;  // 0: the file is at 130 per second
+  BreathingSettings breathing;
+  double fs = 0.0;  // 0: the file is at kSampleRate
   std::string png_dir;
   std::string file;
 };
 
 int fail(int code, const std::string& message) {
   std::fprintf(stderr, "%s: %s\n", kProgram, message.c_str());
-  if (code == kExitUsage) std::fputs(kUsage, stderr);
+  if (code == kExitUsage) std::fputs(usage().c_str(), stderr);
   return code;
 }
 
@@ -88,7 +88,7 @@ int parse_options(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "-h" || arg == "--help") {
-      std::fputs(kUsage, stdout);
+      std::fputs(usage().c_str(), stdout);
       return kExitOk;
     }
     if (arg.rfind("--", 0) != 0 || arg == "--") {
@@ -109,19 +109,20 @@ int parse_options(int argc, char** argv, Options& o) {
     double v = 0.0;
     if (arg == "--indur" || arg == "--outdur") {
       if (!parse_number(value, v)) return fail(kExitUsage, arg + ": not a number: " + value);
-      (arg == "--indur" ? o.indur : o.outdur) = v;
+      (arg == "--indur" ? o.breathing.indur : o.breathing.outdur) = v;
     } else if (arg == "--sex") {
       if (value != "M" && value != "F" && value != "m" && value != "f")
         return fail(kExitUsage, "--sex must be M or F, not " + value);
-      o.sex = value == "F" || value == "f" ? 'F' : 'M';
+      o.breathing.sex = value == "F" || value == "f" ? "F" : "M";
     } else if (arg == "--age") {
       if (!parse_number(value, v) || v != std::floor(v) || v < 0 || v > kMaxAge)
-        return fail(kExitUsage,
-                    "--age must be a whole number of years from 0 to 150, not " + value);
-      o.age = static_cast<int>(v);
+        return fail(kExitUsage, "--age must be a whole number of years from 0 to " +
+                                    std::to_string(kMaxAge) + ", not " + value);
+      o.breathing.age = static_cast<int>(v);
     } else if (arg == "--fs") {
-      if (!parse_number(value, v) || v < kMinSourceRate || v > kMaxSourceRate)
-        return fail(kExitUsage, "--fs must be a sample rate from 20 to 20000 Hz, not " + value);
+      if (!parse_number(value, v) || v < kMinImportRate || v > kMaxImportRate)
+        return fail(kExitUsage, "--fs must be a sample rate from " + short_number(kMinImportRate) +
+                                    " to " + short_number(kMaxImportRate) + " Hz, not " + value);
       o.fs = v;
     } else if (arg == "--png-dir") {
       if (value.empty()) return fail(kExitUsage, "--png-dir needs a folder");
@@ -131,9 +132,10 @@ int parse_options(int argc, char** argv, Options& o) {
     }
   }
   if (o.file.empty()) return fail(kExitUsage, "no FILE given");
-  o.indur = breathing_period(o.indur);
-  o.outdur = breathing_period(o.outdur);
-  if (!std::isfinite(o.indur + o.outdur)) return fail(kExitUsage, "breathing periods too long");
+  BreathingSettings& b = o.breathing;
+  b.indur = breathing_period(b.indur);
+  b.outdur = breathing_period(b.outdur);
+  if (!std::isfinite(b.indur + b.outdur)) return fail(kExitUsage, "breathing periods too long");
   return -1;
 }
 
@@ -189,7 +191,7 @@ class Stopwatch {
 int main(int argc, char** argv) {
   Options o;
   if (const int code = parse_options(argc, argv, o); code >= 0) return code;
-  const double cycle = round_to(o.indur + o.outdur, 2);
+  const double cycle = o.breathing.cycle_seconds();
 
   std::vector<std::pair<std::string, double>> timings;
   Stopwatch total, watch;
@@ -207,17 +209,17 @@ int main(int argc, char** argv) {
   }
   if (samples.empty()) return fail(kExitNotAnalysable, o.file + ": no ECG samples in the file");
 
-  const std::vector<double> rr = analyze_ecg(samples, kSampleRate, kMaxHeartRate);
-  timings.emplace_back("r_peaks", watch.lap());
+  PipelineOptions stages;
+  stages.stage_done = [&](const char* stage) { timings.emplace_back(stage, watch.lap()); };
+  const RecordingAnalysis recording = analyze_recording(EcgSamples{samples}, cycle, stages);
+  const std::vector<double>& rr = recording.rr;
+  const std::vector<double>& hr = recording.hr;
+  const CycleAnalysis& a = recording.cycles;
   if (rr.empty()) {
     return fail(kExitNotAnalysable, o.file +
                                         ": fewer than two R-peaks found (recording too "
                                         "short, or not an ECG)");
   }
-  const std::vector<double> hr = regular_hr(rr, samples.size(), kSampleRate);
-  timings.emplace_back("heart_rate", watch.lap());
-  const CycleAnalysis a = analyze_cycles(samples.size(), rr, cycle, kSampleRate);
-  timings.emplace_back("cycles_and_tfr", watch.lap());
   if (a.empty()) {
     const double seconds = static_cast<double>(samples.size()) / kSampleRate;
     if (seconds < cycle) {
@@ -229,8 +231,10 @@ int main(int argc, char** argv) {
                                         " RR intervals found; the cycle analysis needs 3");
   }
 
-  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, o.sex, o.age);
-  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, o.sex, o.age);
+  const char sex = o.breathing.sex == "F" ? 'F' : 'M';
+  const int age = o.breathing.age;
+  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, sex, age);
+  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, sex, age);
   timings.emplace_back("heatmaps", watch.lap());
   const std::vector<std::uint8_t> png3 = encode_png_rgb(image3);
   const std::vector<std::uint8_t> png10 = encode_png_rgb(image10);
@@ -253,14 +257,14 @@ int main(int argc, char** argv) {
   j += "{\"file\":" + json_text(o.file);
   j += ",\"samples\":" + std::to_string(samples.size());
   j += ",\"indur\":";
-  append_number(j, o.indur);
+  append_number(j, o.breathing.indur);
   j += ",\"outdur\":";
-  append_number(j, o.outdur);
+  append_number(j, o.breathing.outdur);
   j += ",\"cycle_seconds\":";
   append_number(j, cycle);
   j += ",\"sex\":\"";
-  j += o.sex;
-  j += "\",\"age\":" + std::to_string(o.age);
+  j += sex;
+  j += "\",\"age\":" + std::to_string(age);
   j += ",\"rr\":";
   append_array(j, rr);
   j += ",\"hr\":";

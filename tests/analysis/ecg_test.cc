@@ -8,8 +8,8 @@
 #include <limits>
 #include <string>
 
-#include "analysis/heart_rate.h"
 #include "analysis/live_score.h"
+#include "analysis/pipeline.h"
 #include "base/recording.h"
 #include "tests/support/golden_file.h"
 #include "tests/support/temp_dir.h"
@@ -70,7 +70,9 @@ TEST_P(GoldenRecording, MatchesReferenceChainAndTheTrueBeats) {
   const Series ecg = read_recording(test::slurp(test::source_path(golden.fields.at("input"))));
   ASSERT_FALSE(ecg.empty());
 
-  const std::vector<int32_t> peaks = find_r_peaks(ecg, kSampleRate, kMaxHeartRate);
+  const double cycle = std::stod(golden.fields.at("cycle_seconds"));
+  const RecordingAnalysis a = analyze_recording(EcgSamples{ecg}, cycle, {.cycles = false});
+  const std::vector<int32_t>& peaks = a.peaks;
   const Series& expected_peaks = golden.series.at("peaks");
   ASSERT_EQ(peaks.size(), expected_peaks.size());
   for (std::size_t i = 0; i < peaks.size(); ++i) ASSERT_EQ(peaks[i], expected_peaks[i]) << i;
@@ -80,11 +82,9 @@ TEST_P(GoldenRecording, MatchesReferenceChainAndTheTrueBeats) {
     EXPECT_GE(predictivity, 0.9);  // the noisy one's 4 s muscle burst lets a few through
   }
 
-  const Series rr = analyze_ecg(ecg, kSampleRate, kMaxHeartRate);
-  expect_series_near(rr, golden.series.at("rr"), 1e-12, "rr");
-  expect_series_near(regular_hr(rr, ecg.size(), kSampleRate), golden.series.at("hr"), 1e-9, "hr");
-  const double cycle = std::stod(golden.fields.at("cycle_seconds"));
-  expect_series_near(live_cvn_scores(rr, ecg.size(), cycle), golden.series.at("live"), 1e-12,
+  expect_series_near(a.rr, golden.series.at("rr"), 1e-12, "rr");
+  expect_series_near(a.hr, golden.series.at("hr"), 1e-9, "hr");
+  expect_series_near(live_cvn_scores(a.rr, ecg.size(), cycle), golden.series.at("live"), 1e-12,
                      "live");
 }
 
@@ -126,22 +126,16 @@ TEST(AnalyzeEcg, NonFiniteSamplesStayLocal) {
       golden.series.at("beat_times"), find_r_peaks(ecg, kSampleRate, kMaxHeartRate));
   EXPECT_GE(sensitivity, 0.97);
   EXPECT_GE(predictivity, 0.97);
-  const Series hr =
-      regular_hr(analyze_ecg(ecg, kSampleRate, kMaxHeartRate), ecg.size(), kSampleRate);
+  const Series hr = analyze_recording(EcgSamples{ecg}, 16.0, {.cycles = false}).hr;
   ASSERT_FALSE(hr.empty());
   for (double v : hr) ASSERT_NEAR(v, 65.0, 20.0);  // doubled or lost beats leave this band
 }
 
-TEST(AnalyzeEcg, UnusableInputGivesEmptyResult) {
-  EXPECT_TRUE(analyze_ecg({}, kSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg({1.0, 2.0}, kSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(Series(5000, 7.0), kSampleRate, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(Series(5000, std::numeric_limits<double>::quiet_NaN()), kSampleRate,
-                          kMaxHeartRate)
-                  .empty());
+// Flat, empty and all-NaN ECGs are analyze_recording's (pipeline_test).
+TEST(AnalyzeEcg, NoRateOrHeartRateLimitFindsNoPeaks) {
   const Series ecg = read_recording(test::slurp(test::source_path("assets/Sample 1.txt")));
-  EXPECT_TRUE(analyze_ecg(ecg, 0.0, kMaxHeartRate).empty());
-  EXPECT_TRUE(analyze_ecg(ecg, kSampleRate, 0).empty());
+  EXPECT_TRUE(find_r_peaks(ecg, 0.0, kMaxHeartRate).empty());
+  EXPECT_TRUE(find_r_peaks(ecg, kSampleRate, 0).empty());
 }
 
 }  // namespace

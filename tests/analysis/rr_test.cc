@@ -15,6 +15,8 @@ TEST(CleanRr, MadZeroOrNothingToRepairReturnsInputUnchanged) {
   // All plausible intervals equal: the wild ones outside 0.2..2 s stay.
   const Series steady = {0.8, 0.8, 5.0, 0.8, 0.05, 0.8};
   EXPECT_EQ(clean_rr(steady), steady);
+  EXPECT_EQ(clean_rr_marked(steady).replaced, std::vector<unsigned char>(6, 0))
+      << "returned unchanged: nothing counts as replaced";
   const Series ordinary = {0.80, 0.82, 0.84, 0.83, 0.81, 0.79, 0.80};
   EXPECT_EQ(clean_rr(ordinary), ordinary);
 }
@@ -32,9 +34,10 @@ TEST(CleanRr, OutliersAreInterpolatedOverTheBeatIndex) {
   Series ends = base;  // outliers before the first and after the last good interval
   ends.front() = 0.1;
   ends.back() = std::numeric_limits<double>::quiet_NaN();
-  cleaned = clean_rr(ends);
-  EXPECT_DOUBLE_EQ(cleaned.front(), base[1]);
-  EXPECT_DOUBLE_EQ(cleaned.back(), base[base.size() - 2]);
+  const CleanedRr marked = clean_rr_marked(ends);
+  EXPECT_DOUBLE_EQ(marked.rr.front(), base[1]);
+  EXPECT_DOUBLE_EQ(marked.rr.back(), base[base.size() - 2]);
+  EXPECT_EQ(marked.replaced, (std::vector<unsigned char>{1, 0, 0, 0, 0, 0, 0, 1}));
 }
 
 // The outlier limit widens from 3 to 5 robust SD for a steady rhythm, so the

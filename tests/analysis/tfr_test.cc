@@ -46,7 +46,7 @@ ExtendedSignal heart_rate(std::size_t samples, double cycle_seconds) {
 // extended signal by one long FFT, power at every signal sample.
 std::vector<double> full_resolution_row(const ExtendedSignal& x, std::size_t length, double freq,
                                         double cycles) {
-  const std::vector<std::complex<double>> psi = morlet_wavelet(freq, cycles, kRate);
+  const std::vector<std::complex<double>> psi = detail::morlet_wavelet(freq, cycles, kRate);
   const std::size_t n = fft_length_for(x.samples.size() + psi.size() - 1);
   const FftPlan plan(n);
   std::vector<std::complex<double>> a(n), b(n);

@@ -49,8 +49,7 @@ TEST(TfrJob, FullReplayEndsWithTheFinalAnalysisAndGivesTwoPictures) {
   ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
   const Snapshot s = engine.snapshot();
   EXPECT_EQ(s.samples, s.replay_total);
-  EXPECT_GT(s.hr, 50);
-  EXPECT_LT(s.hr, 80);
+  EXPECT_NEAR(s.hr, 65, 15);
   EXPECT_GT(s.rr_count, 200);
   EXPECT_FALSE(std::isnan(s.cvn));
   // One heart-rate point per 0.1 s grid time of the whole recording.
@@ -65,29 +64,22 @@ TEST(TfrJob, FullReplayEndsWithTheFinalAnalysisAndGivesTwoPictures) {
     ASSERT_TRUE(read_picture(*uri, p));
     EXPECT_EQ(p.width, 1200u);
     EXPECT_EQ(p.height, 320u);  // one pixel row per frequency
-    // 264 s in 16 s cycles: a dark line at the start of each of the 17 cycle starts
-    // (0 ... 256 s), the green line on the rows of 0.0625 Hz (row 85 from the bottom).
-    const std::array<int, 3> dark = {30, 30, 30}, green = {20, 150, 20};
-    for (std::uint32_t y = 0; y < p.height; y += 40) EXPECT_EQ(p.at(0, y), dark);
-    EXPECT_EQ(p.at(72, 10), dark);  // 16 s of 264 s on 1200 pixels: column 72
+    // The session's 16 s cycle reached the job: the green line on the rows of
+    // 0.0625 Hz (row 85 from the bottom). The rest of the picture is render_tfr's.
+    const std::array<int, 3> green = {20, 150, 20};
     EXPECT_EQ(p.at(500, 319 - 85), green);
-    EXPECT_EQ(p.at(500, 318 - 85), green);
-    // The breathing band is in colour, not grey.
-    const std::array<int, 3> band = p.at(600, 319 - 80);
-    EXPECT_FALSE(band[0] == band[1] && band[1] == band[2]);
   }
 }
 
 TEST(TfrJob, TooLittleRecordingIsExplained) {
   const std::vector<double> sample = read_recording(*find_asset("Sample 1.txt"));
   TfrInput in;
-  in.samples.assign(sample.begin(), sample.begin() + 100);  // not even two beats
-  EXPECT_EQ(compute_tfr_images(in).error, "Not enough data recorded yet.");
-  in.samples.assign(sample.begin(), sample.begin() + 10 * 130);  // beats, but under 16 s
+  // Too few beats is api_test's; here there are beats, but under 16 s.
+  in.samples.assign(sample.begin(), sample.begin() + 10 * 130);
   const TfrImages short_one = compute_tfr_images(in);
   EXPECT_EQ(short_one.error, "Could not compute TFR (recording may be too short).");
   EXPECT_TRUE(short_one.tfr3_uri.empty());
-  in.cycle_seconds = 10;  // ...which is a whole cycle of 10 s
+  in.breathing.outdur = 5;  // ...which is a whole cycle of 10 s
   const TfrImages ok = compute_tfr_images(in);
   EXPECT_EQ(ok.error, "");
   Picture p;

@@ -1,18 +1,18 @@
-// The per-recording writer: six files that agree with the analysis and a fresh
-// folder per export (its failures are the export route's, in api_test).
+// The per-recording writer: six files that agree with the analysis, a fresh
+// folder per export, and what a full disk leaves behind.
 #include "reports/export.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
-#include <sstream>
+#include <filesystem>
 
-#include "analysis/cycles.h"
-#include "analysis/ecg.h"
-#include "analysis/heart_rate.h"
+#include "analysis/pipeline.h"
 #include "assets/assets.h"
 #include "reports/edf.h"
+#include "tests/support/fake_disk.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
@@ -24,7 +24,6 @@ ExportInput sample_input() {
   in.samples = read_recording(*find_asset("Sample 1.txt"));
   in.markers = {{1300, 2}, {1400, 5}, {26000, 9}};
   in.name = "Anna B";
-  in.start_time = 1740920587;
   in.summary_maps = true;
   return in;
 }
@@ -32,7 +31,8 @@ ExportInput sample_input() {
 TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   test::TempDir dir;
   const ExportInput in = sample_input();
-  const ExportResult r = write_export(in, dir / "exports");
+  ManualClock clock;  // no start time: the export is dated by its clock
+  const ExportResult r = write_export(in, dir / "exports", clock);
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.folder, dir / "exports/Anna_B_export");
   EXPECT_EQ(r.files, (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt",
@@ -46,44 +46,22 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
                    130,
                    in.name,
                    {{10, "Marker 2"}, {1400 / 130.0, "Marker 5"}, {200, "Marker 9"}},
-                   in.start_time};
+                   clock.wall()};
   const std::vector<std::uint8_t> edf_bytes = edf_file(edf);
   EXPECT_EQ(file("Anna_B.edf"), std::string(edf_bytes.begin(), edf_bytes.end()));
   EXPECT_EQ(file("Anna_B_report.pdf").substr(0, 9), "%PDF-1.4\n");
 
-  const std::vector<double> rr = analyze_ecg(in.samples, kSampleRate, kMaxHeartRate);
-  const std::vector<double> hr = regular_hr(rr, in.samples.size(), kSampleRate);
-  const std::vector<std::string> hr_lines = test::lines_of(file("Anna_B_HR.txt"));
-  ASSERT_EQ(hr_lines.size(), hr.size());
-  for (std::size_t i = 0; i < hr.size(); ++i)
-    ASSERT_NEAR(std::stod(hr_lines[i]), hr[i], 0.005) << i;
-  EXPECT_EQ(r.summary.beats, rr.size() + 1);
-
-  const CycleAnalysis cycles = analyze_cycles(in.samples.size(), rr, in.cycle_seconds, kSampleRate);
-  const std::vector<std::string> table = test::lines_of(file("Anna_B_CVN_logpower.csv"));
-  ASSERT_EQ(table.size(), cycles.cvn.size() + 2);
-  EXPECT_EQ(table.front(), "cycle,CVN (logpower),markers");
-  double sum = 0;
-  for (std::size_t i = 0; i < cycles.cvn.size(); ++i) {
-    std::istringstream row(table[i + 1]);
-    std::string number, value, keys;
-    std::getline(row, number, ',');
-    std::getline(row, value, ',');
-    std::getline(row, keys);
-    EXPECT_EQ(number, std::to_string(i + 1));
-    ASSERT_NEAR(std::stod(value), cycles.cvn[i], 5e-5) << table[i + 1];
-    EXPECT_EQ(keys, i == 0 ? "2 5" : i == 12 ? "9" : "") << table[i + 1];
-    sum += cycles.cvn[i];
-  }
-  EXPECT_EQ(table.back().substr(0, 4), "pow,");
-  EXPECT_NEAR(std::stod(table.back().substr(4)), sum / cycles.cvn.size(), 5e-5);
-  EXPECT_EQ(table.back().back(), ',') << "the markers column stays, empty";
-  EXPECT_NEAR(r.summary.cvn_mean, sum / cycles.cvn.size(), 1e-12);
+  // The tables are the pipeline's results in their formats (export_files_test).
+  const RecordingAnalysis analysis = analyze_recording(EcgSamples{in.samples}, 16.0);
+  const CycleAnalysis& cycles = analysis.cycles;
+  EXPECT_EQ(file("Anna_B_HR.txt"), hr_text(analysis.hr));
+  EXPECT_EQ(file("Anna_B_CVN_logpower.csv"), logpower_csv(cycles.cvn, in.markers, 16.0));
+  EXPECT_EQ(r.summary.beats, analysis.rr.size() + 1);
   EXPECT_EQ(r.summary.cvn, cycles.cvn);
 
   // The batch summary's maps: each pixel the mean of the block of the full
   // map it stands for, read back through zlib.
-  const RgbImage full = render_tfr(cycles, TfrWidth::kNarrow, 'M', in.age, true);
+  const RgbImage full = render_tfr(cycles, TfrWidth::kNarrow, 'M', 40, true);
   const PdfImage& small = r.summary.map3;
   ASSERT_EQ(small.width, std::min(full.width, kSummaryMapWidth));
   ASSERT_EQ(small.height, kSummaryMapHeight);
@@ -136,6 +114,26 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   for (const char* t : {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
     EXPECT_NE(text.out.find(t), std::string::npos) << t;
   EXPECT_EQ(text.out.find("R-peaks"), std::string::npos);
+}
+
+// The disk fills up at the third file: the two before it stay whole, the
+// third is not left half-written, nothing after it is tried, and the error
+// names the file.
+TEST(WriteExport, FullDiskStopsAtTheFileThatDidNotFit) {
+  test::TempDir dir;
+  const ExportInput in = sample_input();
+  testing::FullDisk disk(2);
+  const ExportResult r = write_export(in, dir.path(), Clock::system(), disk);
+  EXPECT_FALSE(r.ok());
+  EXPECT_NE(r.error.find("Anna_B_markers.csv"), std::string::npos) << r.error;
+  EXPECT_EQ(r.files, (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt"}));
+  EXPECT_EQ(disk.failed_writes(), 1);
+  EXPECT_EQ(test::slurp(r.folder + "/Anna_B_ECG.txt"), format_recording(in.samples));
+  std::vector<std::string> left;
+  for (const auto& e : std::filesystem::directory_iterator(r.folder))
+    left.push_back(e.path().filename().string());
+  std::sort(left.begin(), left.end());
+  EXPECT_EQ(left, r.files);
 }
 
 }  // namespace
