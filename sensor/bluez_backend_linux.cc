@@ -229,12 +229,12 @@ std::string signal_rule(const std::string& member, const std::string& interface,
 // replies, a link closed under a waiting call); at the stack interface they
 // become a status whose message names the step, in BlueZ's words.
 template <class F>
-BleStatus guarded(const char* what, F&& f) {
+Status guarded(const char* what, F&& f) {
   try {
     f();
-    return BleStatus::success();
+    return Status();
   } catch (const std::exception& e) {
-    return BleStatus::failure(std::string("BlueZ: ") + what + ": " + e.what());
+    return Status::error(std::string("BlueZ: ") + what + ": " + e.what());
   }
 }
 
@@ -632,15 +632,15 @@ class BluezLink : public BleConnection {
     resolved_ = connected_ && flag(device, "ServicesResolved").value_or(false);
   }
 
-  BleStatus watch_connection(std::function<void(bool)> on_change) override {
+  Status watch_connection(std::function<void(bool)> on_change) override {
     std::lock_guard<std::mutex> g(mu_);
     if (!closed_) on_change_ = std::move(on_change);
-    return BleStatus::success();
+    return Status();
   }
 
   // BlueZ keeps a link up for as long as a client wants it once Connect has
   // succeeded, so this is the nearest thing to WinRT's MaintainConnection.
-  BleStatus maintain_connection(bool* kept) override {
+  Status maintain_connection(bool* kept) override {
     return guarded("cannot connect", [&] { *kept = connect(); });
   }
 
@@ -651,23 +651,23 @@ class BluezLink : public BleConnection {
     return connected_ && !closed_;
   }
 
-  BleStatus discover_all(Discovery* out) override {
+  Status discover_all(Discovery* out) override {
     return guarded("cannot discover services", [&] { *out = discover(nullptr); });
   }
-  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+  Status discover_service(const std::string& uuid, Discovery* out) override {
     return guarded("cannot discover services", [&] { *out = discover(&uuid); });
   }
 
-  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+  Status has_characteristic(const std::string& uuid, bool* present) override {
     return guarded("cannot list characteristics", [&] { *present = find_characteristic(uuid); });
   }
 
-  BleStatus subscribe(const std::string& uuid,
+  Status subscribe(const std::string& uuid,
                       std::function<void(const std::vector<std::uint8_t>&)> on_value) override {
     return guarded("cannot subscribe", [&] { start_notify(uuid, std::move(on_value)); });
   }
 
-  BleStatus write(const std::string& uuid, const std::vector<std::uint8_t>& value) override {
+  Status write(const std::string& uuid, const std::vector<std::uint8_t>& value) override {
     return guarded("cannot write", [&] { write_value(uuid, value); });
   }
 
@@ -916,7 +916,7 @@ class BluezBackend : public BleBackend {
     }
   }
 
-  BleStatus has_adapter(bool* present) override {
+  Status has_adapter(bool* present) override {
     return guarded("cannot list adapters", [&] {
       *present = false;
       for (const auto& [path, interfaces] : bus()->managed_objects())
@@ -926,9 +926,9 @@ class BluezBackend : public BleBackend {
 
   // A scan belongs to the thread that started it, so the warm-up's
   // stop_scan cannot end the user's scan running at the same time.
-  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     std::unique_ptr<Scanner> scanner;
-    BleStatus s = guarded("cannot scan", [&] {
+    Status s = guarded("cannot scan", [&] {
       scanner = std::make_unique<Scanner>(
           bus(), [seen = std::move(seen)](const std::string&, std::uint64_t address,
                                           const std::string& name) { seen(address, name); });
@@ -952,7 +952,7 @@ class BluezBackend : public BleBackend {
     }
   }
 
-  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
     return guarded("cannot open the device", [&] {
       std::shared_ptr<Bus> b = bus();
       std::string path = device_path(b->managed_objects(), address);

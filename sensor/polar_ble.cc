@@ -100,7 +100,7 @@ bool PolarBle::available() {
 }
 
 ScanResult PolarBle::scan() {
-  BleStatus started = backend_->init_thread();
+  Status started = backend_->init_thread();
   log_("scan() enter");
   std::mutex mu;
   std::map<std::uint64_t, std::string> seen;  // ordered: the list comes out by address
@@ -143,12 +143,12 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
   worker_ = std::thread([attempt, backend = backend_, t = timings_, address, log = log_] {
     // A step the stack could not do ends the procedure: the stack's words
     // go to the log, the user is pointed to it.
-    auto fail = [&](const BleStatus& s) {
+    auto fail = [&](const Status& s) {
       if (!s.message().empty()) log(s.message());
       attempt->say(kStatusFailed);
       log("connect exception");
     };
-    BleStatus s = backend->init_thread();
+    Status s = backend->init_thread();
     if (!s.ok()) return fail(s);
     log("connect " + address);
     attempt->say(kStatusConnecting);
@@ -187,7 +187,7 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
         if (!s.message().empty()) log(s.message());
         log("PMD discovery attempt " + std::to_string(n) + ": exception");
         last_status = "exception";
-        s = BleStatus::success();
+        s = Status();
         continue;
       }
       last_status = gatt_status_text(d.status);

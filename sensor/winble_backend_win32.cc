@@ -3,7 +3,7 @@
 // MinGW-w64 build needs no C++/WinRT projection. How each operation maps
 // onto WinRT is described in docs/windows.md.
 //
-// Every call returns an HRESULT; a failed one becomes a BleStatus whose
+// Every call returns an HRESULT; a failed one becomes a Status whose
 // message names the call and its code. Asynchronous operations are awaited
 // by polling IAsyncInfo (no completion delegate), and a link's waits end
 // early once close() has been called, so Stop never waits for the radio.
@@ -118,19 +118,18 @@ class HString {
   HSTRING s_ = nullptr;
 };
 
-BleStatus failed(const char* step, HRESULT hr) {
-  return BleStatus::failure(winrt_failure(step, hr));
+Status failed(const char* step, HRESULT hr) {
+  return Status::error(winrt_failure(step, hr));
 }
 
 // A GATT write that ran can still be refused by the strap (AccessDenied when
 // Windows has not paired it, Unreachable out of range); going on would stream
 // nothing without a word.
-BleStatus gatt_written(const char* step, HRESULT hr, std::int32_t status) {
+Status gatt_written(const char* step, HRESULT hr, std::int32_t status) {
   if (FAILED(hr)) return failed(step, hr);
   if (status != 0)
-    return BleStatus::failure(std::string("WinRT: ") + step + " answered " +
-                              gatt_status_text(status));
-  return BleStatus::success();
+    return Status::error(std::string("WinRT: ") + step + " answered " + gatt_status_text(status));
+  return Status();
 }
 
 // The classes Wine (and a Windows without Bluetooth support) does not have.
@@ -262,7 +261,7 @@ class WinLink : public BleConnection {
   explicit WinLink(ComPtr<IBluetoothLEDevice> device) : device_(std::move(device)) {}
   ~WinLink() override { close(); }
 
-  BleStatus watch_connection(std::function<void(bool)> on_change) override {
+  Status watch_connection(std::function<void(bool)> on_change) override {
     auto h = make_handler(kIidConnectionStatusHandler,
                           [gate = gate_, on_change](IInspectable* sender, IInspectable*) {
                             ComPtr<IBluetoothLEDevice> d;
@@ -281,12 +280,12 @@ class WinLink : public BleConnection {
     std::lock_guard<std::mutex> g(gate_->mu);
     status_token_ = token;
     watching_ = true;
-    return BleStatus::success();
+    return Status();
   }
 
   // Without a session Windows may drop an idle link between the steps; the
   // procedure goes on without one, as a session is only a hint.
-  BleStatus maintain_connection(bool* kept) override {
+  Status maintain_connection(bool* kept) override {
     *kept = false;
     ComPtr<IBluetoothLEDevice> device = held(device_);
     if (!device) return closed_status();
@@ -314,12 +313,12 @@ class WinLink : public BleConnection {
     }
     if (FAILED(hr)) {
       logLine(winrt_failure(step, hr));
-      return BleStatus::success();
+      return Status();
     }
     std::lock_guard<std::mutex> g(gate_->mu);
     session_ = session;
     *kept = true;
-    return BleStatus::success();
+    return Status();
   }
 
   bool connected() override {
@@ -328,15 +327,15 @@ class WinLink : public BleConnection {
     return device && SUCCEEDED(device->get_ConnectionStatus(&s)) && s == kConnected;
   }
 
-  BleStatus discover_all(Discovery* out) override { return discover(nullptr, out); }
-  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+  Status discover_all(Discovery* out) override { return discover(nullptr, out); }
+  Status discover_service(const std::string& uuid, Discovery* out) override {
     return discover(&uuid, out);
   }
 
-  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+  Status has_characteristic(const std::string& uuid, bool* present) override {
     *present = false;
     ComPtr<IGattDeviceService3> service = held(service_);
-    if (!service) return BleStatus::success();
+    if (!service) return Status();
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* raw = nullptr;
     HRESULT hr = service->GetCharacteristicsForUuidWithCacheModeAsync(to_guid(uuid), kUncached,
@@ -351,7 +350,7 @@ class WinLink : public BleConnection {
     if (SUCCEEDED(hr)) hr = result->get_Characteristics(list.GetAddressOf());
     if (SUCCEEDED(hr) && list) hr = list->get_Size(&count);
     if (FAILED(hr)) return failed("GattDeviceService.GetCharacteristicsForUuidAsync", hr);
-    if (count == 0) return BleStatus::success();
+    if (count == 0) return Status();
     ComPtr<IInspectable> first;
     ComPtr<IGattCharacteristic> characteristic;
     hr = list->GetAt(0, first.GetAddressOf());
@@ -361,13 +360,12 @@ class WinLink : public BleConnection {
     if (gate_->closed) return closed_status();
     characteristics_[uuid] = characteristic;
     *present = true;
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus subscribe(const std::string& uuid,
-                      std::function<void(const Bytes&)> on_value) override {
+  Status subscribe(const std::string& uuid, std::function<void(const Bytes&)> on_value) override {
     ComPtr<IGattCharacteristic> c = characteristic(uuid);
-    if (!c) return BleStatus::failure("WinRT: no characteristic " + uuid);
+    if (!c) return Status::error("WinRT: no characteristic " + uuid);
     auto h = make_handler(kIidValueChangedHandler,
                           [gate = gate_, on_value](IInspectable*, IInspectable* args) {
                             ComPtr<IGattValueChangedEventArgs> a;
@@ -394,9 +392,9 @@ class WinLink : public BleConnection {
                         hr, status);
   }
 
-  BleStatus write(const std::string& uuid, const Bytes& bytes) override {
+  Status write(const std::string& uuid, const Bytes& bytes) override {
     ComPtr<IGattCharacteristic> c = characteristic(uuid);
-    if (!c) return BleStatus::failure("WinRT: no characteristic " + uuid);
+    if (!c) return Status::error("WinRT: no characteristic " + uuid);
     ComPtr<IBufferFactory> buffers;
     ComPtr<IBuffer> buffer;
     ComPtr<IBufferByteAccess> access;
@@ -454,9 +452,9 @@ class WinLink : public BleConnection {
     auto it = characteristics_.find(uuid);
     return gate_->closed || it == characteristics_.end() ? nullptr : it->second;
   }
-  static BleStatus closed_status() { return BleStatus::failure("WinRT: link closed"); }
+  static Status closed_status() { return Status::error("WinRT: link closed"); }
 
-  BleStatus discover(const std::string* uuid, Discovery* out) {
+  Status discover(const std::string* uuid, Discovery* out) {
     ComPtr<IBluetoothLEDevice> device = held(device_);
     if (!device) return closed_status();
     ComPtr<IBluetoothLEDevice3> device3;
@@ -482,7 +480,7 @@ class WinLink : public BleConnection {
     if (SUCCEEDED(hr) && list) hr = list->get_Size(&count);
     if (FAILED(hr)) return failed(step, hr);
     *out = {status, static_cast<int>(count)};
-    if (!uuid) return BleStatus::success();
+    if (!uuid) return Status();
     ComPtr<IGattDeviceService3> first;
     if (count > 0) {
       ComPtr<IInspectable> item;
@@ -493,7 +491,7 @@ class WinLink : public BleConnection {
     std::lock_guard<std::mutex> g(gate_->mu);
     service_ = first;
     characteristics_.clear();
-    return BleStatus::success();
+    return Status();
   }
 
   // Handlers hold the gate, not the link, so one still on its way in after
@@ -537,20 +535,20 @@ class WinBackend : public BleBackend {
     for (auto& [thread, scan] : scans) scan->stop();
   }
 
-  BleStatus init_thread() override {
+  Status init_thread() override {
     // The multi-threaded apartment: WinRT objects are then usable from every
     // thread that joined it, and handlers run on the thread pool.
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(hr)) return failed("CoInitializeEx", hr);
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus has_adapter(bool* present) override {
+  Status has_adapter(bool* present) override {
     *present = false;
     ComPtr<IBluetoothAdapterStatics> statics;
     HRESULT hr = factory(kBluetoothAdapterClass, kIidBluetoothAdapterStatics, statics);
     // No Bluetooth classes at all is a plain "no adapter".
-    if (class_missing(hr)) return BleStatus::success();
+    if (class_missing(hr)) return Status();
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* adapter = nullptr;
     if (SUCCEEDED(hr)) hr = statics->GetDefaultAsync(op.GetAddressOf());
@@ -558,10 +556,10 @@ class WinBackend : public BleBackend {
     if (FAILED(hr)) return failed("BluetoothAdapter.GetDefaultAsync", hr);
     *present = adapter != nullptr;
     if (adapter) adapter->Release();
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     auto scan = std::make_shared<Scan>();
     scan->seen = std::move(seen);
     HString name(kAdvertisementWatcherClass);
@@ -588,7 +586,7 @@ class WinBackend : public BleBackend {
       scans_[std::this_thread::get_id()] = scan;
     }
     if (previous) previous->stop();
-    return BleStatus::success();
+    return Status();
   }
 
   void stop_scan() override {
@@ -603,7 +601,7 @@ class WinBackend : public BleBackend {
     scan->stop();
   }
 
-  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
     ComPtr<IBluetoothLEDeviceStatics> statics;
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* raw = nullptr;
@@ -613,12 +611,12 @@ class WinBackend : public BleBackend {
     ComPtr<IInspectable> object;
     object.Attach(raw);
     if (FAILED(hr)) return failed("BluetoothLEDevice.FromBluetoothAddressAsync", hr);
-    if (!object) return BleStatus::success();  // no such device
+    if (!object) return Status();  // no such device
     ComPtr<IBluetoothLEDevice> device;
     hr = query(object.Get(), kIidBluetoothLEDevice, device);
     if (FAILED(hr)) return failed("BluetoothLEDevice", hr);
     *link = std::make_shared<WinLink>(std::move(device));
-    return BleStatus::success();
+    return Status();
   }
 
  private:
