@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -70,8 +71,11 @@ class BleBackend {
   /// again.
   virtual void stop_scan() = 0;
   /// The device with this 48-bit address; `*link` stays null when there is
-  /// none.
-  virtual Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) = 0;
+  /// none. A stop request on `cancel` (the user pressing Stop) gives the
+  /// search up soon: it may then answer with no link, or with one the
+  /// caller closes.
+  virtual Status open_device(std::uint64_t address, std::stop_token cancel,
+                             std::shared_ptr<BleConnection>* link) = 0;
 };
 
 }  // namespace cvn

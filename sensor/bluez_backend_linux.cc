@@ -111,10 +111,11 @@ class Scanner {
 
   /// Starts (or joins) discovery and reports the devices BlueZ already
   /// knows before returning. Fails when there is no adapter or discovery
-  /// cannot start (e.g. the adapter is powered off).
-  static Status start(std::shared_ptr<Client> client, Seen seen, std::unique_ptr<Scanner>* out) {
+  /// cannot start (e.g. the adapter is powered off), or on `cancel`.
+  static Status start(std::shared_ptr<Client> client, Seen seen, std::unique_ptr<Scanner>* out,
+                      std::stop_token cancel = {}) {
     std::unique_ptr<Scanner> scanner(new Scanner(std::move(client), std::move(seen)));
-    if (Status s = scanner->begin(); !s.ok()) return s;
+    if (Status s = scanner->begin(std::move(cancel)); !s.ok()) return s;
     *out = std::move(scanner);
     return Status();
   }
@@ -137,7 +138,7 @@ class Scanner {
   Scanner(std::shared_ptr<Client> client, Seen seen)
       : client_(std::move(client)), seen_(std::move(seen)) {}
 
-  Status begin() {
+  Status begin(std::stop_token cancel) {
     Bus& bus = client_->bus();
     // Subscribed before the snapshot, so nothing falls between the two.
     Status s = bus.match(
@@ -164,7 +165,7 @@ class Scanner {
           },
           &changed_);
     Objects objects;
-    if (s.ok()) s = client_->managed_objects(&objects);
+    if (s.ok()) s = client_->managed_objects(&objects, std::move(cancel));
     if (!s.ok()) return s;
     auto adapter = std::find_if(objects.begin(), objects.end(),
                                 [](const auto& o) { return interface(o.second, kAdapter); });
@@ -264,8 +265,13 @@ class BluezBackend : public BleBackend {
     }
   }
 
-  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
-    return named("cannot open the device", open(address, link));
+  Status open_device(std::uint64_t address, std::stop_token cancel,
+                     std::shared_ptr<BleConnection>* link) override {
+    Status s = open(address, cancel, link);
+    // Given up on a stop, which is no failure; a link opened meanwhile is
+    // closed already.
+    if (cancel.stop_requested()) return Status();
+    return named("cannot open the device", s);
   }
 
  private:
@@ -277,20 +283,22 @@ class BluezBackend : public BleBackend {
     return Status();
   }
 
-  Status open(std::uint64_t address, std::shared_ptr<BleConnection>* link) {
+  Status open(std::uint64_t address, const std::stop_token& cancel,
+              std::shared_ptr<BleConnection>* link) {
     std::shared_ptr<Client> c;
     Objects objects;
     Status s = client(&c);
-    if (s.ok()) s = c->managed_objects(&objects);
+    if (s.ok()) s = c->managed_objects(&objects, cancel);
     if (!s.ok()) return s;
     std::string path = device_path(objects, address);
-    if (path.empty()) path = look_for(c, address);
+    if (path.empty()) path = look_for(c, address, cancel);
+    if (cancel.stop_requested()) return Status();
     if (path.empty()) {
       logLine("BlueZ: " + format_ble_address(address) + " not found");
       return Status();
     }
     logLine("BlueZ: device " + path);
-    return open_link(c, path, link);
+    return open_link(c, path, cancel, link);
   }
 
   static std::string device_path(const Objects& objects, std::uint64_t address) {
@@ -302,10 +310,13 @@ class BluezBackend : public BleBackend {
     return {};
   }
 
-  static std::string look_for(const std::shared_ptr<Client>& client, std::uint64_t address) {
+  // The device's path once a scan sees it; empty when none does in time or
+  // on `cancel`.
+  static std::string look_for(const std::shared_ptr<Client>& client, std::uint64_t address,
+                              const std::stop_token& cancel) {
     logLine("BlueZ: " + format_ble_address(address) + " not known yet, scanning for it");
     std::mutex mu;
-    std::condition_variable cv;
+    std::condition_variable_any cv;
     std::string found;
     std::unique_ptr<Scanner> scanner;
     Status s = Scanner::start(
@@ -316,14 +327,14 @@ class BluezBackend : public BleBackend {
           found = path;
           cv.notify_all();
         },
-        &scanner);
+        &scanner, cancel);
     if (!s.ok()) {
-      logLine("BlueZ: cannot scan: " + s.message());
+      if (!cancel.stop_requested()) logLine("BlueZ: cannot scan: " + s.message());
       return {};
     }
     {
       std::unique_lock<std::mutex> lk(mu);
-      cv.wait_for(lk, kFindWindow, [&] { return !found.empty(); });
+      cv.wait_for(lk, cancel, kFindWindow, [&] { return !found.empty(); });
     }
     // The lock is free, so a running report can end; once the scanner is
     // gone none runs, and `found` may be read unlocked.

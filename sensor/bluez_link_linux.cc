@@ -389,9 +389,10 @@ class BluezLink : public BleConnection {
 
 }  // namespace
 
-Status open_link(std::shared_ptr<Client> client, std::string path,
+Status open_link(std::shared_ptr<Client> client, std::string path, const std::stop_token& cancel,
                  std::shared_ptr<BleConnection>* out) {
   auto link = std::make_shared<BluezLink>(std::move(client), std::move(path));
+  std::stop_callback close_on_stop(cancel, [&] { link->close(); });
   if (Status s = link->start(); !s.ok()) return s;
   *out = std::move(link);
   return Status();

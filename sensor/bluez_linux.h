@@ -71,8 +71,9 @@ std::string signal_rule(const std::string& member, const std::string& interface,
                         const std::string& path, const std::string& arg0);
 
 /// The link to the device object at `path`, subscribed to its changes and
-/// with its state read.
-Status open_link(std::shared_ptr<Client> client, std::string path,
+/// with its state read. A stop request on `cancel` closes it, ending the
+/// reading.
+Status open_link(std::shared_ptr<Client> client, std::string path, const std::stop_token& cancel,
                  std::shared_ptr<BleConnection>* out);
 
 }  // namespace cvn::bluez

@@ -70,12 +70,9 @@ class SimulatedLink : public BleConnection {
       t = std::move(streamer_);
     }
     wake_.notify_all();
-    if (t.joinable()) {
-      if (t.get_id() == std::this_thread::get_id())
-        t.detach();
-      else
-        t.join();
-    }
+    // Never the streamer itself: it calls the handler holding mu_, so a
+    // close() from there would not get this far.
+    if (t.joinable()) t.join();
   }
 
  private:
@@ -130,7 +127,8 @@ class SimulatedStrap : public BleBackend {
     return Status();
   }
   void stop_scan() override {}
-  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::stop_token,
+                     std::shared_ptr<BleConnection>* link) override {
     if (address == parse_ble_address(kSimulatedStrapAddress))
       *link = std::make_shared<SimulatedLink>(ecg_);
     return Status();

@@ -25,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,12 +163,12 @@ GUID to_guid(const std::string& uuid) {
   return g;
 }
 
-// Waits for `op` and takes its result. `cancel` (may be null) ends the wait
-// early; the operation is then cancelled. `iid` is the instantiation's IID:
-// an operation that does not answer to it is not what the declarations say.
+// Waits for `op` and takes its result. `cancel` (may be null) and a stop
+// request on `stop` end the wait early; the operation is then cancelled. `iid` is the
+// instantiation's IID: an operation that does not answer to it is not what the declarations say.
 template <class T>
 HRESULT await(IAsyncOperation<T>* op, const GUID& iid, T* result,
-              const std::atomic<bool>* cancel = nullptr) {
+              const std::atomic<bool>* cancel = nullptr, const std::stop_token& stop = {}) {
   ComPtr<IUnknown> typed;
   if (FAILED(op->QueryInterface(iid, reinterpret_cast<void**>(typed.GetAddressOf()))))
     return E_NOINTERFACE;
@@ -178,9 +179,10 @@ HRESULT await(IAsyncOperation<T>* op, const GUID& iid, T* result,
   const auto until = std::chrono::steady_clock::now() + kAsyncLimit;
   AsyncStatus status = AsyncStatus::Started;
   while (SUCCEEDED(hr = info->get_Status(&status)) && status == AsyncStatus::Started) {
-    if ((cancel && *cancel) || std::chrono::steady_clock::now() > until) {
+    const bool cancelled = (cancel && *cancel) || stop.stop_requested();
+    if (cancelled || std::chrono::steady_clock::now() > until) {
       info->Cancel();
-      return cancel && *cancel ? E_ABORT : HRESULT_FROM_WIN32(ERROR_TIMEOUT);
+      return cancelled ? E_ABORT : HRESULT_FROM_WIN32(ERROR_TIMEOUT);
     }
     std::this_thread::sleep_for(kAsyncPoll);
   }
@@ -601,15 +603,17 @@ class WinBackend : public BleBackend {
     scan->stop();
   }
 
-  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::stop_token cancel,
+                     std::shared_ptr<BleConnection>* link) override {
     ComPtr<IBluetoothLEDeviceStatics> statics;
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* raw = nullptr;
     HRESULT hr = factory(kBluetoothLEDeviceClass, kIidBluetoothLEDeviceStatics, statics);
     if (SUCCEEDED(hr)) hr = statics->FromBluetoothAddressAsync(address, op.GetAddressOf());
-    if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncDevice, &raw);
+    if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncDevice, &raw, nullptr, cancel);
     ComPtr<IInspectable> object;
     object.Attach(raw);
+    if (cancel.stop_requested()) return Status();  // given up: no link, nothing to report
     if (FAILED(hr)) return failed("BluetoothLEDevice.FromBluetoothAddressAsync", hr);
     if (!object) return Status();  // no such device
     ComPtr<IBluetoothLEDevice> device;

@@ -103,7 +103,9 @@ struct FakeStack : BleBackend {
     return Status();
   }
   void stop_scan() override {}
-  Status open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  // Opens whatever a stop says: a stack may finish opening anyway.
+  Status open_device(std::uint64_t address, std::stop_token,
+                     std::shared_ptr<BleConnection>* link) override {
     opening = true;
     std::this_thread::sleep_for(s.open_delay);
     if (address != 0xA09E1A000001ull) return Status();
@@ -122,14 +124,13 @@ class PolarBleTest : public testing::Test {
  protected:
   void SetUp() override { stack = std::make_shared<FakeStack>(); }
   // The link's diagnostic lines, each as "] line\n" like the log file's.
-  // Shared, because a detached worker may log after the test has ended.
-  std::shared_ptr<Sink> lines = std::make_shared<Sink>();
+  Sink lines;
   LogSink logger() {
-    return [l = lines](std::string_view m) { l->status_cb()(std::string(m)); };
+    return [this](std::string_view m) { lines.status_cb()(std::string(m)); };
   }
   std::string log() {
     std::string text;
-    for (const std::string& line : lines->status_list()) text += "] " + line + "\n";
+    for (const std::string& line : lines.status_list()) text += "] " + line + "\n";
     return text;
   }
 
