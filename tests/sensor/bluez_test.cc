@@ -199,6 +199,24 @@ TEST_F(BluezTest, StopWhileConnectingDisconnectsAtOnce) {
   EXPECT_EQ(first.status_list(), std::vector<std::string>{"Connecting…"});
 }
 
+// A refused call ends the procedure with the status text that points to the
+// log, where BlueZ's own words stand; nothing is written to the strap.
+TEST_F(BluezTest, RefusedNotifySaysConnectionFailed) {
+  ASSERT_NO_FATAL_FAILURE(start_fake({"--refuse-notify"}));
+  test::Sink sink;
+  PolarBle ble(make_platform_backend(), test::quick_timings());
+  ble.connectAndStream(kStrap, sink.samples_cb(), sink.status_cb());
+  ASSERT_TRUE(sink.wait_for("Bluetooth connection failed. See Documents/CVN-Live/cvn_log.txt."));
+  EXPECT_EQ(sink.status_list(),
+            (std::vector<std::string>{
+                "Connecting…", "Connected. Starting ECG…",
+                "Bluetooth connection failed. See Documents/CVN-Live/cvn_log.txt."}));
+  EXPECT_TRUE(contains(test::slurp(log_path()),
+                       "] BlueZ: cannot subscribe: org.bluez.Error.Failed: Operation failed\n"));
+  ble.stop();
+  EXPECT_FALSE(contains(fake_log(), "WriteValue")) << fake_log();
+}
+
 // BlueZ tells of a lost link only by a property change; missing it leaves
 // the page on "Streaming ECG…" for good.
 TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {
