@@ -268,8 +268,8 @@ class BluezBackend : public BleBackend {
   Status open_device(std::uint64_t address, std::stop_token cancel,
                      std::shared_ptr<BleConnection>* link) override {
     Status s = open(address, cancel, link);
-    // Given up on a stop, which is no failure; a link opened meanwhile is
-    // closed already.
+    // Given up on a stop, which is no failure; a link opened all the same
+    // goes back to the caller, who closes it.
     if (cancel.stop_requested()) return Status();
     return named("cannot open the device", s);
   }
