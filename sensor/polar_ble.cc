@@ -1,7 +1,9 @@
 #include "sensor/polar_ble.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <map>
+#include <stop_token>
 
 #include "base/log.h"
 #include "sensor/ble_common.h"
@@ -66,6 +68,15 @@ constexpr const char* kScanStartFailed =
 constexpr const char* kNoNamedDevices =
     "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it close.";
 
+// Sleeps for `d`; false when a stop request cut it short.
+bool pause_for(const std::stop_token& stop, std::chrono::milliseconds d) {
+  std::mutex mu;
+  std::condition_variable_any cv;
+  std::unique_lock<std::mutex> lk(mu);
+  cv.wait_for(lk, stop, d, [] { return false; });
+  return !stop.stop_requested();
+}
+
 std::string service_failure(const std::string& status) {
   return "Could not reach the Polar ECG service (" + status +
          "). Moisten the strap, keep it close, and in Windows Bluetooth settings pair the H10, "
@@ -76,20 +87,22 @@ std::string service_failure(const std::string& status) {
 
 PolarBle::PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings, LogSink log)
     : backend_(std::move(backend)), timings_(timings), log_(std::move(log)) {
-  std::thread([backend = backend_, pause = timings_.warm_up, log = log_] {
-    // A stack that is not ready now may be by the user's first scan, so a
-    // failing step just ends the warm-up.
-    bool present = false;
-    if (!backend->init_thread().ok() || !backend->has_adapter(&present).ok()) return;
-    if (!backend->start_scan([](std::uint64_t, const std::string&) {}).ok()) return;
-    std::this_thread::sleep_for(pause);
-    backend->stop_scan();
-    log("BLE warm-up complete");
-  }).detach();
+  warm_up_ = std::jthread(
+      [backend = backend_, pause = timings_.warm_up, log = log_](std::stop_token stop) {
+        // A stack that is not ready now may be by the user's first scan, so a
+        // failing step just ends the warm-up.
+        bool present = false;
+        if (!backend->init_thread().ok() || !backend->has_adapter(&present).ok()) return;
+        if (!backend->start_scan([](std::uint64_t, const std::string&) {}).ok()) return;
+        const bool complete = pause_for(stop, pause);
+        backend->stop_scan();
+        if (complete) log("BLE warm-up complete");
+      });
 }
 
 PolarBle::~PolarBle() {
   stop();
+  // warm_up_ is asked to stop and joined as it goes.
 }
 
 bool PolarBle::available() {
@@ -100,7 +113,7 @@ bool PolarBle::available() {
 }
 
 ScanResult PolarBle::scan() {
-  BleStatus started = backend_->init_thread();
+  Status started = backend_->init_thread();
   log_("scan() enter");
   std::mutex mu;
   std::map<std::uint64_t, std::string> seen;  // ordered: the list comes out by address
@@ -136,25 +149,29 @@ ScanResult PolarBle::scan() {
 void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_samples,
                                 StatusCallback on_status) {
   std::lock_guard<std::mutex> g(mu_);
+  // A new session replaces the one before.
+  end_attempt();
   set_sensor_callbacks(std::move(on_samples), std::move(on_status));
-  if (worker_.joinable()) worker_.detach();
   auto attempt = std::make_shared<Attempt>();
   attempt_ = attempt;
-  worker_ = std::thread([attempt, backend = backend_, t = timings_, address, log = log_] {
+  // After a stop the procedure runs on to its end at once: every pause is
+  // cut short and every call on the closed link fails.
+  worker_ = std::jthread([attempt, backend = backend_, t = timings_, address,
+                          log = log_](std::stop_token stop) {
     // A step the stack could not do ends the procedure: the stack's words
     // go to the log, the user is pointed to it.
-    auto fail = [&](const BleStatus& s) {
+    auto fail = [&](const Status& s) {
       if (!s.message().empty()) log(s.message());
       attempt->say(kStatusFailed);
       log("connect exception");
     };
-    BleStatus s = backend->init_thread();
+    Status s = backend->init_thread();
     if (!s.ok()) return fail(s);
     log("connect " + address);
     attempt->say(kStatusConnecting);
 
     std::shared_ptr<BleConnection> link;
-    if (!(s = backend->open_device(parse_ble_address(address), &link)).ok()) return fail(s);
+    if (!(s = backend->open_device(parse_ble_address(address), stop, &link)).ok()) return fail(s);
     if (!link) {
       attempt->say(kStatusNotFound);
       return;
@@ -174,7 +191,7 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
       if (n > 1) {
         attempt->say("Connecting… (attempt " + std::to_string(n) + " of " +
                      std::to_string(kDiscoveryAttempts) + ")");
-        std::this_thread::sleep_for(t.retry_pause);
+        pause_for(stop, t.retry_pause);
       }
       // Halfway through, a full discovery refreshes a stale service cache
       // that makes the targeted query come back empty.
@@ -187,7 +204,7 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
         if (!s.message().empty()) log(s.message());
         log("PMD discovery attempt " + std::to_string(n) + ": exception");
         last_status = "exception";
-        s = BleStatus::success();
+        s = Status();
         continue;
       }
       last_status = gatt_status_text(d.status);
@@ -223,10 +240,10 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
     if (!s.ok()) return fail(s);
     if (!(s = link->write(kPmdControlUuid, pmd_settings_request())).ok()) return fail(s);
     for (int i = 0; i < kSettingsPolls && !attempt->settings_reply; ++i)
-      std::this_thread::sleep_for(t.settings_poll);
+      if (!pause_for(stop, t.settings_poll)) break;
     log(attempt->settings_reply ? "settings response received"
                                 : "no settings response (sending start anyway)");
-    std::this_thread::sleep_for(t.before_start);
+    pause_for(stop, t.before_start);
     if (!(s = link->write(kPmdControlUuid, pmd_start_ecg())).ok()) return fail(s);
     attempt->streaming = true;
     attempt->say(kStatusStreaming);
@@ -237,12 +254,17 @@ void PolarBle::connectAndStream(const std::string& address, SamplesCallback on_s
 void PolarBle::stop() {
   std::lock_guard<std::mutex> g(mu_);
   log_("stop() enter");
+  end_attempt();
+  clear_sensor_callbacks();
+}
+
+void PolarBle::end_attempt() {
+  // The attempt first: once cancelled it says nothing, and its link is
+  // closed, so a worker blocked in the stack is let go.
   if (attempt_) attempt_->cancel();
   attempt_.reset();
-  // The worker may be blocked in the stack; it finds its link closed and
-  // ends by itself, reporting into slots that are empty by then.
-  if (worker_.joinable()) worker_.detach();
-  clear_sensor_callbacks();
+  worker_.request_stop();
+  if (worker_.joinable()) worker_.join();
 }
 
 }  // namespace cvn

@@ -27,16 +27,20 @@ struct BleTimings {
 
 class PolarBle : public BleManager {
  public:
-  /// Starts the warm-up on a detached thread.
-  /// `log` receives the diagnostic lines (the log file by default).
+  /// Starts the warm-up (a short scan that wakes the stack) on a thread of
+  /// its own. `log` receives the diagnostic lines (the log file by default).
   explicit PolarBle(std::shared_ptr<BleBackend> backend, BleTimings timings = {},
                     LogSink log = logLine);
+  /// Stops, and ends the warm-up early; returns once both threads are gone.
   ~PolarBle() override;
 
   bool available() override;
   ScanResult scan() override;
   void connectAndStream(const std::string& address, SamplesCallback on_samples,
                         StatusCallback on_status) override;
+  /// Also joins the worker: every wait of the procedure ends at once on a
+  /// stop (a closed link fails its calls, the pauses are cut short).
+  /// REQUIRES: not called from a samples or status callback.
   void stop() override;
 
   /// Discovery attempts before giving up on the PMD service.
@@ -47,12 +51,16 @@ class PolarBle : public BleManager {
  private:
   struct Attempt;  // one connectAndStream: its link, flags and cancellation
 
+  // Cancels the current attempt and joins its worker. REQUIRES: mu_ held.
+  void end_attempt();
+
   std::mutex mu_;  // serialises connectAndStream and stop
   const std::shared_ptr<BleBackend> backend_;
   const BleTimings timings_;
   const LogSink log_;
   std::shared_ptr<Attempt> attempt_;  // the latest, if any
-  std::thread worker_;
+  std::jthread worker_;               // runs attempt_'s procedure
+  std::jthread warm_up_;
 };
 
 }  // namespace cvn

@@ -23,34 +23,34 @@ class SimulatedLink : public BleConnection {
   explicit SimulatedLink(std::shared_ptr<const std::vector<double>> ecg) : ecg_(std::move(ecg)) {}
   ~SimulatedLink() override { close(); }
 
-  BleStatus watch_connection(std::function<void(bool)>) override { return BleStatus::success(); }
-  BleStatus maintain_connection(bool* kept) override {
+  Status watch_connection(std::function<void(bool)>) override { return Status(); }
+  Status maintain_connection(bool* kept) override {
     *kept = true;
-    return BleStatus::success();
+    return Status();
   }
   bool connected() override { return !closed(); }
-  BleStatus discover_all(Discovery* out) override {
+  Status discover_all(Discovery* out) override {
     *out = {0, 5};
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+  Status discover_service(const std::string& uuid, Discovery* out) override {
     *out = {0, uuid == kPmdServiceUuid ? 1 : 0};
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+  Status has_characteristic(const std::string& uuid, bool* present) override {
     *present = uuid == kPmdControlUuid || uuid == kPmdDataUuid;
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus subscribe(const std::string& uuid, Handler h) override {
+  Status subscribe(const std::string& uuid, Handler h) override {
     std::lock_guard<std::mutex> g(mu_);
-    if (closed_) return BleStatus::failure(kClosed);
+    if (closed_) return Status::error(kClosed);
     (uuid == kPmdDataUuid ? data_ : control_) = std::move(h);
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus write(const std::string& uuid, const std::vector<std::uint8_t>& bytes) override {
+  Status write(const std::string& uuid, const std::vector<std::uint8_t>& bytes) override {
     std::unique_lock<std::mutex> g(mu_);
-    if (closed_) return BleStatus::failure(kClosed);
-    if (uuid != kPmdControlUuid || bytes.empty()) return BleStatus::success();
+    if (closed_) return Status::error(kClosed);
+    if (uuid != kPmdControlUuid || bytes.empty()) return Status();
     if (bytes == pmd_settings_request() && control_) {
       // A settings reply as the strap sends it: response code F0, the
       // operation, the type, status 0, then the settings themselves.
@@ -58,7 +58,7 @@ class SimulatedLink : public BleConnection {
     } else if (bytes == pmd_start_ecg() && !streamer_.joinable()) {
       streamer_ = std::thread([this] { stream(); });
     }
-    return BleStatus::success();
+    return Status();
   }
   void close() override {
     std::thread t;
@@ -70,12 +70,9 @@ class SimulatedLink : public BleConnection {
       t = std::move(streamer_);
     }
     wake_.notify_all();
-    if (t.joinable()) {
-      if (t.get_id() == std::this_thread::get_id())
-        t.detach();
-      else
-        t.join();
-    }
+    // Never the streamer itself: it calls the handler holding mu_, so a
+    // close() from there would not get this far.
+    if (t.joinable()) t.join();
   }
 
  private:
@@ -121,19 +118,20 @@ class SimulatedStrap : public BleBackend {
  public:
   explicit SimulatedStrap(std::vector<double> ecg)
       : ecg_(std::make_shared<const std::vector<double>>(std::move(ecg))) {}
-  BleStatus has_adapter(bool* present) override {
+  Status has_adapter(bool* present) override {
     *present = true;
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     seen(parse_ble_address(kSimulatedStrapAddress), kSimulatedStrapName);
-    return BleStatus::success();
+    return Status();
   }
   void stop_scan() override {}
-  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::stop_token,
+                     std::shared_ptr<BleConnection>* link) override {
     if (address == parse_ble_address(kSimulatedStrapAddress))
       *link = std::make_shared<SimulatedLink>(ecg_);
-    return BleStatus::success();
+    return Status();
   }
 
  private:

@@ -3,7 +3,7 @@
 // MinGW-w64 build needs no C++/WinRT projection. How each operation maps
 // onto WinRT is described in docs/windows.md.
 //
-// Every call returns an HRESULT; a failed one becomes a BleStatus whose
+// Every call returns an HRESULT; a failed one becomes a Status whose
 // message names the call and its code. Asynchronous operations are awaited
 // by polling IAsyncInfo (no completion delegate), and a link's waits end
 // early once close() has been called, so Stop never waits for the radio.
@@ -25,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -118,19 +119,18 @@ class HString {
   HSTRING s_ = nullptr;
 };
 
-BleStatus failed(const char* step, HRESULT hr) {
-  return BleStatus::failure(winrt_failure(step, hr));
+Status failed(const char* step, HRESULT hr) {
+  return Status::error(winrt_failure(step, hr));
 }
 
 // A GATT write that ran can still be refused by the strap (AccessDenied when
 // Windows has not paired it, Unreachable out of range); going on would stream
 // nothing without a word.
-BleStatus gatt_written(const char* step, HRESULT hr, std::int32_t status) {
+Status gatt_written(const char* step, HRESULT hr, std::int32_t status) {
   if (FAILED(hr)) return failed(step, hr);
   if (status != 0)
-    return BleStatus::failure(std::string("WinRT: ") + step + " answered " +
-                              gatt_status_text(status));
-  return BleStatus::success();
+    return Status::error(std::string("WinRT: ") + step + " answered " + gatt_status_text(status));
+  return Status();
 }
 
 // The classes Wine (and a Windows without Bluetooth support) does not have.
@@ -163,12 +163,12 @@ GUID to_guid(const std::string& uuid) {
   return g;
 }
 
-// Waits for `op` and takes its result. `cancel` (may be null) ends the wait
-// early; the operation is then cancelled. `iid` is the instantiation's IID:
-// an operation that does not answer to it is not what the declarations say.
+// Waits for `op` and takes its result. `cancel` (may be null) and a stop
+// request on `stop` end the wait early; the operation is then cancelled. `iid` is the
+// instantiation's IID: an operation that does not answer to it is not what the declarations say.
 template <class T>
 HRESULT await(IAsyncOperation<T>* op, const GUID& iid, T* result,
-              const std::atomic<bool>* cancel = nullptr) {
+              const std::atomic<bool>* cancel = nullptr, const std::stop_token& stop = {}) {
   ComPtr<IUnknown> typed;
   if (FAILED(op->QueryInterface(iid, reinterpret_cast<void**>(typed.GetAddressOf()))))
     return E_NOINTERFACE;
@@ -179,9 +179,10 @@ HRESULT await(IAsyncOperation<T>* op, const GUID& iid, T* result,
   const auto until = std::chrono::steady_clock::now() + kAsyncLimit;
   AsyncStatus status = AsyncStatus::Started;
   while (SUCCEEDED(hr = info->get_Status(&status)) && status == AsyncStatus::Started) {
-    if ((cancel && *cancel) || std::chrono::steady_clock::now() > until) {
+    const bool cancelled = (cancel && *cancel) || stop.stop_requested();
+    if (cancelled || std::chrono::steady_clock::now() > until) {
       info->Cancel();
-      return cancel && *cancel ? E_ABORT : HRESULT_FROM_WIN32(ERROR_TIMEOUT);
+      return cancelled ? E_ABORT : HRESULT_FROM_WIN32(ERROR_TIMEOUT);
     }
     std::this_thread::sleep_for(kAsyncPoll);
   }
@@ -262,7 +263,7 @@ class WinLink : public BleConnection {
   explicit WinLink(ComPtr<IBluetoothLEDevice> device) : device_(std::move(device)) {}
   ~WinLink() override { close(); }
 
-  BleStatus watch_connection(std::function<void(bool)> on_change) override {
+  Status watch_connection(std::function<void(bool)> on_change) override {
     auto h = make_handler(kIidConnectionStatusHandler,
                           [gate = gate_, on_change](IInspectable* sender, IInspectable*) {
                             ComPtr<IBluetoothLEDevice> d;
@@ -281,12 +282,12 @@ class WinLink : public BleConnection {
     std::lock_guard<std::mutex> g(gate_->mu);
     status_token_ = token;
     watching_ = true;
-    return BleStatus::success();
+    return Status();
   }
 
   // Without a session Windows may drop an idle link between the steps; the
   // procedure goes on without one, as a session is only a hint.
-  BleStatus maintain_connection(bool* kept) override {
+  Status maintain_connection(bool* kept) override {
     *kept = false;
     ComPtr<IBluetoothLEDevice> device = held(device_);
     if (!device) return closed_status();
@@ -314,12 +315,12 @@ class WinLink : public BleConnection {
     }
     if (FAILED(hr)) {
       logLine(winrt_failure(step, hr));
-      return BleStatus::success();
+      return Status();
     }
     std::lock_guard<std::mutex> g(gate_->mu);
     session_ = session;
     *kept = true;
-    return BleStatus::success();
+    return Status();
   }
 
   bool connected() override {
@@ -328,15 +329,15 @@ class WinLink : public BleConnection {
     return device && SUCCEEDED(device->get_ConnectionStatus(&s)) && s == kConnected;
   }
 
-  BleStatus discover_all(Discovery* out) override { return discover(nullptr, out); }
-  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+  Status discover_all(Discovery* out) override { return discover(nullptr, out); }
+  Status discover_service(const std::string& uuid, Discovery* out) override {
     return discover(&uuid, out);
   }
 
-  BleStatus has_characteristic(const std::string& uuid, bool* present) override {
+  Status has_characteristic(const std::string& uuid, bool* present) override {
     *present = false;
     ComPtr<IGattDeviceService3> service = held(service_);
-    if (!service) return BleStatus::success();
+    if (!service) return Status();
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* raw = nullptr;
     HRESULT hr = service->GetCharacteristicsForUuidWithCacheModeAsync(to_guid(uuid), kUncached,
@@ -351,7 +352,7 @@ class WinLink : public BleConnection {
     if (SUCCEEDED(hr)) hr = result->get_Characteristics(list.GetAddressOf());
     if (SUCCEEDED(hr) && list) hr = list->get_Size(&count);
     if (FAILED(hr)) return failed("GattDeviceService.GetCharacteristicsForUuidAsync", hr);
-    if (count == 0) return BleStatus::success();
+    if (count == 0) return Status();
     ComPtr<IInspectable> first;
     ComPtr<IGattCharacteristic> characteristic;
     hr = list->GetAt(0, first.GetAddressOf());
@@ -361,13 +362,12 @@ class WinLink : public BleConnection {
     if (gate_->closed) return closed_status();
     characteristics_[uuid] = characteristic;
     *present = true;
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus subscribe(const std::string& uuid,
-                      std::function<void(const Bytes&)> on_value) override {
+  Status subscribe(const std::string& uuid, std::function<void(const Bytes&)> on_value) override {
     ComPtr<IGattCharacteristic> c = characteristic(uuid);
-    if (!c) return BleStatus::failure("WinRT: no characteristic " + uuid);
+    if (!c) return Status::error("WinRT: no characteristic " + uuid);
     auto h = make_handler(kIidValueChangedHandler,
                           [gate = gate_, on_value](IInspectable*, IInspectable* args) {
                             ComPtr<IGattValueChangedEventArgs> a;
@@ -394,9 +394,9 @@ class WinLink : public BleConnection {
                         hr, status);
   }
 
-  BleStatus write(const std::string& uuid, const Bytes& bytes) override {
+  Status write(const std::string& uuid, const Bytes& bytes) override {
     ComPtr<IGattCharacteristic> c = characteristic(uuid);
-    if (!c) return BleStatus::failure("WinRT: no characteristic " + uuid);
+    if (!c) return Status::error("WinRT: no characteristic " + uuid);
     ComPtr<IBufferFactory> buffers;
     ComPtr<IBuffer> buffer;
     ComPtr<IBufferByteAccess> access;
@@ -454,9 +454,9 @@ class WinLink : public BleConnection {
     auto it = characteristics_.find(uuid);
     return gate_->closed || it == characteristics_.end() ? nullptr : it->second;
   }
-  static BleStatus closed_status() { return BleStatus::failure("WinRT: link closed"); }
+  static Status closed_status() { return Status::error("WinRT: link closed"); }
 
-  BleStatus discover(const std::string* uuid, Discovery* out) {
+  Status discover(const std::string* uuid, Discovery* out) {
     ComPtr<IBluetoothLEDevice> device = held(device_);
     if (!device) return closed_status();
     ComPtr<IBluetoothLEDevice3> device3;
@@ -482,7 +482,7 @@ class WinLink : public BleConnection {
     if (SUCCEEDED(hr) && list) hr = list->get_Size(&count);
     if (FAILED(hr)) return failed(step, hr);
     *out = {status, static_cast<int>(count)};
-    if (!uuid) return BleStatus::success();
+    if (!uuid) return Status();
     ComPtr<IGattDeviceService3> first;
     if (count > 0) {
       ComPtr<IInspectable> item;
@@ -493,7 +493,7 @@ class WinLink : public BleConnection {
     std::lock_guard<std::mutex> g(gate_->mu);
     service_ = first;
     characteristics_.clear();
-    return BleStatus::success();
+    return Status();
   }
 
   // Handlers hold the gate, not the link, so one still on its way in after
@@ -537,20 +537,20 @@ class WinBackend : public BleBackend {
     for (auto& [thread, scan] : scans) scan->stop();
   }
 
-  BleStatus init_thread() override {
+  Status init_thread() override {
     // The multi-threaded apartment: WinRT objects are then usable from every
     // thread that joined it, and handlers run on the thread pool.
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(hr)) return failed("CoInitializeEx", hr);
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus has_adapter(bool* present) override {
+  Status has_adapter(bool* present) override {
     *present = false;
     ComPtr<IBluetoothAdapterStatics> statics;
     HRESULT hr = factory(kBluetoothAdapterClass, kIidBluetoothAdapterStatics, statics);
     // No Bluetooth classes at all is a plain "no adapter".
-    if (class_missing(hr)) return BleStatus::success();
+    if (class_missing(hr)) return Status();
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* adapter = nullptr;
     if (SUCCEEDED(hr)) hr = statics->GetDefaultAsync(op.GetAddressOf());
@@ -558,10 +558,10 @@ class WinBackend : public BleBackend {
     if (FAILED(hr)) return failed("BluetoothAdapter.GetDefaultAsync", hr);
     *present = adapter != nullptr;
     if (adapter) adapter->Release();
-    return BleStatus::success();
+    return Status();
   }
 
-  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
     auto scan = std::make_shared<Scan>();
     scan->seen = std::move(seen);
     HString name(kAdvertisementWatcherClass);
@@ -588,7 +588,7 @@ class WinBackend : public BleBackend {
       scans_[std::this_thread::get_id()] = scan;
     }
     if (previous) previous->stop();
-    return BleStatus::success();
+    return Status();
   }
 
   void stop_scan() override {
@@ -603,22 +603,24 @@ class WinBackend : public BleBackend {
     scan->stop();
   }
 
-  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  Status open_device(std::uint64_t address, std::stop_token cancel,
+                     std::shared_ptr<BleConnection>* link) override {
     ComPtr<IBluetoothLEDeviceStatics> statics;
     ComPtr<IAsyncOperation<IInspectable*>> op;
     IInspectable* raw = nullptr;
     HRESULT hr = factory(kBluetoothLEDeviceClass, kIidBluetoothLEDeviceStatics, statics);
     if (SUCCEEDED(hr)) hr = statics->FromBluetoothAddressAsync(address, op.GetAddressOf());
-    if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncDevice, &raw);
+    if (SUCCEEDED(hr)) hr = await(op.Get(), kIidAsyncDevice, &raw, nullptr, cancel);
     ComPtr<IInspectable> object;
     object.Attach(raw);
+    if (cancel.stop_requested()) return Status();  // given up: no link, nothing to report
     if (FAILED(hr)) return failed("BluetoothLEDevice.FromBluetoothAddressAsync", hr);
-    if (!object) return BleStatus::success();  // no such device
+    if (!object) return Status();  // no such device
     ComPtr<IBluetoothLEDevice> device;
     hr = query(object.Get(), kIidBluetoothLEDevice, device);
     if (FAILED(hr)) return failed("BluetoothLEDevice", hr);
     *link = std::make_shared<WinLink>(std::move(device));
-    return BleStatus::success();
+    return Status();
   }
 
  private:

@@ -188,12 +188,33 @@ TEST_F(BluezTest, StopWhileConnectingDisconnectsAtOnce) {
   PolarBle ble(make_platform_backend(), test::quick_timings());
   ble.connectAndStream(strap, first.samples_cb(), first.status_cb());
   ASSERT_TRUE(test::wait_until([&] { return contains(fake_log(), "Connect " + strap); }, 10s));
+  // Stop joins the worker, yet does not wait out the 5 s Connect.
+  const auto stopping = std::chrono::steady_clock::now();
   ble.stop();
-  EXPECT_TRUE(test::wait_until([&] { return contains(fake_log(), "Disconnect " + strap); }, 2s));
+  EXPECT_LT(std::chrono::steady_clock::now() - stopping, 3s);
+  EXPECT_TRUE(contains(fake_log(), "Disconnect " + strap));
   ble.connectAndStream(strap, second.samples_cb(), second.status_cb());
   EXPECT_TRUE(second.wait_for("Streaming ECG…"));
   ble.stop();
   EXPECT_EQ(first.status_list(), std::vector<std::string>{"Connecting…"});
+}
+
+// A refused call ends the procedure with the status text that points to the
+// log, where BlueZ's own words stand; nothing is written to the strap.
+TEST_F(BluezTest, RefusedNotifySaysConnectionFailed) {
+  ASSERT_NO_FATAL_FAILURE(start_fake({"--refuse-notify"}));
+  test::Sink sink;
+  PolarBle ble(make_platform_backend(), test::quick_timings());
+  ble.connectAndStream(kStrap, sink.samples_cb(), sink.status_cb());
+  ASSERT_TRUE(sink.wait_for("Bluetooth connection failed. See Documents/CVN-Live/cvn_log.txt."));
+  EXPECT_EQ(sink.status_list(),
+            (std::vector<std::string>{
+                "Connecting…", "Connected. Starting ECG…",
+                "Bluetooth connection failed. See Documents/CVN-Live/cvn_log.txt."}));
+  EXPECT_TRUE(contains(test::slurp(log_path()),
+                       "] BlueZ: cannot subscribe: org.bluez.Error.Failed: Operation failed\n"));
+  ble.stop();
+  EXPECT_FALSE(contains(fake_log(), "WriteValue")) << fake_log();
 }
 
 // BlueZ tells of a lost link only by a property change; missing it leaves

@@ -263,6 +263,9 @@ class Characteristic(BluezObject):
 
     @dbus.service.method("org.bluez.GattCharacteristic1")
     def StartNotify(self):
+        if self.fake.args.refuse_notify:
+            self.fake.log("StartNotify refused", self.uuid.lower())
+            raise Failed("Operation failed")
         self.fake.log("StartNotify", self.uuid.lower())
         self.set(Notifying=dbus.Boolean(True))
 
@@ -291,6 +294,7 @@ def main():
                         help="the strap drops out of range after this many frames")
     parser.add_argument("--no-adapter", action="store_true", help="BlueZ runs without an adapter")
     parser.add_argument("--powered-off", action="store_true", help="the adapter is switched off")
+    parser.add_argument("--refuse-notify", action="store_true", help="StartNotify always fails")
     args = parser.parse_args()
 
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)

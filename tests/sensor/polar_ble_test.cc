@@ -44,39 +44,39 @@ struct FakeLink : BleConnection {
   std::vector<Bytes> writes;
 
   explicit FakeLink(Script script) : s(std::move(script)) {}
-  BleStatus watch_connection(std::function<void(bool)>) override { return BleStatus::success(); }
-  BleStatus maintain_connection(bool* kept) override {
+  Status watch_connection(std::function<void(bool)>) override { return Status(); }
+  Status maintain_connection(bool* kept) override {
     *kept = true;
-    return BleStatus::success();
+    return Status();
   }
   bool connected() override { return !closed; }
-  BleStatus discover_all(Discovery* out) override {
+  Status discover_all(Discovery* out) override {
     *out = {0, 6};
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus discover_service(const std::string& uuid, Discovery* out) override {
+  Status discover_service(const std::string& uuid, Discovery* out) override {
     ++attempts;
-    if (attempts == 2) return BleStatus::failure("stack hiccup");
+    if (attempts == 2) return Status::error("stack hiccup");
     bool found = s.pmd_found_on_attempt != 0 && attempts >= s.pmd_found_on_attempt;
     *out = {found ? 0 : 1, found && uuid == kPmdServiceUuid ? 1 : 0};
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus has_characteristic(const std::string&, bool* present) override {
+  Status has_characteristic(const std::string&, bool* present) override {
     *present = s.characteristics;
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus subscribe(const std::string& uuid, std::function<void(const Bytes&)> h) override {
+  Status subscribe(const std::string& uuid, std::function<void(const Bytes&)> h) override {
     std::lock_guard<std::mutex> g(mu);
-    if (closed) return BleStatus::failure("closed");
+    if (closed) return Status::error("closed");
     handlers[uuid] = std::move(h);
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus write(const std::string& uuid, const Bytes& bytes) override {
+  Status write(const std::string& uuid, const Bytes& bytes) override {
     std::lock_guard<std::mutex> g(mu);
-    if (closed) return BleStatus::failure("closed");
+    if (closed) return Status::error("closed");
     writes.push_back(bytes);
     if (bytes == pmd_settings_request() && s.settings_reply) handlers[kPmdControlUuid]({0xF0, 1});
-    return BleStatus::success();
+    return Status();
   }
   void close() override {
     std::lock_guard<std::mutex> g(mu);
@@ -93,24 +93,26 @@ struct FakeStack : BleBackend {
   std::atomic<bool> opening{false};
   std::shared_ptr<FakeLink> last;
   std::mutex mu;
-  BleStatus has_adapter(bool* present) override {
+  Status has_adapter(bool* present) override {
     *present = adapter;
-    return BleStatus::success();
+    return Status();
   }
-  BleStatus start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    if (scan_fails) return BleStatus::failure("radio off");
+  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+    if (scan_fails) return Status::error("radio off");
     for (const auto& [a, n] : s.adverts) seen(a, n);
-    return BleStatus::success();
+    return Status();
   }
   void stop_scan() override {}
-  BleStatus open_device(std::uint64_t address, std::shared_ptr<BleConnection>* link) override {
+  // Opens whatever a stop says: a stack may finish opening anyway.
+  Status open_device(std::uint64_t address, std::stop_token,
+                     std::shared_ptr<BleConnection>* link) override {
     opening = true;
     std::this_thread::sleep_for(s.open_delay);
-    if (address != 0xA09E1A000001ull) return BleStatus::success();
+    if (address != 0xA09E1A000001ull) return Status();
     std::lock_guard<std::mutex> g(mu);
     last = std::make_shared<FakeLink>(s);
     *link = last;
-    return BleStatus::success();
+    return Status();
   }
   std::shared_ptr<FakeLink> link() {
     std::lock_guard<std::mutex> g(mu);
@@ -122,14 +124,13 @@ class PolarBleTest : public testing::Test {
  protected:
   void SetUp() override { stack = std::make_shared<FakeStack>(); }
   // The link's diagnostic lines, each as "] line\n" like the log file's.
-  // Shared, because a detached worker may log after the test has ended.
-  std::shared_ptr<Sink> lines = std::make_shared<Sink>();
+  Sink lines;
   LogSink logger() {
-    return [l = lines](std::string_view m) { l->status_cb()(std::string(m)); };
+    return [this](std::string_view m) { lines.status_cb()(std::string(m)); };
   }
   std::string log() {
     std::string text;
-    for (const std::string& line : lines->status_list()) text += "] " + line + "\n";
+    for (const std::string& line : lines.status_list()) text += "] " + line + "\n";
     return text;
   }
 
