@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "analysis/hrv.h"
 #include "analysis/pipeline.h"
 #include "analysis/png.h"
 #include "base/breathing.h"
@@ -306,6 +307,16 @@ int main(int argc, char** argv) {
     j += ",\"half_range\":";
     append_number(j, s.half_range);
     j += '}';
+  }
+  j += "},\"hrv\":{";
+  first = true;
+  for (const HrvField& f : hrv_fields()) {
+    if (!first) j += ',';
+    first = false;
+    j += "\"";
+    j += f.name;
+    j += "\":";
+    append_number(j, f.value(recording.hrv));
   }
   j += "},\"png_bytes\":[" + std::to_string(png3.size()) + "," + std::to_string(png10.size()) + "]";
   j += ",\"timings\":{";

@@ -38,7 +38,8 @@ TEST(Analyze, SampleGivesOneJsonObjectAndBothImages) {
   EXPECT_TRUE(r.out.starts_with("{") && r.out.find_last_of('}') != std::string::npos);
   for (const char* key : {"\"samples\":23920", "\"rr\":[", "\"hr\":[", "\"cycle_bounds\":[0,1300,",
                           "\"cvn\":[", "\"expected_freq\":0.1", "\"expected_row\":160",
-                          "\"stats\":{", "\"scale\":{", "\"timings\":{"})
+                          "\"stats\":{", "\"scale\":{", "\"hrv\":{\"n_beats\":",
+                          ",\"peak_trough_hr\":", "\"timings\":{"})
     EXPECT_NE(r.out.find(key), std::string::npos) << key;
   for (const char* png : {"tfr3.png", "tfr10.png"}) {
     std::string bytes = test::slurp(out / png);
