@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "analysis/hrv.h"
 #include "base/recording.h"
 
 namespace cvn {
@@ -90,7 +91,8 @@ std::vector<double> read_kubios_rr(std::string_view text) {
     double beat_time, interval;
     if (read_number(cells[1], &beat_time) && read_number(cells[2], &interval)) {
       // "nan" and "inf" read as numbers, but no heart beats in them.
-      if (std::isfinite(interval) && interval > 0) rr.push_back(interval);
+      // Some exports write milliseconds, others seconds (rr_to_seconds).
+      if (std::isfinite(interval) && interval > 0) rr.push_back(rr_to_seconds(interval));
     } else if (!rr.empty() && cells[1].empty() && cells[2].empty()) {
       break;  // the RR column has ended; the ECG columns may run on
     }

@@ -25,7 +25,8 @@ inline constexpr std::size_t kMinKubiosBeats = 3;
 /// line starts with "sep=" (the spreadsheet hint Kubios writes first).
 bool looks_like_kubios(std::string_view text);
 
-/// The RR column (seconds, as written) of a Kubios export: rows after the
+/// The RR column of a Kubios export, in seconds (a value above 10 is taken as
+/// milliseconds: some exports write those, see rr_to_seconds): rows after the
 /// "RR INTERVAL DATA" line whose second and third cells are both numbers
 /// (an interval that is not finite and positive is skipped); the first row of
 /// empty cells after the data ends the table. Empty when there is no table.

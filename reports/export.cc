@@ -88,6 +88,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   summary.cvn_mean = finite_mean(cycles.cvn);
   summary.cvn = cycles.cvn;
   summary.rr_only = !have_ecg;
+  summary.hrv = analysis.hrv;
 
   const std::string stem = sanitize_file_name(in.name);
   out.folder = make_folder(exports_folder, stem, &out.error);
@@ -143,6 +144,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.markers = in.markers;
   report.cvn = cycles.cvn;
   report.rr_only = !have_ecg;
+  report.hrv = analysis.hrv;
   const char sex = in.breathing.sex == "F" ? 'F' : 'M';
   if (!cycles.empty()) {
     report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.breathing.age);

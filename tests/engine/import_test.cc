@@ -69,6 +69,9 @@ TEST(Kubios, ReadsTheRrColumnWhereverTheOtherColumnsEnd) {
   std::vector<double> got = read_kubios_rr(test::kubios_export(rr, 40));
   ASSERT_EQ(got.size(), rr.size());
   for (std::size_t i = 0; i < rr.size(); ++i) EXPECT_NEAR(got[i], rr[i], 1e-6);
+  // Milliseconds, as some exports write them, read as the same beats.
+  EXPECT_EQ(read_kubios_rr("RR INTERVAL DATA\n,0.812,812\n,1.712,900\n"),
+            (std::vector<double>{0.812, 0.9}));
   EXPECT_EQ(read_kubios_rr(test::kubios_export({0.8, 0.9})).size(), 2u);  // too few for a report
   EXPECT_TRUE(read_kubios_rr("sep=,\n,1,0.8\n,2,0.9\n").empty());         // no table title
   // A cell must be a whole number: "0.8 s" is a header, not a beat.
