@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "assets/assets.h"
@@ -34,6 +35,17 @@ TEST(AnalyzeRecording, EcgAndItsRrListAgree) {
   const RecordingAnalysis live = analyze_recording(EcgSamples{ecg}, 16.0, {.cycles = false});
   EXPECT_TRUE(live.cycles.empty());
   EXPECT_EQ(live.hr, from_ecg.hr);
+}
+
+// A lost beat (the strap slipped for a second) is an interval clean_rr
+// replaces, and the HRV's artefact share counts exactly those.
+TEST(AnalyzeRecording, ReplacedIntervalsReachTheHrv) {
+  Series ecg = read_recording(*find_asset("Sample 1.txt"));
+  std::fill(ecg.begin() + 13000, ecg.begin() + 13000 + 160, 0.0);
+  const RecordingAnalysis a = analyze_recording(EcgSamples{ecg}, 16.0);
+  const auto replaced = std::count(a.corrected.begin(), a.corrected.end(), 1);
+  ASSERT_GT(replaced, 0);
+  EXPECT_DOUBLE_EQ(a.hrv.artefact_pct, 100.0 * replaced / a.hrv.n_beats);
 }
 
 TEST(AnalyzeRecording, UnusableInputGivesEmptyResults) {

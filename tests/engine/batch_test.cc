@@ -35,6 +35,17 @@ TEST(RunBatch, RecordingsInMemoryAtAFixedTime) {
                                       "Anna_evening_export/Anna_evening_report.pdf", summary}));
   for (const std::string& report : out.reports)
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "exports/" + report)) << report;
+
+  // Closing the program mid-batch: no further recording is started and no
+  // summary claims a batch that did not run.
+  std::stop_source closing;
+  closing.request_stop();
+  const BatchOutcome stopped =
+      run_batch(request, dir / "stopped", {}, [](int, int, const std::string&) {}, 1,
+                {.clock = clock, .stop = closing.get_token()});
+  EXPECT_NE(stopped.error, "");
+  EXPECT_TRUE(stopped.reports.empty());
+  EXPECT_TRUE(std::filesystem::is_empty(dir / "stopped"));
 }
 
 }  // namespace

@@ -266,21 +266,41 @@ TEST(EngineJobs, OldTfrDoesNotLandInANewSession) {
 TEST(SessionState, AnAnalysisOfTheLastSessionDoesNotLandInTheNext) {
   ManualClock clock;
   SessionState state(clock);
-  state.begin_replay(std::vector<double>(1300, 1.0), {}, "first", {}, 1.0);
-  const AnalysisInput old = state.analysis_input();
-  state.begin_replay(std::vector<double>(1300, 2.0), {}, "second", {}, 1.0);
   LiveAnalysis a;
   a.hr = 70;
   a.cvn = 0.5;
   a.rr_count = 3;
   a.hr_series = {{0, 70}};
+  a.hrv = HrvIndices{};
+  state.begin_replay(std::vector<double>(1300, 1.0), {}, "first", {}, 1.0);
+  const AnalysisInput old = state.analysis_input();
+  EXPECT_TRUE(state.store_analysis(old.session, a));
+  state.begin_replay(std::vector<double>(1300, 2.0), {}, "second", {}, 1.0);
   EXPECT_FALSE(state.store_analysis(old.session, a));
   Snapshot s = state.snapshot();
   EXPECT_TRUE(std::isnan(s.hr));
   EXPECT_EQ(s.rr_count, 0);
   EXPECT_TRUE(s.hr_series->empty());
+  EXPECT_EQ(s.hrv, nullptr);
   EXPECT_TRUE(state.store_analysis(state.analysis_input().session, a));
   EXPECT_EQ(state.snapshot().hr, 70);
+}
+
+// Two starts at once (a double click) may tell the jobs of their sessions in
+// either order; the jobs follow the newer one, or a TFR of the running
+// session would never be taken up.
+TEST(Jobs, FollowTheNewerOfTwoSessionsReportedOutOfOrder) {
+  ManualClock clock;
+  SessionState state(clock);
+  TempDir data;
+  Jobs jobs(state, data / "exports", clock);
+  state.begin_replay(std::vector<double>(1300, 1.0), {}, "first", {}, 1.0);
+  const std::uint64_t first = state.session();
+  state.begin_replay(std::vector<double>(1300, 1.0), {}, "second", {}, 1.0);
+  jobs.new_session(state.session());
+  jobs.new_session(first);
+  jobs.start_tfr();
+  EXPECT_NE(jobs.tfr().state, JobState::kIdle);
 }
 
 // Closing the program in the middle of everything: a live session, a TFR,
