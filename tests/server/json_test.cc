@@ -47,8 +47,8 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
   EXPECT_EQ(snapshot_json(s),
             R"({"mode":"idle","running":false,"name_id":"","source_label":"","bt_status":"",)"
             R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
-            R"("cvn":null,"rr_count":0,"ecg":[],"hr_series":[],"cvn_series":[],"indur":5,)"
-            R"("outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
+            R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
+            R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
             R"("tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
             R"("app_version":"1.0.0"})");
 }
@@ -83,6 +83,51 @@ TEST(Snapshot, RoundingProgressSeriesAndMarkers) {
     EXPECT_NE(j.find(part), std::string::npos) << part << "\n" << j;
   // The page's JSON parser refuses the whole snapshot for one raw control byte.
   for (char c : j) EXPECT_GE(static_cast<unsigned char>(c), 0x20) << j;
+}
+
+TEST(Snapshot, HrvHasEveryFieldInOrderWithEmptyOnesNull) {
+  Snapshot s;
+  s.hr_series = s.cvn_series = std::make_shared<const std::vector<SeriesPoint>>();
+  HrvIndices h;
+  h.n_beats = 1234567;  // more digits than a number keeps: a count is written whole
+  h.artefact_pct = 0.5;
+  h.mean_nn = 812.25;
+  h.sdnn = 48.5;
+  h.mean_hr = 74.1;
+  h.sd_hr = 4.25;
+  h.min_hr = 61;
+  h.max_hr = 90.5;
+  h.rmssd = 37.125;
+  h.pnn50 = 12.5;
+  h.sd1 = 26.25;
+  h.sd2 = 62;
+  h.vlf = 312.5;
+  h.lf = 1234567.8;
+  h.hf = 0;
+  h.total_power = 1234880.3;
+  h.lf_nu = 100;
+  h.hf_nu = 0;
+  h.lf_peak = 0.0625;
+  h.peak_trough_hr = 14.75;
+  // nn50, lf_hf and hf_peak stay empty.
+  s.hrv = std::make_shared<const HrvIndices>(h);
+  const std::string want =
+      R"(,"rr_count":0,"hrv":{"n_beats":1234567,"artefact_pct":0.5,"mean_nn":812.25,"sdnn":48.5,)"
+      R"("mean_hr":74.1,"sd_hr":4.25,"min_hr":61,"max_hr":90.5,"rmssd":37.125,"nn50":null,)"
+      R"("pnn50":12.5,"sd1":26.25,"sd2":62,"vlf":312.5,"lf":1.23457e+06,"hf":0,)"
+      R"("total_power":1.23488e+06,"lf_hf":null,"lf_nu":100,"hf_nu":0,"lf_peak":0.0625,)"
+      R"("hf_peak":null,"peak_trough_hr":14.75},"ecg":[],)";
+  std::string j = snapshot_json(s);
+  EXPECT_NE(j.find(want), std::string::npos) << j;
+
+  // The text is kept per object: renewed indices must show, and going back to
+  // none must not keep the old ones.
+  h.nn50 = 7;
+  s.hrv = std::make_shared<const HrvIndices>(h);
+  j = snapshot_json(s);
+  EXPECT_NE(j.find(R"("rmssd":37.125,"nn50":7,)"), std::string::npos) << j;
+  s.hrv = nullptr;
+  EXPECT_NE(snapshot_json(s).find(R"("hrv":null,)"), std::string::npos);
 }
 
 TEST(SessionParams, CommasDefaultsAndTruncation) {
