@@ -90,33 +90,18 @@ TEST(Snapshot, HrvHasEveryFieldInOrderWithEmptyOnesNull) {
   s.hr_series = s.cvn_series = std::make_shared<const std::vector<SeriesPoint>>();
   HrvIndices h;
   h.n_beats = 1234567;  // more digits than a number keeps: a count is written whole
-  h.artefact_pct = 0.5;
-  h.mean_nn = 812.25;
   h.sdnn = 48.5;
-  h.mean_hr = 74.1;
-  h.sd_hr = 4.25;
-  h.min_hr = 61;
-  h.max_hr = 90.5;
   h.rmssd = 37.125;
-  h.pnn50 = 12.5;
-  h.sd1 = 26.25;
-  h.sd2 = 62;
-  h.vlf = 312.5;
   h.lf = 1234567.8;
-  h.hf = 0;
-  h.total_power = 1234880.3;
-  h.lf_nu = 100;
-  h.hf_nu = 0;
+  h.hf = 0;  // zero is a value, not an empty index
   h.lf_peak = 0.0625;
-  h.peak_trough_hr = 14.75;
-  // nn50, lf_hf and hf_peak stay empty.
   s.hrv = std::make_shared<const HrvIndices>(h);
   const std::string want =
-      R"(,"rr_count":0,"hrv":{"n_beats":1234567,"artefact_pct":0.5,"mean_nn":812.25,"sdnn":48.5,)"
-      R"("mean_hr":74.1,"sd_hr":4.25,"min_hr":61,"max_hr":90.5,"rmssd":37.125,"nn50":null,)"
-      R"("pnn50":12.5,"sd1":26.25,"sd2":62,"vlf":312.5,"lf":1.23457e+06,"hf":0,)"
-      R"("total_power":1.23488e+06,"lf_hf":null,"lf_nu":100,"hf_nu":0,"lf_peak":0.0625,)"
-      R"("hf_peak":null,"peak_trough_hr":14.75},"ecg":[],)";
+      R"(,"rr_count":0,"hrv":{"n_beats":1234567,"artefact_pct":null,"mean_nn":null,"sdnn":48.5,)"
+      R"("mean_hr":null,"sd_hr":null,"min_hr":null,"max_hr":null,"rmssd":37.125,"nn50":null,)"
+      R"("pnn50":null,"sd1":null,"sd2":null,"vlf":null,"lf":1.23457e+06,"hf":0,)"
+      R"("total_power":null,"lf_hf":null,"lf_nu":null,"hf_nu":null,"lf_peak":0.0625,)"
+      R"("hf_peak":null,"peak_trough_hr":null},"ecg":[],)";
   std::string j = snapshot_json(s);
   EXPECT_NE(j.find(want), std::string::npos) << j;
 
