@@ -1,9 +1,11 @@
 #include "server/snapshot_json.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <mutex>
 
+#include "analysis/hrv.h"
 #include "base/constants.h"
 #include "server/json.h"
 
@@ -27,24 +29,48 @@ std::string series_json(const std::vector<SeriesPoint>& s) {
   return out;
 }
 
-// A series changes once a second but is written 20 times a second per open
-// stream, and a 30-minute one is ~500 KB of JSON: each series is written once
-// and reused for as long as the engine hands out the same one.
-class SeriesCache {
+// Every field of hrv_fields() in its order, keyed by its name; an empty one is
+// null.
+std::string hrv_json(const HrvIndices& h) {
+  std::string out = "{";
+  for (const HrvField& f : hrv_fields()) {
+    if (out.size() > 1) out += ',';
+    out += '"';
+    out += f.name;
+    out += "\":";
+    const double v = f.value(h);
+    // Counts are written whole: six significant digits would round a long
+    // recording's beats.
+    if (f.count && std::isfinite(v)) {
+      out += std::to_string(h.*f.count);
+    } else {
+      append_json_number(out, v);
+    }
+  }
+  out += '}';
+  return out;
+}
+
+// A series changes once a second and the HRV indices every 10 s, but each is
+// written 20 times a second per open stream, and a 30-minute series is ~500 KB
+// of JSON: each is written once and reused for as long as the engine hands out
+// the same object.
+template <class T, std::string (*kWrite)(const T&)>
+class JsonCache {
  public:
-  std::shared_ptr<const std::string> get(
-      const std::shared_ptr<const std::vector<SeriesPoint>>& series) {
+  // REQUIRES: value is not null.
+  std::shared_ptr<const std::string> get(const std::shared_ptr<const T>& value) {
     std::lock_guard<std::mutex> g(mu_);
-    if (series != series_) {
-      json_ = std::make_shared<const std::string>(series_json(*series));
-      series_ = series;
+    if (value != value_) {
+      json_ = std::make_shared<const std::string>(kWrite(*value));
+      value_ = value;
     }
     return json_;
   }
 
  private:
   std::mutex mu_;
-  std::shared_ptr<const std::vector<SeriesPoint>> series_;
+  std::shared_ptr<const T> value_;
   std::shared_ptr<const std::string> json_;
 };
 
@@ -77,9 +103,11 @@ const char* mode_text(Mode m) {
 }
 
 std::string snapshot_json(const Snapshot& s) {
-  static SeriesCache hr_cache, cvn_cache;
+  static JsonCache<std::vector<SeriesPoint>, series_json> hr_cache, cvn_cache;
+  static JsonCache<HrvIndices, hrv_json> hrv_cache;
   const auto hr_json = hr_cache.get(s.hr_series);
   const auto cvn_json = cvn_cache.get(s.cvn_series);
+  const auto hrv = s.hrv ? hrv_cache.get(s.hrv) : nullptr;
 
   const bool replay = s.mode == Mode::kReplay;
   const double elapsed = s.samples / kSampleRate;
@@ -107,6 +135,14 @@ std::string snapshot_json(const Snapshot& s) {
   j += ",\"hr\":" + json_number(round_to(s.hr, 1));
   j += ",\"cvn\":" + json_number(round_to(s.cvn, 3));
   j += ",\"rr_count\":" + std::to_string(s.rr_count);
+  // Ahead of the series: the page reads everything from "hr_series" to
+  // "indur" as the two series only (web/snapshot.js), so a field there is lost.
+  j += ",\"hrv\":";
+  if (hrv) {
+    j += *hrv;
+  } else {
+    j += "null";
+  }
   j += ",\"ecg\":[";
   for (std::size_t i = 0; i < s.scope.size(); ++i) {
     if (i) j += ',';

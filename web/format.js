@@ -64,3 +64,33 @@ export function runStateText(s, replaySpeed) {
   if (!s.running) return 'Stopped';
   return s.mode === 'live' ? (s.bt_status || 'Recording') : 'Playing ' + replaySpeed + '×';
 }
+
+// The HRV indices of the snapshot's "hrv", grouped as the card's table lists
+// them (the two long groups first; the short ones share a column): [key,
+// label, unit, decimals]. Decimals follow what each index can tell: tenths of
+// a ms, bpm or %, whole ms² (powers run to thousands), thousandths of a hertz
+// (the spectrum's bins are 0.004 Hz apart or more). The n.u. rows carry their
+// unit in the label, as they are usually written.
+export const kHrvGroups = [
+  ['Time domain', [
+    ['n_beats', 'NN intervals', '', 0], ['artefact_pct', 'Artefacts', '%', 1],
+    ['mean_nn', 'Mean NN', 'ms', 0], ['sdnn', 'SDNN', 'ms', 1], ['mean_hr', 'Mean HR', 'bpm', 1],
+    ['sd_hr', 'SD HR', 'bpm', 1], ['min_hr', 'Min HR', 'bpm', 1], ['max_hr', 'Max HR', 'bpm', 1],
+    ['rmssd', 'RMSSD', 'ms', 1], ['nn50', 'NN50', '', 0], ['pnn50', 'pNN50', '%', 1],
+  ]],
+  ['Frequency domain', [
+    ['vlf', 'VLF', 'ms²', 0], ['lf', 'LF', 'ms²', 0], ['hf', 'HF', 'ms²', 0],
+    ['total_power', 'Total power', 'ms²', 0], ['lf_hf', 'LF/HF', '', 2], ['lf_nu', 'LF n.u.', '', 1],
+    ['hf_nu', 'HF n.u.', '', 1], ['lf_peak', 'LF peak', 'Hz', 3], ['hf_peak', 'HF peak', 'Hz', 3],
+  ]],
+  ['Poincaré plot', [['sd1', 'SD1', 'ms', 1], ['sd2', 'SD2', 'ms', 1]]],
+  ['Per breath', [['peak_trough_hr', 'Peak–trough HR', 'bpm', 1]]],
+];
+
+/** The indices the HRV card shows without opening its table. */
+export const kHrvSummary = ['rmssd', 'sdnn', 'lf_hf', 'peak_trough_hr'];
+
+/** An index with `decimals` decimals; "–" when it is empty (null) or missing. */
+export function hrvText(v, decimals) {
+  return typeof v === 'number' && Number.isFinite(v) ? v.toFixed(decimals) : '–';
+}

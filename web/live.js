@@ -10,6 +10,7 @@ import { api, openStream } from './api.js';
 import { drawScope, drawTrend } from './charts.js';
 import { createCoupling, createCountdown } from './cues.js';
 import { clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, titleText } from './format.js';
+import { initHrvCard, renderHrv } from './hrv.js';
 import { noticeExport, resetJobs } from './jobs.js';
 import { createPacerView } from './pacer.js';
 import { whatChanged } from './snapshot.js';
@@ -138,6 +139,7 @@ function renderTexts(s) {
     setText($('scrubCur'), clockText(s.elapsed));
   }
   setText($('scrubTotal'), clockText(s.mode === 'replay' ? s.total : s.cycle_seconds * s.cycles_target));
+  renderHrv(s.hrv, s.running);
 }
 
 function renderMarkers(list) {
@@ -179,6 +181,7 @@ function resetScreen() {
   $('stopBtn').disabled = false;
   resetJobs();
   renderMarkers([]);
+  renderHrv(null, false);
 }
 
 /** Shows the screen for a session that runs at `speed` (replay) and follows its stream. */
@@ -262,4 +265,5 @@ export function initLive(left) {
   });
   document.addEventListener('keydown', onKey);
   watchCanvasSizes();
+  initHrvCard();
 }

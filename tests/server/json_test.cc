@@ -47,8 +47,8 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
   EXPECT_EQ(snapshot_json(s),
             R"({"mode":"idle","running":false,"name_id":"","source_label":"","bt_status":"",)"
             R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
-            R"("cvn":null,"rr_count":0,"ecg":[],"hr_series":[],"cvn_series":[],"indur":5,)"
-            R"("outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
+            R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
+            R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
             R"("tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
             R"("app_version":"1.0.0"})");
 }
@@ -83,6 +83,36 @@ TEST(Snapshot, RoundingProgressSeriesAndMarkers) {
     EXPECT_NE(j.find(part), std::string::npos) << part << "\n" << j;
   // The page's JSON parser refuses the whole snapshot for one raw control byte.
   for (char c : j) EXPECT_GE(static_cast<unsigned char>(c), 0x20) << j;
+}
+
+TEST(Snapshot, HrvHasEveryFieldInOrderWithEmptyOnesNull) {
+  Snapshot s;
+  s.hr_series = s.cvn_series = std::make_shared<const std::vector<SeriesPoint>>();
+  HrvIndices h;
+  h.n_beats = 1234567;  // more digits than a number keeps: a count is written whole
+  h.sdnn = 48.5;
+  h.rmssd = 37.125;
+  h.lf = 1234567.8;
+  h.hf = 0;  // zero is a value, not an empty index
+  h.lf_peak = 0.0625;
+  s.hrv = std::make_shared<const HrvIndices>(h);
+  const std::string want =
+      R"(,"rr_count":0,"hrv":{"n_beats":1234567,"artefact_pct":null,"mean_nn":null,"sdnn":48.5,)"
+      R"("mean_hr":null,"sd_hr":null,"min_hr":null,"max_hr":null,"rmssd":37.125,"nn50":null,)"
+      R"("pnn50":null,"sd1":null,"sd2":null,"vlf":null,"lf":1.23457e+06,"hf":0,)"
+      R"("total_power":null,"lf_hf":null,"lf_nu":null,"hf_nu":null,"lf_peak":0.0625,)"
+      R"("hf_peak":null,"peak_trough_hr":null},"ecg":[],)";
+  std::string j = snapshot_json(s);
+  EXPECT_NE(j.find(want), std::string::npos) << j;
+
+  // The text is kept per object: renewed indices must show, and going back to
+  // none must not keep the old ones.
+  h.nn50 = 7;
+  s.hrv = std::make_shared<const HrvIndices>(h);
+  j = snapshot_json(s);
+  EXPECT_NE(j.find(R"("rmssd":37.125,"nn50":7,)"), std::string::npos) << j;
+  s.hrv = nullptr;
+  EXPECT_NE(snapshot_json(s).find(R"("hrv":null,)"), std::string::npos);
 }
 
 TEST(SessionParams, CommasDefaultsAndTruncation) {

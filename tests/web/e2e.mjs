@@ -25,12 +25,13 @@ after(async () => {
 });
 
 // A fresh profile per test and no session left running by an earlier one (the page would resume it).
-// `limits`, when given, is what /config answers instead of the program.
-async function openPage(width, height, base = BASE, limits = null) {
+// `limits`, when given, is what /config answers instead of the program; `init` runs in the page before its own scripts.
+async function openPage(width, height, base = BASE, limits = null, init = null) {
   for (const c of browser.contexts()) await c.close();
   await fetch(base + 'stop');
   const context = await browser.newContext({ viewport: { width, height } });
   if (limits) await context.route('**/config', (r) => r.fulfill({ json: limits }));
+  if (init) await context.addInitScript(init);
   const page = await context.newPage();
   const problems = [], requests = [];
   page.on('console', (m) => m.type() === 'error' && problems.push('console: ' + m.text()));
@@ -75,7 +76,7 @@ const countInk = (page, sel, kind, fromX = 0) => page.$eval(sel, (c, [kind, from
 }, [kind, fromX]);
 
 // At each supported size no two visible cards of the screen overlap.
-async function checkLayouts(page, screen) {
+async function checkLayouts(page, screen, { tag = '', fullPage = false } = {}) {
   for (const [width, height] of [[1280, 720], [1366, 850], [1920, 1080]]) {
     await page.setViewportSize({ width, height });
     await page.waitForTimeout(300);
@@ -87,7 +88,7 @@ async function checkLayouts(page, screen) {
         assert.ok(ox <= 0.5 || oy <= 0.5, `at ${width}×${height} "${an}" overlaps "${bn}" by ${ox.toFixed(0)}×${oy.toFixed(0)} px`);
       }
     }
-    await shot(page, `${screen.slice(1)}-${width}.png`);
+    await shot(page, `${screen.slice(1)}${tag}-${width}.png`, fullPage);
   }
 }
 
@@ -194,6 +195,60 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^NIJ000123.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_report\.pdf)$/, '$1'));
   assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_markers.csv', '_report.pdf']);
   assert.equal(await page.isEnabled('#saveBtn'), true);
+  await done();
+});
+
+// The program sends "hrv" only from two minutes of a session on. Once the test
+// sets window.stubHrv, this puts those indices into every event instead. It
+// reads the stream on the page's thread (as the page does where a worker
+// cannot start), since a worker's fetch is out of the page's reach.
+function hrvStub() {
+  window.Worker = undefined;
+  const realFetch = window.fetch;
+  window.fetch = async (url, init) => {
+    const res = await realFetch(url, init);
+    if (url !== '/stream') return res;
+    const decoder = new TextDecoder(), encoder = new TextEncoder();
+    let held = '';
+    return new Response(res.body.pipeThrough(new TransformStream({
+      transform(chunk, out) {
+        const events = (held + decoder.decode(chunk, { stream: true })).split('\n\n');
+        held = events.pop();
+        for (const e of events) {
+          const text = window.stubHrv ? e.replace(/"hrv":(null|\{[^}]*\})/, '"hrv":' + JSON.stringify(window.stubHrv)) : e;
+          out.enqueue(encoder.encode(text + '\n\n'));
+        }
+      },
+    })), { status: res.status, headers: res.headers });
+  };
+}
+
+test('HRV card: a note for the first two minutes, then four indices, the rest under More, no overlap', async () => {
+  const { page, done } = await openPage(1366, 850, BASE, null, hrvStub);
+  await startReplay(page, 'Sample 2.txt');
+  await waitText(page, '#hrVal', /^\d{2,3}\.\d$/);
+  assert.equal(await page.isVisible('#hrvEmpty'), true);
+  assert.equal(await page.isHidden('#hrvMore'), true);
+
+  await page.evaluate(() => {
+    window.stubHrv = { n_beats: 212, artefact_pct: 0.5, mean_nn: 812.3, sdnn: 48.46, mean_hr: 74.1, sd_hr: 4.2,
+      min_hr: 61, max_hr: 90.5, rmssd: 37.125, nn50: 7, pnn50: 3.3, sd1: 26.2, sd2: 62, vlf: 312.5, lf: 1234.4,
+      hf: 0, total_power: 1546.9, lf_hf: null, lf_nu: 100, hf_nu: 0, lf_peak: 0.0625, hf_peak: null, peak_trough_hr: 14.75 };
+  });
+  await page.waitForSelector('#hrvSummary', { state: 'visible' });
+  assert.equal(await page.isHidden('#hrvEmpty'), true);
+  assert.deepEqual(await page.$$eval('#hrvSummary .hrv-stat', (l) => l.map((e) =>
+    ['.label', '[data-key]', 'small'].map((sel) => e.querySelector(sel)?.textContent ?? '').join(' ').trim())),
+  ['RMSSD 37.1 ms', 'SDNN 48.5 ms', 'LF/HF –', 'Peak–trough HR 14.8 bpm']);
+  assert.equal(await page.isHidden('#hrvTable'), true);
+  await page.click('#hrvMore');
+  const rows = await page.$$eval('#hrvTable tr', (l) => l.map((r) => [...r.cells].map((c) => c.textContent)));
+  assert.equal(rows.length, 23);
+  for (const row of [['NN intervals', '212', ''], ['NN50', '7', ''], ['HF', '0', 'ms²'], ['LF n.u.', '100.0', ''],
+    ['HF peak', '–', 'Hz'], ['LF peak', '0.063', 'Hz']]) {
+    assert.ok(rows.some((r) => r.join('|') === row.join('|')), `no row ${row.join(' | ')} in ${rows.join(' / ')}`);
+  }
+  await checkLayouts(page, '#live', { tag: '-hrv', fullPage: true });
   await done();
 });
 

@@ -2,7 +2,7 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { config } from '../../../web/config.js';
-import { breathingPeriod, clockText, cycleText, gaugeFraction, heartRateParts, scoreText } from '../../../web/format.js';
+import { breathingPeriod, clockText, cycleText, gaugeFraction, heartRateParts, hrvText, kHrvGroups, kHrvSummary, scoreText } from '../../../web/format.js';
 
 config.min_breathing_period = 0.05;  // as /config gives it
 
@@ -22,4 +22,14 @@ test('breathing periods read like the program reads them', () => {
   }
   assert.equal(cycleText(5, 11), 'Cycle 16 s · 0.0625 Hz');
   assert.equal(cycleText(1.95, 11), 'Cycle 12.95 s · 0.0772 Hz');
+});
+
+test('HRV indices: empty is a dash, zero is a number, every summary index is in the table', () => {
+  for (const [v, decimals, want] of [[null, 1, '–'], [undefined, 1, '–'], [NaN, 1, '–'], [0, 1, '0.0'], [0, 0, '0'],
+    [37.125, 1, '37.1'], [1.23457e6, 0, '1234570'], [0.0625, 3, '0.063']]) {
+    assert.equal(hrvText(v, decimals), want, `hrvText(${v}, ${decimals})`);
+  }
+  const keys = kHrvGroups.flatMap(([, list]) => list.map(([key]) => key));
+  assert.equal(new Set(keys).size, 23);
+  for (const key of kHrvSummary) assert.ok(keys.includes(key), key);
 });
