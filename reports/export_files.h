@@ -1,7 +1,7 @@
 // The text files of an export folder beside the ECG text (format_recording)
 // and the markers file (markers_csv): the heart-rate series, the per-cycle
 // log-power table, the HRV indices, the RR intervals and the summary rows the
-// PDF report shows. Columns and number formats: docs/pdf.md, "Export files".
+// PDF report shows. The HRV and RR files: docs/export_files.md.
 #pragma once
 #include <cstddef>
 #include <cstdint>
