@@ -1,5 +1,6 @@
 #include "reports/export_files.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -90,6 +91,19 @@ std::string_view symbol(char32_t cp) {
   return "?";
 }
 
+// At least 6 significant digits, in fixed notation for the magnitudes HRV
+// indices have (a spreadsheet then shows the number as written); only a value
+// below 1e-4, such as the power of a nearly flat series, takes an exponent.
+std::string significant(double v) {
+  const double a = std::fabs(v);
+  if (a == 0) return "0";
+  if (a < 1e-4) return format("%.5e", v);
+  const int decimals = std::max(0, 5 - static_cast<int>(std::floor(std::log10(a))));
+  char buf[400];  // 1e308 in fixed notation
+  std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
+  return buf;
+}
+
 }  // namespace
 
 std::string to_ascii(std::string_view s) {
@@ -170,6 +184,40 @@ std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marke
   const double mean = finite_mean(cvn);
   if (std::isfinite(mean)) out += format("%.4f", mean);
   out += with_markers ? ",\n" : "\n";
+  return out;
+}
+
+std::string hrv_csv(const HrvIndices& indices) {
+  std::string out = "index,value,unit\n";
+  for (const HrvField& field : hrv_fields()) {
+    const double v = field.value(indices);
+    out += field.name;
+    out.push_back(',');
+    if (std::isfinite(v))
+      out += field.count ? std::to_string(indices.*field.count) : significant(v);
+    out.push_back(',');
+    out += field.unit;
+    out.push_back('\n');
+  }
+  return out;
+}
+
+std::string rr_csv(const std::vector<double>& rr_seconds, const std::vector<bool>& corrected) {
+  std::string out = "beat_time_s,rr_ms,corrected\n";
+  out.reserve(out.size() + rr_seconds.size() * 20);
+  double beat = 0;
+  for (std::size_t i = 0; i < rr_seconds.size(); ++i) {
+    const double rr = rr_seconds[i];
+    if (std::isfinite(rr) && rr > 0) {
+      beat += rr;
+      out += format("%.3f", beat);
+      out.push_back(',');
+      out += format("%.3f", rr * 1000);
+    } else {
+      out.push_back(',');
+    }
+    out += i < corrected.size() && corrected[i] ? ",1\n" : ",0\n";
+  }
   return out;
 }
 

@@ -1,6 +1,7 @@
 // The text files of an export folder beside the ECG text (format_recording)
 // and the markers file (markers_csv): the heart-rate series, the per-cycle
-// log-power table and the summary rows the PDF report shows.
+// log-power table, the HRV indices, the RR intervals and the summary rows the
+// PDF report shows. The HRV and RR files: docs/export_files.md.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "analysis/hrv.h"
 #include "base/recording.h"
 
 namespace cvn {
@@ -25,6 +27,20 @@ std::string hr_text(const std::vector<double>& hr);
 /// when `markers` is not empty.
 std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marker>& markers,
                          double cycle_seconds);
+
+/// "index,value,unit\n", then one line per field of hrv_fields() in its order: the
+/// field's name, its value with at least 6 significant digits (a count as an integer;
+/// an empty cell for an empty field, never "nan") and its unit as hrv_fields() spells
+/// it (UTF-8, "ms²"). The file `<stem>_HRV.csv`.
+std::string hrv_csv(const HrvIndices& indices);
+
+/// "beat_time_s,rr_ms,corrected\n", then one line per interval: the time of the
+/// beat that ends it (the sum of the intervals up to and including it, "%.3f" s),
+/// the interval ("%.3f" ms) and 1 where clean_rr replaced it, else 0. `corrected`
+/// may be shorter than `rr_seconds` (missing flags are 0). An interval that is not
+/// finite and positive leaves both number cells empty and does not move the later
+/// beats, as compute_hrv drops it. The file `<stem>_RR.csv`.
+std::string rr_csv(const std::vector<double>& rr_seconds, const std::vector<bool>& corrected);
 
 /// Mean of the finite values; NaN when there is none.
 double finite_mean(const std::vector<double>& values);

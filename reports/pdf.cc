@@ -34,6 +34,38 @@ constexpr const char* kHelvetica =
 constexpr const char* kHelveticaBold =
     "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
+// The reports' own non-ASCII characters, kept as their WinAnsi codes: the en
+// dash of an empty value and of a range ("0.04–0.15 Hz"), the square of "ms²"
+// and the accent of "Poincaré". Both fonts have the glyphs; everything else
+// (names and other text a person typed included) goes through to_ascii.
+struct WinAnsiChar {
+  std::string_view utf8;
+  unsigned char code;
+  short regular_width, bold_width;  // Adobe's AFM, as kRegularWidths
+};
+constexpr WinAnsiChar kWinAnsi[] = {
+    {"\u2013", 0x96, 556, 556},  // endash
+    {"\u00b2", 0xB2, 333, 333},  // twosuperior
+    {"\u00e9", 0xE9, 556, 556},  // eacute
+};
+
+// `utf8` as the single-byte codes the page shows.
+std::string win_ansi(std::string_view utf8) {
+  std::string out;
+  std::size_t from = 0;
+  for (std::size_t i = 0; i < utf8.size(); ++i) {
+    for (const WinAnsiChar& ch : kWinAnsi) {
+      if (utf8.substr(i, ch.utf8.size()) != ch.utf8) continue;
+      out += to_ascii(utf8.substr(from, i - from));
+      out.push_back(static_cast<char>(ch.code));
+      i += ch.utf8.size() - 1;
+      from = i + 1;
+      break;
+    }
+  }
+  return out + to_ascii(utf8.substr(from));
+}
+
 std::string color(PdfColor c) {
   char buf[48];
   std::snprintf(buf, sizeof buf, "%.2f %.2f %.2f", c.r, c.g, c.b);
@@ -53,15 +85,32 @@ std::string image_head(int width, int height, std::string_view filter, std::size
 }  // namespace
 
 double text_width(PdfFont font, double size, std::string_view utf8) {
-  const short* widths = font == PdfFont::kBold ? kBoldWidths : kRegularWidths;
+  const bool bold = font == PdfFont::kBold;
+  const short* widths = bold ? kBoldWidths : kRegularWidths;
   long units = 0;
-  for (char c : to_ascii(utf8)) units += widths[static_cast<unsigned char>(c) - 32];
+  for (char c : win_ansi(utf8)) {
+    const auto code = static_cast<unsigned char>(c);
+    if (code < 0x80) {
+      units += widths[code - 32];
+      continue;
+    }
+    for (const WinAnsiChar& ch : kWinAnsi)
+      if (ch.code == code) units += bold ? ch.bold_width : ch.regular_width;
+  }
   return static_cast<double>(units) * size / 1000.0;
 }
 
 std::string pdf_string(std::string_view utf8) {
   std::string out;
-  for (char c : to_ascii(utf8)) {
+  for (char c : win_ansi(utf8)) {
+    const auto code = static_cast<unsigned char>(c);
+    if (code >= 0x80) {  // as an octal escape, so that content streams stay ASCII
+      const char octal[] = {'\\', static_cast<char>('0' + (code >> 6)),
+                            static_cast<char>('0' + ((code >> 3) & 7)),
+                            static_cast<char>('0' + (code & 7)), 0};
+      out += octal;
+      continue;
+    }
     if (c == '\\' || c == '(' || c == ')') out.push_back('\\');
     out.push_back(c);
   }

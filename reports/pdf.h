@@ -26,11 +26,12 @@ struct PdfColor {
   double r = 0, g = 0, b = 0;
 };
 
-/// Width in points of `utf8` as the page shows it (to_ascii) in `font`.
+/// Width in points of `utf8` as the page shows it (pdf_string) in `font`.
 double text_width(PdfFont font, double size, std::string_view utf8);
 
 /// The bytes between "(" and ")" of a PDF string: the text's nearest ASCII
-/// with backslash and parentheses escaped.
+/// with backslash and parentheses escaped, except the en dash, "²" and "é",
+/// which keep their WinAnsi codes as the escapes \226, \262 and \351.
 std::string pdf_string(std::string_view utf8);
 
 /// A coordinate or size: at most two decimals, no trailing zeros (595.0 ->

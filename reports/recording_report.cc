@@ -1,6 +1,9 @@
 // The recording report: page 1 with the summary rows and the heart-rate and
-// log-power plots, page 2 with both heat-maps. Layout: docs/pdf.md.
+// log-power plots, page 2 with the HRV indices and both heat-maps. Layout:
+// docs/pdf.md.
+#include <array>
 #include <cmath>
+#include <utility>
 
 #include "reports/export_files.h"
 #include "reports/plot.h"
@@ -61,10 +64,104 @@ PdfCanvas page_one(const RecordingReport& r) {
   return c;
 }
 
+// Page 2 from the top: the HRV block, both heat-maps, their legend. The
+// block's place is fixed whatever it holds (the note's line is kept when there
+// is no note) so that reports of different recordings look alike.
+constexpr double kHrvHeading = 734;
+constexpr double kHrvHead = 712;  // lower edge of the columns' title band
+constexpr double kHrvRow = 11.5;
+constexpr int kHrvRows = 11;
+constexpr double kHrvNote = kHrvHead - kHrvRows * kHrvRow - 12;
+// Values end here within their column (decimals line up), units follow.
+constexpr double kHrvValueRight = 172;
+constexpr double kHrvColumn = (kRight - kLeft) / 2;
+constexpr double kMapHeight = 165;
+constexpr double kMapTop = kHrvNote - 30;  // the first map's heading sits 10 above
+constexpr double kMapGap = 48;             // tick labels and "Time (s)" under a map
+constexpr double kLegendY = kMapTop - 2 * kMapHeight - kMapGap - 10 - 64;
+
+constexpr const char* kShortForSpectrum =
+    "Empty (\u2013): frequency measures need at least 2 minutes of beats.";
+
+struct HrvRow {
+  std::string label;
+  std::string value;
+  const char* unit;
+};
+
+using Column = std::array<HrvRow, kHrvRows>;
+
+std::string count_or_dash(int n) {
+  return n == HrvIndices::kEmptyCount ? kNoValue : std::to_string(n);
+}
+
+Column time_domain(const HrvIndices& h) {
+  std::string min_max = kNoValue;
+  if (std::isfinite(h.min_hr) || std::isfinite(h.max_hr))
+    min_max = fixed_or_dash("%.1f", h.min_hr) + " / " + fixed_or_dash("%.1f", h.max_hr);
+  return {{
+      {"NN intervals", std::to_string(h.n_beats), ""},
+      {"Artefacts corrected", fixed_or_dash("%.1f", h.artefact_pct), "%"},
+      {"Mean NN", fixed_or_dash("%.1f", h.mean_nn), "ms"},
+      {"SDNN", fixed_or_dash("%.1f", h.sdnn), "ms"},
+      {"Mean HR", fixed_or_dash("%.1f", h.mean_hr), "bpm"},
+      {"SD HR", fixed_or_dash("%.1f", h.sd_hr), "bpm"},
+      {"Min / max HR", min_max, "bpm"},
+      {"RMSSD", fixed_or_dash("%.1f", h.rmssd), "ms"},
+      {"NN50 (differences > 50 ms)", count_or_dash(h.nn50), ""},
+      {"pNN50", fixed_or_dash("%.1f", h.pnn50), "%"},
+      {"Peak\u2013trough HR (mean per breath)", fixed_or_dash("%.1f", h.peak_trough_hr), "bpm"},
+  }};
+}
+
+Column frequency_and_poincare(const HrvIndices& h) {
+  return {{
+      {"VLF (0\u20130.04 Hz)", fixed_or_dash("%.1f", h.vlf), "ms\u00b2"},
+      {"LF (0.04\u20130.15 Hz)", fixed_or_dash("%.1f", h.lf), "ms\u00b2"},
+      {"HF (0.15\u20130.40 Hz)", fixed_or_dash("%.1f", h.hf), "ms\u00b2"},
+      {"Total power", fixed_or_dash("%.1f", h.total_power), "ms\u00b2"},
+      {"LF/HF", fixed_or_dash("%.2f", h.lf_hf), ""},
+      {"LF, normalised", fixed_or_dash("%.1f", h.lf_nu), "n.u."},
+      {"HF, normalised", fixed_or_dash("%.1f", h.hf_nu), "n.u."},
+      // The Welch bins are finer than 0.001 Hz; four decimals compare with
+      // the expected breathing frequency as the summary rows show it.
+      {"LF peak", fixed_or_dash("%.4f", h.lf_peak), "Hz"},
+      {"HF peak", fixed_or_dash("%.4f", h.hf_peak), "Hz"},
+      {"SD1 (Poincar\u00e9 width)", fixed_or_dash("%.1f", h.sd1), "ms"},
+      {"SD2 (Poincar\u00e9 length)", fixed_or_dash("%.1f", h.sd2), "ms"},
+  }};
+}
+
+void hrv_block(PdfCanvas& c, const HrvIndices& h) {
+  heading(c, kHrvHeading, "HRV indices", "");
+  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, kHrvHeading,
+             "Task Force of the ESC and NASPE, 1996");
+  c.fill_rect(kGrid, kLeft, kHrvHead, kRight - kLeft, 14);
+  const Column columns[] = {time_domain(h), frequency_and_poincare(h)};
+  const char* titles[] = {"Time domain", "Frequency domain and Poincar\u00e9 plot"};
+  for (int i = 0; i < kHrvRows; i += 2)
+    c.fill_rect(kZebra, kLeft, kHrvHead - (i + 1) * kHrvRow, kRight - kLeft, kHrvRow);
+  for (int col = 0; col < 2; ++col) {
+    const double x = kLeft + 6 + col * kHrvColumn;
+    c.text(kInk, PdfFont::kBold, 9, x, kHrvHead + 4.5, titles[col]);
+    for (int i = 0; i < kHrvRows; ++i) {
+      const HrvRow& row = columns[col][i];
+      const double y = kHrvHead - (i + 1) * kHrvRow + 3.5;
+      c.text(kMuted, PdfFont::kRegular, 8, x, y, row.label);
+      text_right(c, kInk, PdfFont::kRegular, kBodySize, x + kHrvValueRight, y, row.value);
+      c.text(kMuted, PdfFont::kRegular, 8, x + kHrvValueRight + 3, y, row.unit);
+    }
+  }
+  // The spectrum needs two minutes between the first and the last beat;
+  // nearly always it is empty for that reason, so the note says it.
+  if (!std::isfinite(h.total_power))
+    c.text(kMuted, PdfFont::kRegular, 8, kLeft + 6 + kHrvColumn, kHrvNote, kShortForSpectrum);
+}
+
 PdfCanvas page_two(const RecordingReport& r) {
   PdfCanvas c;
   logo(c, r.logo);
-  c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "Time-frequency maps of the heart rate");
+  c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "Heart-rate variability and time-frequency maps");
   c.text(kInk, PdfFont::kBold, kBodySize, kLeft, 772, "Recording:");
   c.text(kInk, PdfFont::kRegular, kBodySize,
          kLeft + text_width(PdfFont::kBold, kBodySize, "Recording: "), 772,
@@ -72,16 +169,22 @@ PdfCanvas page_two(const RecordingReport& r) {
   c.line_width(1);
   c.line(kAccent, kLeft, 756, kRight, 756);
 
-  heading(c, 734, "TFR - high time resolution", "");
-  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 734, "3-cycle Morlet wavelet");
-  heat_map(c, {kPlotLeft, 494, kMapRight - kPlotLeft, 230}, "Im1", !r.tfr3.rgb.empty(),
-           r.duration_seconds, r.expected_freq);
-  heading(c, 428, "TFR - high frequency resolution", "");
-  text_right(c, kMuted, PdfFont::kRegular, 8, kRight, 428, "10-cycle Morlet wavelet");
-  heat_map(c, {kPlotLeft, 188, kMapRight - kPlotLeft, 230}, "Im2", !r.tfr10.rgb.empty(),
-           r.duration_seconds, r.expected_freq);
+  hrv_block(c, r.hrv);
 
-  constexpr double kLegendY = 122;
+  const std::pair<const char*, const char*> maps[] = {
+      {"TFR - high time resolution", "3-cycle Morlet wavelet"},
+      {"TFR - high frequency resolution", "10-cycle Morlet wavelet"}};
+  const char* names[] = {"Im1", "Im2"};
+  const bool have[] = {!r.tfr3.rgb.empty(), !r.tfr10.rgb.empty()};
+  double top = kMapTop;
+  for (int i = 0; i < 2; ++i) {
+    heading(c, top + 10, maps[i].first, "");
+    text_right(c, kMuted, PdfFont::kRegular, 8, kRight, top + 10, maps[i].second);
+    heat_map(c, {kPlotLeft, top - kMapHeight, kMapRight - kPlotLeft, kMapHeight}, names[i], have[i],
+             r.duration_seconds, r.expected_freq);
+    top -= kMapHeight + kMapGap + 10;
+  }
+
   c.text(kInk, PdfFont::kBold, 9, kLeft, kLegendY + 18, "How to read the maps");
   c.text(kMuted, PdfFont::kRegular, 8, kLeft, kLegendY + 1, "Power, low to high:");
   colour_legend(c, kLeft + 100, kLegendY, 120, false);

@@ -1,5 +1,6 @@
 #include "reports/report_page.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include "base/constants.h"
@@ -20,6 +21,10 @@ std::string fixed(const char* fmt, double v) {
   char buf[256];
   std::snprintf(buf, sizeof buf, fmt, v);
   return buf;
+}
+
+std::string fixed_or_dash(const char* fmt, double v) {
+  return std::isfinite(v) ? fixed(fmt, v) : kNoValue;
 }
 
 void text_right(PdfCanvas& c, PdfColor col, PdfFont f, double size, double right, double y,

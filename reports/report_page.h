@@ -29,8 +29,13 @@ inline constexpr double kMapRight = kRight - 48;
 
 inline constexpr const char* kTitle = "Corvane Live - report";
 
+/// What a table shows for a value that is empty (NaN): an en dash, never "nan".
+inline constexpr const char* kNoValue = "\u2013";
+
 /// `v` through printf's `fmt` (one double).
 std::string fixed(const char* fmt, double v);
+/// `v` through `fmt`, or kNoValue when it is not finite.
+std::string fixed_or_dash(const char* fmt, double v);
 
 /// Text whose right end, or centre, is at x.
 void text_right(PdfCanvas& c, PdfColor col, PdfFont f, double size, double right, double y,

@@ -39,6 +39,7 @@ constexpr double kNameBlock = 22;
 constexpr double kWarningBlock = 48;
 constexpr double kTableRow = 15;
 constexpr double kErrorLine = 11;
+constexpr double kHrvLine = 11;    // under a recording's row: RMSSD, SDNN, LF/HF, peak-trough HR
 constexpr int kMaxErrorLines = 4;  // longer texts end in "..."
 constexpr double kPlotHeight = 150;
 constexpr double kMinPlotHeight = 90;
@@ -118,7 +119,8 @@ class SummaryWriter {
       const std::vector<std::string> error =
           wrap(e.error, PdfFont::kRegular, 9, kCvnRight - kSourceX, kMaxErrorLines);
       const double height =
-          kTableRow + (e.error.empty() ? 0 : kErrorLine * static_cast<double>(error.size() - 1));
+          kTableRow +
+          (e.error.empty() ? kHrvLine : kErrorLine * static_cast<double>(error.size() - 1));
       if (!fits(height)) {
         new_page(p, true);
         table_head();
@@ -266,6 +268,31 @@ class SummaryWriter {
     text_right(c(), kInk, PdfFont::kRegular, 9, kBeatsRight, b, std::to_string(e.beats));
     text_right(c(), kInk, PdfFont::kRegular, 9, kCvnRight, b,
                std::isfinite(e.cvn_mean) ? fixed("%.3f", e.cvn_mean) : std::string("-"));
+    hrv_line(e.hrv, b - kHrvLine);
+  }
+
+  // The HRV indices a clinician compares across recordings, on a line of
+  // their own: the table's columns are full. Each at a fixed place, so that
+  // a person's values stand in columns.
+  void hrv_line(const HrvIndices& h, double y) {
+    struct Item {
+      const char* label;
+      std::string value;
+      const char* unit;
+    };
+    const Item items[] = {{"RMSSD", fixed_or_dash("%.1f", h.rmssd), "ms"},
+                          {"SDNN", fixed_or_dash("%.1f", h.sdnn), "ms"},
+                          {"LF/HF", fixed_or_dash("%.2f", h.lf_hf), ""},
+                          {"Peak\u2013trough HR", fixed_or_dash("%.1f", h.peak_trough_hr), "bpm"}};
+    constexpr double kValueWidth = 30;  // "1234.5" in 8.5 pt, the widest plausible value
+    double x = kFileX;
+    for (const Item& item : items) {
+      c().text(kMuted, PdfFont::kRegular, 8, x, y, item.label);
+      const double right = x + text_width(PdfFont::kRegular, 8, item.label) + 4 + kValueWidth;
+      text_right(c(), kInk, PdfFont::kRegular, 8.5, right, y, item.value);
+      c().text(kMuted, PdfFont::kRegular, 8, right + 2.5, y, item.unit);
+      x = right + 2.5 + text_width(PdfFont::kRegular, 8, item.unit) + 16;
+    }
   }
 
   void maps(const SummaryEntry& e, bool others) {

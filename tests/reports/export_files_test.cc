@@ -26,6 +26,43 @@ TEST(LogPowerCsv, ColumnsNanCellsAndMeanLine) {
   for (const Case& c : cases) EXPECT_EQ(logpower_csv(c.cvn, c.markers, 16.0), c.want);
 }
 
+// Every field in hrv_fields() order with its unit; six significant digits in
+// fixed notation whatever the magnitude (an exponent only below 1e-4); empty
+// cells for empty fields, a non-finite value that slipped through included.
+TEST(HrvCsv, OrderDigitsUnitsAndEmptyCells) {
+  const HrvIndices full{312,  1.5,         812.345678, 45.2,       74.0,       3.25,
+                        61.0, 88.5,        38.71234,   0,          0.0,        27.4,
+                        58.9, 1.234567e-5, 1234.5678,  987654.321, 12345678.9, 0.0012499999,
+                        55.5, 44.5,        0.0625,     0.25,       9.8};
+  EXPECT_EQ(hrv_csv(full),
+            "index,value,unit\n"
+            "n_beats,312,count\nartefact_pct,1.50000,%\nmean_nn,812.346,ms\nsdnn,45.2000,ms\n"
+            "mean_hr,74.0000,bpm\nsd_hr,3.25000,bpm\nmin_hr,61.0000,bpm\nmax_hr,88.5000,bpm\n"
+            "rmssd,38.7123,ms\nnn50,0,count\npnn50,0,%\nsd1,27.4000,ms\nsd2,58.9000,ms\n"
+            "vlf,1.23457e-05,ms\u00b2\nlf,1234.57,ms\u00b2\nhf,987654,ms\u00b2\n"
+            "total_power,12345679,ms\u00b2\nlf_hf,0.00125000,\nlf_nu,55.5000,n.u.\n"
+            "hf_nu,44.5000,n.u.\nlf_peak,0.0625000,Hz\nhf_peak,0.250000,Hz\n"
+            "peak_trough_hr,9.80000,bpm\n");
+
+  HrvIndices empty;  // too few beats: only n_beats has a value
+  empty.lf_hf = INFINITY;
+  EXPECT_EQ(hrv_csv(empty),
+            "index,value,unit\nn_beats,0,count\nartefact_pct,,%\nmean_nn,,ms\nsdnn,,ms\n"
+            "mean_hr,,bpm\nsd_hr,,bpm\nmin_hr,,bpm\nmax_hr,,bpm\nrmssd,,ms\nnn50,,count\n"
+            "pnn50,,%\nsd1,,ms\nsd2,,ms\nvlf,,ms\u00b2\nlf,,ms\u00b2\nhf,,ms\u00b2\n"
+            "total_power,,ms\u00b2\nlf_hf,,\nlf_nu,,n.u.\nhf_nu,,n.u.\nlf_peak,,Hz\nhf_peak,,Hz\n"
+            "peak_trough_hr,,bpm\n");
+}
+
+// Beat times add up the intervals, ms to 3 decimals; a dropped interval keeps
+// its row and flag but neither cell, and does not move the beats after it;
+// flags missing at the end read 0.
+TEST(RrCsv, BeatTimesIntervalsAndFlags) {
+  EXPECT_EQ(rr_csv({0.75, 0.8124567, NAN, 0.0, 0.79}, {false, true, true}),
+            "beat_time_s,rr_ms,corrected\n0.750,750.000,0\n1.562,812.457,1\n,,1\n,,0\n"
+            "2.352,790.000,0\n");
+}
+
 TEST(HrText, OneLinePerGridPoint) {
   EXPECT_EQ(hr_text({60, 72.456, NAN, 0.004}), "60.00\n72.46\n\n0.00\n");
 }

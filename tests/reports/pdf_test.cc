@@ -2,6 +2,7 @@
 // qpdf, pdfinfo, pdftotext, pdfimages and pdftoppm from poppler.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <regex>
 #include <set>
@@ -32,6 +33,13 @@ RgbImage gradient(int w, int h) {
   return im;
 }
 
+// In field order; the tests look for their printed form: one decimal for ms,
+// bpm, % and power, two for LF/HF, four for the peaks.
+HrvIndices example_hrv() {
+  return {376,  1.86, 798.71,  38.14, 75.3,   3.62,  71.0, 79.04, 20.93,  12,      3.2, 14.8,
+          51.9, 0.2,  1148.66, 197.1, 1346.0, 5.827, 85.4, 14.6,  0.0625, 0.26953, 8.04};
+}
+
 RecordingReport example_report() {
   RecordingReport r;
   r.name = "Zoë (pilot) 'B' \\ 2";
@@ -46,7 +54,18 @@ RecordingReport example_report() {
   r.tfr10 = gradient(300, 320);
   r.expected_freq = 0.0625;
   r.duration_seconds = 300;
+  r.hrv = example_hrv();
   r.logo = bundled_logo();
+  return r;
+}
+
+// 90 s: the frequency indices are empty (the fields after sd2), so are min HR
+// (one side of a pair) and NN50.
+RecordingReport short_report() {
+  RecordingReport r = example_report();
+  r.duration_seconds = 90;
+  r.hr.resize(900);
+  r.hrv = {113, 1.86, 798.71, 38.14, 75.3, 3.62, NAN, 79.04, 20.93, -1, 3.2, 14.8, 51.4};
   return r;
 }
 
@@ -59,6 +78,7 @@ SummaryEntry recording(const std::string& file, int cycles) {
   e.cvn_mean = 11.25;
   e.map3 = pdf_image(gradient(600, 160));
   e.map10 = pdf_image(gradient(600, 160));
+  e.hrv = example_hrv();
   return e;
 }
 
@@ -74,6 +94,7 @@ SummaryReport example_summary() {
   for (int i = 0; i < 30; ++i) failed.error += " /media/study" + std::to_string(i);
   SummaryEntry rr = recording("ben_hrv.csv", 20);
   rr.rr_only = true;
+  rr.hrv.lf_hf = HrvIndices::kEmpty;
   s.persons = {{"Anna B", {recording("a1.txt", 14), failed}}, {"Ben C", {rr}}};
   s.expected_freq = 0.0625;
   s.logo = bundled_logo();
@@ -89,6 +110,7 @@ class ReportPdf : public testing::Test {
     RecordingReport no_logo = example_report();
     no_logo.logo = {};  // one object fewer
     ASSERT_EQ(write_file_checked(*dir_ / "no_logo.pdf", recording_report_pdf(no_logo)), "");
+    ASSERT_EQ(write_file_checked(short_report_file(), recording_report_pdf(short_report())), "");
   }
   static void TearDownTestSuite() { delete dir_; }
   void SetUp() override {
@@ -97,18 +119,24 @@ class ReportPdf : public testing::Test {
   }
   static std::string report() { return *dir_ / "report.pdf"; }
   static std::string summary() { return *dir_ / "summary.pdf"; }
+  static std::string short_report_file() { return *dir_ / "short.pdf"; }
   static inline test::TempDir* dir_ = nullptr;
 };
 
 TEST(PdfFile, StringsAndNumbers) {
   EXPECT_EQ(pdf_string("a(b)\\c ë"), "a\\(b\\)\\\\c e");
+  // The report's own en dash, ² and é as WinAnsi codes; widths from the AFM.
+  EXPECT_EQ(pdf_string("0.04\u20130.15 ms\u00b2 Poincar\u00e9"),
+            "0.04\\2260.15 ms\\262 Poincar\\351");
+  EXPECT_DOUBLE_EQ(text_width(PdfFont::kRegular, 10, "\u2013\u00b2\u00e9"), 14.45);
   EXPECT_EQ(pdf_number(595.0) + " " + pdf_number(12.345) + " " + pdf_number(-0.001), "595 12.35 0");
 }
 
 // qpdf checks the structure and the cross-reference offsets; pdfinfo the page
 // count and size; pdftoppm renders every page without a warning.
 TEST_F(ReportPdf, QpdfPdfinfoAndPdftoppmFindNoFault) {
-  for (const std::string& file : {report(), summary(), *dir_ / "no_logo.pdf"}) {
+  for (const std::string& file :
+       {report(), summary(), *dir_ / "no_logo.pdf", short_report_file()}) {
     test::ToolRun r = run_tool({"/usr/bin/qpdf", "--check", file});
     EXPECT_EQ(r.status, 0) << file << "\n" << r.out << r.err;
     EXPECT_NE(r.out.find("No syntax or stream encoding errors"), std::string::npos) << r.out;
@@ -150,6 +178,74 @@ TEST_F(ReportPdf, PdftotextFindsEveryText) {
   }
   EXPECT_EQ(run_tool({"/usr/bin/pdftotext", summary(), "-"}).out.find("/media/study29"),
             std::string::npos);
+}
+
+// pdftotext's layout mode with runs of blanks as one: a label, its value and
+// its unit read as one line, the two columns of a row side by side.
+std::string layout_text(const std::string& file) {
+  test::ToolRun r = run_tool({"/usr/bin/pdftotext", "-layout", file, "-"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  return std::regex_replace(r.out, std::regex(" +"), " ");
+}
+
+// The HRV block with its values, units and dashes, the short recording's
+// note, and each summary row's line of indices.
+TEST_F(ReportPdf, HrvBlockAndSummaryLinesReadAsValuesWithUnits) {
+  const std::string kNote = "frequency measures need at least 2 minutes";
+  const std::string full = layout_text(report());
+  for (const char* t :
+       {"HRV indices", "NN intervals 376 VLF (0\u20130.04 Hz) 0.2 ms\u00b2",
+        "Artefacts corrected 1.9 % LF (0.04\u20130.15 Hz) 1148.7 ms\u00b2", "Mean NN 798.7 ms",
+        "SDNN 38.1 ms Total power 1346.0 ms\u00b2", "Mean HR 75.3 bpm LF/HF 5.83",
+        "SD HR 3.6 bpm LF, normalised 85.4 n.u.", "Min / max HR 71.0 / 79.0 bpm",
+        "RMSSD 20.9 ms LF peak 0.0625 Hz", "NN50 (differences > 50 ms) 12 HF peak 0.2695 Hz",
+        "pNN50 3.2 % SD1 (Poincar\u00e9 width) 14.8 ms",
+        "Peak\u2013trough HR (mean per breath) 8.0 bpm SD2 (Poincar\u00e9 length) 51.9 ms"})
+    EXPECT_NE(full.find(t), std::string::npos) << t;
+  EXPECT_EQ(full.find(kNote), std::string::npos);
+
+  const std::string part = layout_text(short_report_file());
+  for (const char* t : {"VLF (0\u20130.04 Hz) \u2013 ms\u00b2", "Mean HR 75.3 bpm LF/HF \u2013\n",
+                        "Min / max HR \u2013 / 79.0 bpm", "SD1 (Poincar\u00e9 width) 14.8 ms",
+                        "NN50 (differences > 50 ms) \u2013 HF peak \u2013 Hz"})
+    EXPECT_NE(part.find(t), std::string::npos) << t;
+  EXPECT_NE(part.find(kNote), std::string::npos);
+
+  const std::string summary_text = layout_text(summary());
+  for (const char* t : {"RMSSD 20.9 ms SDNN 38.1 ms LF/HF 5.83 Peak\u2013trough HR 8.0 bpm",
+                        "RMSSD 20.9 ms SDNN 38.1 ms LF/HF \u2013 Peak\u2013trough HR 8.0 bpm"})
+    EXPECT_NE(summary_text.find(t), std::string::npos) << t;
+}
+
+// No word's box meets another's on any page (a value run into its label, the
+// note into a heading, a map's ticks into the block), and none comes closer
+// than 24 pt to the paper's edge, which printers may clip.
+TEST_F(ReportPdf, NoWordMeetsAnother) {
+  const std::regex word(
+      R"re(<word xMin="([\d.]+)" yMin="([\d.]+)" xMax="([\d.]+)" yMax="([\d.]+)">([^<]*))re");
+  for (const std::string& file : {report(), short_report_file(), summary()}) {
+    const std::string html = run_tool({"/usr/bin/pdftotext", "-bbox", file, "-"}).out;
+    std::size_t from = 0, to = 0;
+    for (int page = 1; (to = html.find("</page>", from)) != std::string::npos; ++page) {
+      const std::string text = html.substr(from, to - from);
+      from = to + 1;
+      std::vector<std::array<double, 4>> boxes;
+      std::vector<std::string> words;
+      for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
+        boxes.push_back(
+            {std::stod((*it)[1]), std::stod((*it)[2]), std::stod((*it)[3]), std::stod((*it)[4])});
+        words.push_back((*it)[5]);
+      }
+      for (std::size_t i = 0; i < boxes.size(); ++i) {
+        const auto [x0, y0, x1, y1] = boxes[i];
+        EXPECT_TRUE(x0 >= 24 && x1 <= kPageWidth - 24 && y0 >= 24 && y1 <= kPageHeight - 24)
+            << file << " page " << page << ": " << words[i];
+        for (std::size_t j = i + 1; j < boxes.size(); ++j)
+          EXPECT_FALSE(x0 < boxes[j][2] && boxes[j][0] < x1 && y0 < boxes[j][3] && boxes[j][1] < y1)
+              << file << " page " << page << ": " << words[i] << " / " << words[j];
+      }
+    }
+  }
 }
 
 TEST_F(ReportPdf, PdfimagesListsTheMapsAndTheJpegLogo) {
@@ -195,7 +291,7 @@ TEST_F(ReportPdf, SummaryOfTwelvePersonsBreaksPages) {
   }
   EXPECT_EQ(images.size(), 24u);
   test::ToolRun text = run_tool({"/usr/bin/pdftotext", file, "-"});
-  for (const char* t : {"Name: Person 3 (continued)", "Name: Person 12", "Page 13 of 13"})
+  for (const char* t : {"Name: Person 3 (continued)", "Name: Person 12", "Page 14 of 14"})
     EXPECT_NE(text.out.find(t), std::string::npos) << t;
   for (const char* t : {"Batch processing", "failed"})  // one age and sex each; nothing failed
     EXPECT_EQ(text.out.find(t), std::string::npos) << t;
