@@ -120,6 +120,10 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
     write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
   write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, cycle_seconds));
+  write("_HRV.csv", hrv_csv(analysis.hrv));
+  // Our beats, for other HRV tools.
+  write("_RR.csv",
+        rr_csv(analysis.rr, std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
   if (!out.error.empty()) return out;
 
   SummaryFacts facts;

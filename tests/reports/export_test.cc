@@ -37,7 +37,8 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   EXPECT_EQ(r.folder, dir / "exports/Anna_B_export");
   EXPECT_EQ(r.files, (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt",
                                                "Anna_B_markers.csv", "Anna_B.edf",
-                                               "Anna_B_CVN_logpower.csv", "Anna_B_report.pdf"}));
+                                               "Anna_B_CVN_logpower.csv", "Anna_B_HRV.csv",
+                                               "Anna_B_RR.csv", "Anna_B_report.pdf"}));
   const auto file = [&](const std::string& name) { return test::slurp(r.folder + "/" + name); };
 
   EXPECT_EQ(file("Anna_B_ECG.txt"), format_recording(in.samples));
@@ -56,6 +57,9 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   const CycleAnalysis& cycles = analysis.cycles;
   EXPECT_EQ(file("Anna_B_HR.txt"), hr_text(analysis.hr));
   EXPECT_EQ(file("Anna_B_CVN_logpower.csv"), logpower_csv(cycles.cvn, in.markers, 16.0));
+  EXPECT_EQ(file("Anna_B_HRV.csv"), hrv_csv(analysis.hrv));
+  EXPECT_EQ(file("Anna_B_RR.csv"),
+            rr_csv(analysis.rr, std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
   EXPECT_EQ(r.summary.beats, analysis.rr.size() + 1);
   EXPECT_EQ(r.summary.cvn, cycles.cvn);
 
@@ -101,7 +105,8 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   const ExportResult r = write_export(in, dir.path());
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.files, (std::vector<std::string>{"kubios_HR.txt", "kubios_markers.csv",
-                                               "kubios_CVN_logpower.csv", "kubios_report.pdf"}));
+                                               "kubios_CVN_logpower.csv", "kubios_HRV.csv",
+                                               "kubios_RR.csv", "kubios_report.pdf"}));
   EXPECT_EQ(r.summary.beats, 301u);
   EXPECT_GT(test::lines_of(test::slurp(r.folder + "/kubios_CVN_logpower.csv")).size(), 2u);
   EXPECT_FALSE(r.summary.map3.empty());

@@ -150,7 +150,7 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
   EXPECT_EQ(export_and_wait(),
             R"({"status":"done","result":{"folder":")" + folder +
                 R"(","files":["Zo_ECG.txt","Zo_HR.txt","Zo_markers.csv","Zo.edf",)"
-                R"("Zo_CVN_logpower.csv","Zo_report.pdf"]},"error":""})");
+                R"("Zo_CVN_logpower.csv","Zo_HRV.csv","Zo_RR.csv","Zo_report.pdf"]},"error":""})");
   EXPECT_NE(get("/status").find(R"("export_status":"done")"), std::string::npos);
   EXPECT_EQ(test::slurp(folder + "/Zo_markers.csv").substr(0, 28), "marker,sample_index,seconds\n");
   EXPECT_NE(export_and_wait().find(R"("folder":")" + folder.substr(0, folder.size() - 7) +
