@@ -161,7 +161,7 @@ void hrv_block(PdfCanvas& c, const HrvIndices& h) {
 PdfCanvas page_two(const RecordingReport& r) {
   PdfCanvas c;
   logo(c, r.logo);
-  c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "Heart-rate variability and time-frequency maps");
+  c.text(kAccent, PdfFont::kBold, 16, kLeft, 790, "HRV and time-frequency maps");
   c.text(kInk, PdfFont::kBold, kBodySize, kLeft, 772, "Recording:");
   c.text(kInk, PdfFont::kRegular, kBodySize,
          kLeft + text_width(PdfFont::kBold, kBodySize, "Recording: "), 772,
