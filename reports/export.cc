@@ -122,8 +122,8 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, cycle_seconds));
   write("_HRV.csv", hrv_csv(analysis.hrv));
   // Our beats, for other HRV tools.
-  write("_RR.csv",
-        rr_csv(analysis.rr, std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
+  write("_RR.csv", rr_csv(analysis.rr,
+                          std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
   if (!out.error.empty()) return out;
 
   SummaryFacts facts;

@@ -35,10 +35,10 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   const ExportResult r = write_export(in, dir / "exports", clock);
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.folder, dir / "exports/Anna_B_export");
-  EXPECT_EQ(r.files, (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt",
-                                               "Anna_B_markers.csv", "Anna_B.edf",
-                                               "Anna_B_CVN_logpower.csv", "Anna_B_HRV.csv",
-                                               "Anna_B_RR.csv", "Anna_B_report.pdf"}));
+  EXPECT_EQ(r.files,
+            (std::vector<std::string>{"Anna_B_ECG.txt", "Anna_B_HR.txt", "Anna_B_markers.csv",
+                                      "Anna_B.edf", "Anna_B_CVN_logpower.csv", "Anna_B_HRV.csv",
+                                      "Anna_B_RR.csv", "Anna_B_report.pdf"}));
   const auto file = [&](const std::string& name) { return test::slurp(r.folder + "/" + name); };
 
   EXPECT_EQ(file("Anna_B_ECG.txt"), format_recording(in.samples));
@@ -58,8 +58,9 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   EXPECT_EQ(file("Anna_B_HR.txt"), hr_text(analysis.hr));
   EXPECT_EQ(file("Anna_B_CVN_logpower.csv"), logpower_csv(cycles.cvn, in.markers, 16.0));
   EXPECT_EQ(file("Anna_B_HRV.csv"), hrv_csv(analysis.hrv));
-  EXPECT_EQ(file("Anna_B_RR.csv"),
-            rr_csv(analysis.rr, std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
+  EXPECT_EQ(
+      file("Anna_B_RR.csv"),
+      rr_csv(analysis.rr, std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
   EXPECT_EQ(r.summary.beats, analysis.rr.size() + 1);
   EXPECT_EQ(r.summary.cvn, cycles.cvn);
 
