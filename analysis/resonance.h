@@ -91,7 +91,8 @@ struct RfResult {
 /// Scores every step of `protocol`. `rr`: cleaned RR intervals (s), the first beat at 0 s (its
 /// non-finite and non-positive intervals are dropped, the later beats moving earlier);
 /// `hr_10hz`: the smoothed heart rate, sample i at i kHrGridStep s; `duration_s`: the length
-/// of the recording. Never throws: what cannot be computed is NaN.
+/// of the recording. No steps for a protocol rf_schedule refuses. Never throws: what cannot be
+/// computed is NaN.
 RfResult score_rf(const RfProtocol& protocol, const std::vector<double>& rr,
                   const std::vector<double>& hr_10hz, double duration_s);
 
