@@ -276,6 +276,22 @@ void frequency_domain(const std::vector<double>& nn, HrvIndices& out) {
   out.hf_peak = hf.peak;
 }
 
+BandPower lf_band(const std::vector<double>& beat_s, const std::vector<double>& nn_ms) {
+  if (nn_ms.size() < kMinIntervals || beat_s.size() != nn_ms.size()) return {};
+  for (std::size_t i = 0; i < nn_ms.size(); ++i) {
+    if (!std::isfinite(nn_ms[i]) || !std::isfinite(beat_s[i])) return {};
+    if (i > 0 && !(beat_s[i] > beat_s[i - 1])) return {};
+  }
+  if (!(beat_s.back() - beat_s.front() <= kMaxSpectrumSeconds)) return {};
+  const std::vector<double> z =
+      detrend(spline_resample(beat_s, nn_ms, 1.0 / kResampleRate), kLambda);
+  if (z.size() < 2) return {};  // under a quarter second: no spectrum
+  const std::vector<double> density = welch(z, kResampleRate);
+  const BandResult lf = band(density, std::min(kSegment, z.size()), kResampleRate, kLf);
+  if (!std::isfinite(lf.power)) return {};
+  return {lf.power, lf.peak};
+}
+
 // Mean over whole cycles of max - min. Grid sample i (at i kHrGridStep s) is in cycle k when
 // k C <= i step < (k + 1) C; cycle k is whole when (k + 1) C <= N step. Both compare in grid
 // steps with a 1e-9 tolerance, so a boundary that falls on a sample stays on it despite the

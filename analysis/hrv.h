@@ -73,6 +73,19 @@ namespace detail {
 /// (I + lambda^2 D2' D2)^-1 z, D2 the second-difference matrix. Declared for its tests.
 std::vector<double> detrend(const std::vector<double>& z, double lambda);
 
+/// Power (ms²) and largest bin (Hz; NaN when the power is 0) of one frequency band.
+struct BandPower {
+  double power = HrvIndices::kEmpty;
+  double peak = HrvIndices::kEmpty;
+};
+
+/// The LF band, 0.04 to 0.15 Hz, of a stretch of a recording by the spectrum of compute_hrv
+/// (4 Hz spline, detrend, Welch) without its 120 s minimum, so that a short stretch such as one
+/// breathing rate of a resonance assessment has a number: below 256 s it is one Welch segment
+/// of its own length. `beat_s` are the closing beat times (s) of the intervals `nn_ms` (ms).
+/// Both empty unless there are at least 3 intervals, finite, with strictly increasing times.
+BandPower lf_band(const std::vector<double>& beat_s, const std::vector<double>& nn_ms);
+
 }  // namespace detail
 
 /// An RR value from an import, in seconds: values above 10 are taken as milliseconds (no
