@@ -96,8 +96,6 @@ TEST_F(Api, WithoutASensorLinkScanIsEmptyAndLiveStillStarts) {
 }
 
 TEST_F(Api, ReplayControlRoutes) {
-  EXPECT_EQ(get("/mark?key=3"), R"({"ok":false})");  // nothing running
-
   EXPECT_EQ(get("/start_replay?dir=saved&file=r.csv&speed=0"), R"({"ok":true})");
   EXPECT_NE(get("/status").find(R"("source_label":"r.csv")"), std::string::npos);
   EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&label=Mine&name=N"), R"({"ok":true})");
