@@ -5,7 +5,6 @@
 #include <charconv>
 #include <chrono>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "assets/assets.h"
@@ -51,7 +50,6 @@ class Api : public testing::Test {
       std::this_thread::sleep_for(10ms);
     return st;
   }
-  std::string wait_for_batch() { return wait_while("/batch_status", R"("status":"running")"); }
 
   TempDir web, data;
   Engine engine{data.path(), nullptr};
@@ -112,7 +110,8 @@ TEST_F(Api, ReplayControlRoutes) {
   EXPECT_NE(get("/save").find(R"({"ok":true,"file":"N_on5_off11_M40_)"), std::string::npos);
 }
 
-TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
+// The replay it starts (label, name, length) is the browser test's.
+TEST_F(Api, ImportedRawEcgIsResampledAndSaved) {
   EXPECT_EQ(post("/import?fname=x.txt", ""), R"({"ok":false,"note":"No file received."})");
   const std::string refused =
       R"({"ok":false,"note":"That file did not look like a raw ECG (.txt/.csv with one sample )"
@@ -125,12 +124,6 @@ TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
   const std::string file = reply.substr(19, reply.size() - 21);
   std::string saved = test::slurp(data / ("recordings/" + file));
   EXPECT_EQ(std::count(saved.begin(), saved.end(), '\n'), 1300);  // round(3600 / 360 x 130)
-  std::string s = get("/status");
-  EXPECT_NE(s.find(R"("mode":"replay","running":true,"name_id":"P",)"
-                   R"("source_label":"Imported — My_Data")"),
-            std::string::npos)
-      << s.substr(0, 200);
-  EXPECT_NE(s.find(R"("total":10,)"), std::string::npos);
 }
 
 TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
@@ -150,7 +143,6 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
                 R"(","files":["Zo_ECG.txt","Zo_HR.txt","Zo_markers.csv","Zo.edf",)"
                 R"("Zo_CVN_logpower.csv","Zo_report.pdf"]},"error":""})");
   EXPECT_NE(get("/status").find(R"("export_status":"done")"), std::string::npos);
-  EXPECT_EQ(test::slurp(folder + "/Zo_markers.csv").substr(0, 28), "marker,sample_index,seconds\n");
   EXPECT_NE(export_and_wait().find(R"("folder":")" + folder.substr(0, folder.size() - 7) +
                                    R"(-2_export")"),
             std::string::npos);
@@ -184,18 +176,13 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
   EXPECT_EQ(get("/batch_run?mode=folder&batchname=Study"), R"({"ok":true})");
   EXPECT_EQ(get("/batch_run?mode=folder"),
             R"({"ok":false,"reason":"A batch is already running."})");
-  const std::string st = wait_for_batch();
+  const std::string st = wait_while("/batch_status", R"("status":"running")");
   EXPECT_TRUE(st.starts_with(R"({"status":"done","total":3,"done":3,"msg":"Done — 2 report(s))"))
       << st;
   // One folder per person, or per recording of a person with several.
   EXPECT_NE(st.find(R"("reports":["Anna_export/Anna_report.pdf",)"
                     R"("Ben_morning_export/Ben_morning_report.pdf","Study_2)"),
             std::string::npos)
-      << st;
-  EXPECT_NE(
-      st.find(
-          R"("failed":[{"file":"Ben/notes.txt","error":"Not a recording: no samples in it."}])"),
-      std::string::npos)
       << st;
   // Nothing but the program's own folders in the data folder.
   std::vector<std::string> top;
@@ -205,7 +192,8 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
   EXPECT_EQ(top, (std::vector<std::string>{"_upload_tmp", "exports", "recordings", "sample_data"}));
 }
 
-TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
+// Its batch and report: RunBatch.RecordingsInMemoryAtAFixedTime and the browser test.
+TEST_F(Api, KubiosExportIsTakenAsOneWithItsBeats) {
   std::vector<double> rr;
   for (double t = 0; t < 300;) {  // five minutes breathing at 16 s
     rr.push_back(0.9 + 0.08 * std::sin(2 * M_PI * t / 16));
@@ -214,12 +202,6 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
   std::string reply =
       post("/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F", test::kubios_export(rr, 30));
   EXPECT_EQ(reply, R"({"ok":true,"kubios":true,"beats":)" + std::to_string(rr.size()) + "}");
-  // A batch of one; the report's contents are the exports' and the PDF tests'.
-  const std::string st = wait_for_batch();
-  EXPECT_TRUE(std::regex_search(
-      st, std::regex(
-              R"re(^\{"status":"done",.*"reports":\[.*"Eva_k_\d{8}-\d{6}_summary_report\.pdf")re")))
-      << st;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
