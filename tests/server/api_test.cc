@@ -210,6 +210,7 @@ TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
   EXPECT_EQ(get("/tfr_images"), R"({"status":"error","images":null})");
 }
 
+// What a snapshot holds, in which order, is json_test's.
 TEST_F(Api, EventStreamFramingAndDisconnect) {
   const int before = test::thread_count();
   SocketHandle s = connect_loopback(server.port());
@@ -217,28 +218,21 @@ TEST_F(Api, EventStreamFramingAndDisconnect) {
   std::string got;
   char buf[65536];
   auto until = std::chrono::steady_clock::now() + 2s;
-  auto events = [&] {
+  auto events = [&] {  // each snapshot a "data:" line ended by a blank line
     std::size_t n = 0;
-    for (std::size_t at = 0; (at = got.find("}\n\n", at)) != std::string::npos; ++at) ++n;
+    for (std::size_t at = 0; (at = got.find("}\n\ndata: {\"mode\":", at)) != std::string::npos;
+         ++at)
+      ++n;
     return n;
   };
-  for (long n; events() < 6 && std::chrono::steady_clock::now() < until &&
+  for (long n; events() < 5 && std::chrono::steady_clock::now() < until &&
                (n = recv_some(s, buf, sizeof buf)) > 0;)
     got.append(buf, n);
-  const std::string head =
+  EXPECT_TRUE(got.starts_with(
       "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
-      "Connection: keep-alive\r\n\r\n";
-  ASSERT_TRUE(got.starts_with(head)) << got.substr(0, 200);
-  // Every event is "data: {snapshot}\n\n", nothing else.
-  std::size_t count = 0;
-  for (std::size_t at = head.size(), end; (end = got.find("\n\n", at)) != std::string::npos;
-       at = end + 2, ++count) {
-    const std::string ev = got.substr(at, end - at);
-    EXPECT_TRUE(ev.starts_with("data: {\"mode\":")) << ev.substr(0, 40);
-    EXPECT_TRUE(ev.ends_with("\"app_version\":\"1.0.0\"}")) << ev.substr(ev.size() - 40);
-    EXPECT_EQ(ev.find('\n'), std::string::npos);
-  }
-  EXPECT_GE(count, 5u);
+      "Connection: keep-alive\r\n\r\ndata: {\"mode\":"))
+      << got.substr(0, 200);
+  EXPECT_GE(events(), 5u);
   close_socket(s);
   // The stream's thread notices at its next send, within about 50 ms.
   EXPECT_TRUE(test::wait_until([&] { return test::thread_count() <= before; }, 2s));
