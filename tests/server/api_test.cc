@@ -5,7 +5,6 @@
 #include <charconv>
 #include <chrono>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "assets/assets.h"
@@ -51,7 +50,6 @@ class Api : public testing::Test {
       std::this_thread::sleep_for(10ms);
     return st;
   }
-  std::string wait_for_batch() { return wait_while("/batch_status", R"("status":"running")"); }
 
   TempDir web, data;
   Engine engine{data.path(), nullptr};
@@ -96,8 +94,6 @@ TEST_F(Api, WithoutASensorLinkScanIsEmptyAndLiveStillStarts) {
 }
 
 TEST_F(Api, ReplayControlRoutes) {
-  EXPECT_EQ(get("/mark?key=3"), R"({"ok":false})");  // nothing running
-
   EXPECT_EQ(get("/start_replay?dir=saved&file=r.csv&speed=0"), R"({"ok":true})");
   EXPECT_NE(get("/status").find(R"("source_label":"r.csv")"), std::string::npos);
   EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&label=Mine&name=N"), R"({"ok":true})");
@@ -114,7 +110,8 @@ TEST_F(Api, ReplayControlRoutes) {
   EXPECT_NE(get("/save").find(R"({"ok":true,"file":"N_on5_off11_M40_)"), std::string::npos);
 }
 
-TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
+// The replay it starts (label, name, length) is the browser test's.
+TEST_F(Api, ImportedRawEcgIsResampledAndSaved) {
   EXPECT_EQ(post("/import?fname=x.txt", ""), R"({"ok":false,"note":"No file received."})");
   const std::string refused =
       R"({"ok":false,"note":"That file did not look like a raw ECG (.txt/.csv with one sample )"
@@ -127,12 +124,6 @@ TEST_F(Api, ImportedRawEcgIsResampledSavedAndReplayed) {
   const std::string file = reply.substr(19, reply.size() - 21);
   std::string saved = test::slurp(data / ("recordings/" + file));
   EXPECT_EQ(std::count(saved.begin(), saved.end(), '\n'), 1300);  // round(3600 / 360 x 130)
-  std::string s = get("/status");
-  EXPECT_NE(s.find(R"("mode":"replay","running":true,"name_id":"P",)"
-                   R"("source_label":"Imported — My_Data")"),
-            std::string::npos)
-      << s.substr(0, 200);
-  EXPECT_NE(s.find(R"("total":10,)"), std::string::npos);
 }
 
 TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
@@ -142,17 +133,13 @@ TEST_F(Api, ExportWritesANewFolderEachTimeAndSaysWhyItCannot) {
   };
   EXPECT_EQ(get("/export_status"), R"({"status":"idle","result":null,"error":""})");
   EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&name=Zo%C3%AB"), R"({"ok":true})");
-  EXPECT_EQ(get("/seek?frac=0.3"), R"({"ok":true})");
-  EXPECT_EQ(get("/mark?key=2"), R"({"ok":true})");
   EXPECT_EQ(get("/seek?frac=0.6"), R"({"ok":true})");
-  EXPECT_EQ(get("/mark?key=7"), R"({"ok":true})");
   const std::string folder = data / "exports/Zo_export";
   EXPECT_EQ(export_and_wait(),
             R"({"status":"done","result":{"folder":")" + folder +
                 R"(","files":["Zo_ECG.txt","Zo_HR.txt","Zo_markers.csv","Zo.edf",)"
                 R"("Zo_CVN_logpower.csv","Zo_HRV.csv","Zo_RR.csv","Zo_report.pdf"]},"error":""})");
   EXPECT_NE(get("/status").find(R"("export_status":"done")"), std::string::npos);
-  EXPECT_EQ(test::slurp(folder + "/Zo_markers.csv").substr(0, 28), "marker,sample_index,seconds\n");
   EXPECT_NE(export_and_wait().find(R"("folder":")" + folder.substr(0, folder.size() - 7) +
                                    R"(-2_export")"),
             std::string::npos);
@@ -186,18 +173,13 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
   EXPECT_EQ(get("/batch_run?mode=folder&batchname=Study"), R"({"ok":true})");
   EXPECT_EQ(get("/batch_run?mode=folder"),
             R"({"ok":false,"reason":"A batch is already running."})");
-  const std::string st = wait_for_batch();
+  const std::string st = wait_while("/batch_status", R"("status":"running")");
   EXPECT_TRUE(st.starts_with(R"({"status":"done","total":3,"done":3,"msg":"Done — 2 report(s))"))
       << st;
   // One folder per person, or per recording of a person with several.
   EXPECT_NE(st.find(R"("reports":["Anna_export/Anna_report.pdf",)"
                     R"("Ben_morning_export/Ben_morning_report.pdf","Study_2)"),
             std::string::npos)
-      << st;
-  EXPECT_NE(
-      st.find(
-          R"("failed":[{"file":"Ben/notes.txt","error":"Not a recording: no samples in it."}])"),
-      std::string::npos)
       << st;
   // Nothing but the program's own folders in the data folder.
   std::vector<std::string> top;
@@ -207,7 +189,8 @@ TEST_F(Api, UploadedFolderBecomesReportsPerPersonAndNothingEscapes) {
   EXPECT_EQ(top, (std::vector<std::string>{"_upload_tmp", "exports", "recordings", "sample_data"}));
 }
 
-TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
+// Its batch and report: RunBatch.RecordingsInMemoryAtAFixedTime and the browser test.
+TEST_F(Api, KubiosExportIsTakenAsOneWithItsBeats) {
   std::vector<double> rr;
   for (double t = 0; t < 300;) {  // five minutes breathing at 16 s
     rr.push_back(0.9 + 0.08 * std::sin(2 * M_PI * t / 16));
@@ -216,12 +199,6 @@ TEST_F(Api, KubiosExportBecomesAReportThroughItsOwnBatch) {
   std::string reply =
       post("/import?fname=Eva%20k.csv&name=Eva&age=51&sex=F", test::kubios_export(rr, 30));
   EXPECT_EQ(reply, R"({"ok":true,"kubios":true,"beats":)" + std::to_string(rr.size()) + "}");
-  // A batch of one; the report's contents are the exports' and the PDF tests'.
-  const std::string st = wait_for_batch();
-  EXPECT_TRUE(std::regex_search(
-      st, std::regex(
-              R"re(^\{"status":"done",.*"reports":\[.*"Eva_k_\d{8}-\d{6}_summary_report\.pdf")re")))
-      << st;
 }
 
 TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
@@ -233,6 +210,7 @@ TEST_F(Api, TfrWithTooLittleDataReportsAnError) {
   EXPECT_EQ(get("/tfr_images"), R"({"status":"error","images":null})");
 }
 
+// What a snapshot holds, in which order, is json_test's.
 TEST_F(Api, EventStreamFramingAndDisconnect) {
   const int before = test::thread_count();
   SocketHandle s = connect_loopback(server.port());
@@ -240,28 +218,21 @@ TEST_F(Api, EventStreamFramingAndDisconnect) {
   std::string got;
   char buf[65536];
   auto until = std::chrono::steady_clock::now() + 2s;
-  auto events = [&] {
+  auto events = [&] {  // each snapshot a "data:" line ended by a blank line
     std::size_t n = 0;
-    for (std::size_t at = 0; (at = got.find("}\n\n", at)) != std::string::npos; ++at) ++n;
+    for (std::size_t at = 0; (at = got.find("}\n\ndata: {\"mode\":", at)) != std::string::npos;
+         ++at)
+      ++n;
     return n;
   };
-  for (long n; events() < 6 && std::chrono::steady_clock::now() < until &&
+  for (long n; events() < 5 && std::chrono::steady_clock::now() < until &&
                (n = recv_some(s, buf, sizeof buf)) > 0;)
     got.append(buf, n);
-  const std::string head =
+  EXPECT_TRUE(got.starts_with(
       "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: no-cache\r\n"
-      "Connection: keep-alive\r\n\r\n";
-  ASSERT_TRUE(got.starts_with(head)) << got.substr(0, 200);
-  // Every event is "data: {snapshot}\n\n", nothing else.
-  std::size_t count = 0;
-  for (std::size_t at = head.size(), end; (end = got.find("\n\n", at)) != std::string::npos;
-       at = end + 2, ++count) {
-    const std::string ev = got.substr(at, end - at);
-    EXPECT_TRUE(ev.starts_with("data: {\"mode\":")) << ev.substr(0, 40);
-    EXPECT_TRUE(ev.ends_with("\"app_version\":\"1.0.0\"}")) << ev.substr(ev.size() - 40);
-    EXPECT_EQ(ev.find('\n'), std::string::npos);
-  }
-  EXPECT_GE(count, 5u);
+      "Connection: keep-alive\r\n\r\ndata: {\"mode\":"))
+      << got.substr(0, 200);
+  EXPECT_GE(events(), 5u);
   close_socket(s);
   // The stream's thread notices at its next send, within about 50 ms.
   EXPECT_TRUE(test::wait_until([&] { return test::thread_count() <= before; }, 2s));

@@ -105,7 +105,8 @@ TEST(CheckRequestSource, OnlyOurOwnHostAndOriginPass) {
         << c.head;
 }
 
-TEST(HttpServer, GetAndPostGiveTheSameAnswerAndTheQueryIsParsed) {
+// A POST's query is the same map (Api.ImportedRawEcgIsResampledSavedAndReplayed posts one).
+TEST(HttpServer, JsonAnswerHeadAndTheParsedQuery) {
   TestServer server(echo);
   std::string get = test::http_get(server.port(), "/status?x=1&name=A%22b+c");
   EXPECT_EQ(get.substr(0, get.find("\r\n\r\n") + 4),
@@ -114,9 +115,6 @@ TEST(HttpServer, GetAndPostGiveTheSameAnswerAndTheQueryIsParsed) {
                 "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(body_of(get),
             R"({"method":"GET","path":"/status","query":{"name":"A\"b c","x":"1",},"body":""})");
-  std::string post = test::http_post(server.port(), "/status?x=1&name=A%22b+c", "");
-  EXPECT_NE(body_of(post).find(R"("path":"/status","query":{"name":"A\"b c","x":"1",})"),
-            std::string::npos);
 }
 
 TEST(HttpServer, PostBodyIsReadAcrossPacketsWhateverTheHeaderCase) {

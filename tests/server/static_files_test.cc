@@ -65,14 +65,15 @@ TEST_F(StaticRoutes, EmbeddedPageWithTheExactHeaderBlock) {
   EXPECT_EQ(http_get(server.port(), "/index.html"), root);
   EXPECT_EQ(http_get(server.port(), "/?x=1"), root);
 
-  std::string ball = http_get(server.port(), "/ball.png");
-  EXPECT_EQ(head_of(ball), expected_head("image/png", find_asset("ball.png")->size()));
-  EXPECT_EQ(body_of(ball), *find_asset("ball.png"));
-  EXPECT_EQ(head_of(http_get(server.port(), "/piano.wav")),
-            expected_head("audio/wav", find_asset("piano.wav")->size()));
-  std::string module = http_get(server.port(), "/pacer.js");
-  EXPECT_EQ(head_of(module),
-            expected_head("application/javascript", find_asset("pacer.js")->size()));
+  const std::pair<const char*, const char*> media[] = {{"ball.png", "image/png"},
+                                                       {"piano.wav", "audio/wav"},
+                                                       {"pacer.js", "application/javascript"}};
+  for (const auto& [name, type] : media) {
+    const std::string_view asset = *find_asset(name);
+    EXPECT_EQ(http_get(server.port(), std::string("/") + name),
+              expected_head(type, asset.size()) + std::string(asset))
+        << name;
+  }
 }
 
 TEST_F(StaticRoutes, EverythingElseIsTheBare404) {
