@@ -35,7 +35,7 @@ struct PipelineOptions {
   bool hrv = true;
   /// Called as each stage ends ("r_peaks", "heart_rate", "hrv", "cycles_and_tfr"),
   /// for a caller that times them.
-  std::function<void(const char* stage)> stage_done;
+  std::function<void(const char* stage)> stage_done = {};
 };
 
 /// Everything the chain yields for one recording; empty parts where the input

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "base/constants.h"
+#include "engine/sidecar.h"
 
 namespace cvn {
 
@@ -80,9 +81,10 @@ void Acquisition::open_journal() {
   const ExportInput& in = c.input;
   // Replaces the previous session's journal: starting anew gives that one up.
   journal_.start(recordings_ + "/" +
-                     session_stem(in.name, in.breathing.indur, in.breathing.outdur, in.breathing.sex, in.breathing.age, in.start_time) +
+                     session_stem(in.name, in.breathing.indur, in.breathing.outdur,
+                                  in.breathing.sex, in.breathing.age, in.start_time) +
                      std::string(kJournalEnding),
-                 c.session);
+                 c.session, in.rf ? sidecar_text({in.rf}) : std::string());
 }
 
 void Acquisition::pump_journal(bool sync_now) {
@@ -116,9 +118,14 @@ void Acquisition::clock_loop(std::stop_token stop) {
   const Mode mode = session_.mode();
   while (!stop.stop_requested()) {
     const bool ended = session_.follow_replay_clock();
+    // An assessment ends with its last step, live or replayed, as if Stop
+    // had been pressed.
+    const bool finished = session_.schedule_ended();
     maybe_start_analysis(&last_start);
     if (mode == Mode::kLive) pump_journal(false);
-    if (ended) {
+    if (ended || finished) {
+      if (mode == Mode::kLive && ble_) ble_->stop();
+      if (mode == Mode::kLive) pump_journal(true);
       // A replay that reached its end stops by itself, with its final
       // results in place.
       update_analysis(true);
@@ -137,8 +144,7 @@ void Acquisition::update_analysis(bool with_hrv) {
     hrv_due_ = in.samples.size() + static_cast<std::size_t>(kHrvPeriodSeconds * kSampleRate);
   }
   try {
-    (void)session_.store_analysis(in.session,
-                                  analyze_live(in.samples, in.cycle_seconds, with_hrv));
+    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds, with_hrv));
   } catch (const std::bad_alloc&) {
     // Out of memory for one pass: the previous results stay, and the next
     // round tries again.
@@ -153,8 +159,9 @@ SaveResult Acquisition::save() {
     r.error = "Nothing recorded to save yet.";
     return r;
   }
-  const std::string file =
-      session_stem(in.name, in.breathing.indur, in.breathing.outdur, in.breathing.sex, in.breathing.age, clock_.wall()) + ".csv";
+  const std::string file = session_stem(in.name, in.breathing.indur, in.breathing.outdur,
+                                        in.breathing.sex, in.breathing.age, clock_.wall()) +
+                           ".csv";
   const std::string path = recordings_ + "/" + file;
   // Atomic, so a crash mid-save never leaves a truncated recording.
   if (!disk_.write_atomic(path, format_recording(in.samples)).ok()) {
@@ -163,7 +170,10 @@ SaveResult Acquisition::save() {
   }
   // The header-only file is written too, so a replay finds "no markers"
   // rather than a missing file.
-  const bool markers_written = disk_.write_atomic(markers_path(path), markers_csv(in.markers)).ok();
+  bool markers_written = disk_.write_atomic(markers_path(path), markers_csv(in.markers)).ok();
+  // An assessment's schedule goes beside it, so a replay or an export later
+  // scores the same steps.
+  if (in.rf) markers_written &= disk_.write_atomic(sidecar_path(path), sidecar_text({in.rf})).ok();
   session_.set_saved_as(c.session, file);
   // The journal goes once no data can be lost with it: this save holds the
   // whole live session (it was stopped, so nothing more can arrive), or a

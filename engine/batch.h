@@ -32,10 +32,10 @@ struct BatchFile {
   std::string path;
   std::string name;  // file name without its folder
   /// The file's contents, read instead of `path`: raw ECG text or a Kubios export.
-  std::optional<std::string> text;
+  std::optional<std::string> text = {};
   /// RR intervals in seconds already read from a Kubios export; when not
   /// empty they are the recording and `text` is not looked at.
-  std::vector<double> rr_seconds;
+  std::vector<double> rr_seconds = {};
 };
 
 struct BatchRequest {
@@ -90,7 +90,7 @@ struct BatchIo {
   Disk& disk = Disk::system();
   /// Set when the program shuts down: the recordings being worked on are
   /// finished, no other is started, and no summary is written.
-  std::stop_token stop;
+  std::stop_token stop = {};
 };
 
 /// Runs the batch on up to `threads` recordings at a time. One unreadable or

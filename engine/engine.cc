@@ -4,8 +4,10 @@
 #include <filesystem>
 #include <tuple>
 
+#include "analysis/pipeline.h"
 #include "base/files.h"
 #include "engine/import.h"
+#include "engine/sidecar.h"
 
 namespace cvn {
 
@@ -19,10 +21,23 @@ Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& 
 
 Engine::~Engine() = default;
 
-bool Engine::start_replay(const std::string& path, const SessionSettings& settings,
-                          const ReplayOptions& options) {
+bool Engine::start_replay(const std::string& path, const SessionSettings& requested,
+                          const ReplayOptions& options, std::string* note) {
   std::optional<std::string> text = read_file(path);
   if (!text) return false;
+  SessionSettings settings = requested;
+  if (!settings.protocol_named) {
+    if (std::optional<std::string> side = read_file(sidecar_path(path))) {
+      std::string error;
+      if (std::optional<SessionSidecar> sidecar = read_sidecar(*side, &error)) {
+        settings.rf = sidecar->rf;
+      } else {
+        if (note)
+          *note = "The saved breathing protocol could not be read (" + error +
+                  "); this replay runs as a single rhythm.";
+      }
+    }
+  }
   std::vector<double> samples = read_recording(*text);
   text.reset();
   std::optional<std::string> marker_text = read_file(markers_path(path));
@@ -96,6 +111,15 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   for (double& v : samples) v = std::round(v);
   start_replay_of(std::move(samples), {}, r.file, settings, o);
   return r;
+}
+
+std::optional<RfResult> Engine::rf_result() {
+  const SessionCopy c = session_.copy();
+  if (!c.input.rf) return std::nullopt;
+  const RecordingAnalysis a =
+      analyze_recording(EcgSamples{c.input.samples}, c.input.breathing.cycle_seconds(),
+                        {.cycles = false, .hrv = false});
+  return score_rf(*c.input.rf, a.rr, a.hr, a.duration_seconds);
 }
 
 Snapshot Engine::snapshot() {

@@ -42,10 +42,17 @@ class Engine {
   const std::string& data_folder() const { return data_folder_; }
   BleManager* sensor() const { return ble_.get(); }
 
-  /// Loads the recording at `path` (and its markers file) and plays it from
-  /// the start. False, with the engine untouched, when it cannot be read.
-  bool start_replay(const std::string& path, const SessionSettings& s,
-                    const ReplayOptions& options);
+  /// Loads the recording at `path` (its markers file, and its sidecar
+  /// unless `s` names a protocol) and plays it from the start. False, with
+  /// the engine untouched, when it cannot be read. `note`, when given, says
+  /// why a damaged sidecar was passed over (the replay then runs as one
+  /// rhythm).
+  bool start_replay(const std::string& path, const SessionSettings& s, const ReplayOptions& options,
+                    std::string* note = nullptr);
+
+  /// The scores of a resonance assessment so far (or of the whole, once
+  /// stopped); nullopt when the session is not one.
+  std::optional<RfResult> rf_result();
 
   /// Starts a live session on the strap at `address`; progress shows in
   /// bt_status. `device`, when given, names the strap for the user. Returns

@@ -128,28 +128,28 @@ bool Jobs::start_batch(BatchRequest request, const std::optional<SessionSettings
     batch_.state = JobState::kRunning;
     batch_.message = "Scanning…";
   }
-  const bool started = threads_.spawn([this, request = std::move(request),
-                                       logo = std::move(logo)](std::stop_token stop) {
-    BatchOutcome out;
-    try {
-      out = run_batch(
-          request, exports_, logo,
-          [this](int done, int total, const std::string& message) {
-            std::lock_guard<std::mutex> g(mu_);
-            batch_.done = done;
-            batch_.total = total;
-            batch_.message = message;
-          },
-          2, BatchIo{clock_, Disk::system(), stop});
-    } catch (const std::exception& e) {
-      out.error = e.what();
-    }
-    std::lock_guard<std::mutex> g(mu_);
-    batch_.state = out.error.empty() ? JobState::kDone : JobState::kError;
-    batch_.message = out.error.empty() ? out.message : "Batch failed: " + out.error;
-    batch_.outcome = std::move(out);
-    batch_running_ = false;
-  });
+  const bool started = threads_.spawn(
+      [this, request = std::move(request), logo = std::move(logo)](std::stop_token stop) {
+        BatchOutcome out;
+        try {
+          out = run_batch(
+              request, exports_, logo,
+              [this](int done, int total, const std::string& message) {
+                std::lock_guard<std::mutex> g(mu_);
+                batch_.done = done;
+                batch_.total = total;
+                batch_.message = message;
+              },
+              2, BatchIo{clock_, Disk::system(), stop});
+        } catch (const std::exception& e) {
+          out.error = e.what();
+        }
+        std::lock_guard<std::mutex> g(mu_);
+        batch_.state = out.error.empty() ? JobState::kDone : JobState::kError;
+        batch_.message = out.error.empty() ? out.message : "Batch failed: " + out.error;
+        batch_.outcome = std::move(out);
+        batch_running_ = false;
+      });
   if (!started) {
     std::lock_guard<std::mutex> g(mu_);
     batch_.state = JobState::kError;

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "base/files.h"
+#include "engine/sidecar.h"
 
 namespace cvn {
 
@@ -16,6 +17,8 @@ namespace {
 constexpr std::string_view kJournalHeader = "# Corvane Live journal 1\n";
 // Marker lines start with this letter, which no sample line can hold.
 constexpr char kMarkerTag = 'm';
+// Lines of the session's sidecar, written once after the header.
+constexpr char kSidecarTag = 's';
 
 }  // namespace
 
@@ -36,6 +39,10 @@ JournalContents read_journal(std::string_view text) {
     std::size_t nl = std::min(text.find('\n', start), text.size());
     std::string line(text.substr(start, nl - start));
     start = nl + 1;
+    if (!line.empty() && line[0] == kSidecarTag) {
+      out.sidecar += line.substr(1) + "\n";
+      continue;
+    }
     if (line.empty() || line[0] != kMarkerTag) continue;
     int key = 0;
     long sample = 0;
@@ -59,7 +66,7 @@ void LiveJournal::close_locked() {
   markers_.clear();
 }
 
-bool LiveJournal::start(const std::string& path, std::uint64_t session) {
+bool LiveJournal::start(const std::string& path, std::uint64_t session, std::string_view sidecar) {
   std::lock_guard<std::mutex> g(mu_);
   close_locked();
   if (!path_.empty()) std::remove(path_.c_str());
@@ -70,9 +77,13 @@ bool LiveJournal::start(const std::string& path, std::uint64_t session) {
   unsynced_ = false;
   file_ = std::fopen(path.c_str(), "wb");
   if (!file_) return false;
-  if (std::fwrite(kJournalHeader.data(), 1, kJournalHeader.size(), file_) !=
-          kJournalHeader.size() ||
-      !sync_file(file_)) {
+  std::string head(kJournalHeader);
+  while (!sidecar.empty()) {
+    const std::size_t nl = std::min(sidecar.find('\n'), sidecar.size());
+    head += kSidecarTag + std::string(sidecar.substr(0, nl)) + "\n";
+    sidecar.remove_prefix(std::min(nl + 1, sidecar.size()));
+  }
+  if (std::fwrite(head.data(), 1, head.size(), file_) != head.size() || !sync_file(file_)) {
     close_locked();
     return false;
   }
@@ -164,7 +175,8 @@ std::vector<Recovery> recover_journals(const std::string& recordings_folder, Dis
       // The journal goes only once both files are safely in place; a crash
       // before that recovers again next time, over the same names.
       r.failed = !disk.write_atomic(target, format_recording(j.samples)).ok() ||
-                 !disk.write_atomic(markers_path(target), markers_csv(j.markers)).ok();
+                 !disk.write_atomic(markers_path(target), markers_csv(j.markers)).ok() ||
+                 (!j.sidecar.empty() && !disk.write_atomic(sidecar_path(target), j.sidecar).ok());
     }
     if (!r.failed) (void)disk.remove(path);  // one left behind is recovered again
     out.push_back(std::move(r));

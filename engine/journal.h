@@ -33,6 +33,9 @@ std::string session_stem(std::string_view name, double indur, double outdur, con
 struct JournalContents {
   std::vector<double> samples;
   std::vector<Marker> markers;
+  /// The session's sidecar text (engine/sidecar.h) as start() was given it;
+  /// empty when none.
+  std::string sidecar;
 };
 
 /// Samples and markers from journal text. A last line without its line
@@ -50,9 +53,11 @@ class LiveJournal {
   LiveJournal& operator=(const LiveJournal&) = delete;
 
   /// Removes the journal still open (its session was given up) and starts
-  /// one at `path` for session `session`. False when the file cannot be
-  /// made: the session then runs without a journal.
-  bool start(const std::string& path, std::uint64_t session);
+  /// one at `path` for session `session`, recording `sidecar` (the text of
+  /// the session's sidecar, if it has one) so that a recovery restores it.
+  /// False when the file cannot be made: the session then runs without a
+  /// journal.
+  bool start(const std::string& path, std::uint64_t session, std::string_view sidecar = {});
 
   /// Queues what `samples` and `markers` hold beyond the last call; no I/O.
   /// Ignored unless `session` is the journal's.
@@ -95,7 +100,8 @@ struct Recovery {
 };
 
 /// Turns every journal in `recordings_folder` into
-/// "<stem>_recovered.csv" with its markers file beside it, then removes the
+/// "<stem>_recovered.csv" with its markers file (and its sidecar, when the
+/// session had one) beside it, then removes the
 /// journal. A journal without samples is just removed. A journal whose
 /// recording or markers cannot be written (a full disk, a read-only folder)
 /// stays for the next start: it may be the only copy of that session.

@@ -8,8 +8,7 @@
 
 namespace cvn {
 
-LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds,
-                          bool with_hrv) {
+LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds, bool with_hrv) {
   LiveAnalysis a;
   a.hr = std::nan("");
   a.cvn = std::nan("");

@@ -37,6 +37,8 @@ void SessionState::apply_locked(const SessionSettings& s) {
   breathing_.sex = s.sex;
   breathing_.age = s.age;
   if (valid_import_rate(s.import_rate)) import_rate_ = *s.import_rate;
+  rf_ = s.rf;
+  schedule_ = rf_ ? rf_schedule(*rf_) : std::vector<RfStep>{};
 }
 
 void SessionState::apply(const SessionSettings& s) {
@@ -152,9 +154,34 @@ std::vector<double> SessionState::samples() {
   return samples_locked();
 }
 
+BreathingSettings SessionState::breathing_now(PacerPosition* where) const {
+  if (schedule_.empty()) return breathing_;
+  const double t = static_cast<double>(sample_count()) / kSampleRate;
+  PacerPosition p = pacer_at(schedule_, std::min(t, rf_total_seconds(schedule_)));
+  // The end itself, or past it: the last step's breathing stays.
+  if (p.step < 0) {
+    const RfStep& last = schedule_.back();
+    p = {static_cast<int>(schedule_.size()) - 1, last.in_s, last.out_s, last.cycle_s, 0, 0};
+  }
+  if (where) *where = p;
+  BreathingSettings b = breathing_;
+  b.indur = p.in_s;
+  b.outdur = p.out_s;
+  return b;
+}
+
 AnalysisInput SessionState::analysis_input() {
   std::lock_guard<std::mutex> g(mu_);
-  return {samples_locked(), breathing_.cycle_seconds(), session_};
+  PacerPosition p;
+  const BreathingSettings b = breathing_now(&p);
+  // An assessment's live score follows the step's breath, not a rounded sum.
+  return {samples_locked(), schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
+}
+
+bool SessionState::schedule_ended() {
+  std::lock_guard<std::mutex> g(mu_);
+  return !schedule_.empty() &&
+         static_cast<double>(sample_count()) / kSampleRate >= rf_total_seconds(schedule_);
 }
 
 SessionCopy SessionState::copy() {
@@ -165,6 +192,7 @@ SessionCopy SessionState::copy() {
   in.markers = markers_;
   in.name = name_id_.empty() ? source_label_ : name_id_;
   in.breathing = breathing_;
+  in.rf = rf_;
   in.start_time = session_start_;
   c.import_rate = import_rate_;
   c.session = session_;
@@ -243,11 +271,17 @@ Snapshot SessionState::snapshot() {
   s.hr_series = hr_series_;
   s.cvn_series = cvn_series_;
   s.hrv = hrv_;
-  s.indur = breathing_.indur;
-  s.outdur = breathing_.outdur;
-  s.cycle_seconds = breathing_.cycle_seconds();
-  s.sex = breathing_.sex;
-  s.age = breathing_.age;
+  PacerPosition p;
+  const BreathingSettings b = breathing_now(&p);
+  s.indur = b.indur;
+  s.outdur = b.outdur;
+  s.cycle_seconds = schedule_.empty() ? b.cycle_seconds() : p.cycle_s;
+  s.sex = b.sex;
+  s.age = b.age;
+  if (rf_ && !schedule_.empty()) {
+    const RfStep& step = schedule_[static_cast<std::size_t>(p.step)];
+    s.rf = RfPosition{*rf_, p.step + 1, static_cast<int>(schedule_.size()), step.bpm, p.left_s};
+  }
   s.saved_as = saved_as_;
   s.markers = markers_;
   return s;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "analysis/hrv.h"
+#include "analysis/resonance.h"
 #include "base/breathing.h"
 #include "base/clock.h"
 #include "base/recording.h"
@@ -39,6 +40,20 @@ struct SessionSettings : BreathingSettings {
   /// Rate of imported raw ECG, Hz; kept only from kMinImportRate to
   /// kMaxImportRate, otherwise the previous rate stays.
   std::optional<double> import_rate;
+  /// A resonance assessment's steps; absent: one rhythm, indur and outdur.
+  std::optional<RfProtocol> rf;
+  /// The request named a protocol (free or rf). When it did not, a replay
+  /// takes the one saved beside its recording.
+  bool protocol_named = false;
+};
+
+/// Where a resonance assessment stands, for the page.
+struct RfPosition {
+  RfProtocol protocol;
+  int step = 0;  // 1-based; after the last step, the last
+  int steps = 0;
+  double bpm = 0;   // the step's rate
+  double left = 0;  // seconds left in the step; 0 after the last
 };
 
 /// One consistent view of the session, taken under the lock.
@@ -58,6 +73,7 @@ struct Snapshot {
   double indur = 5, outdur = 11, cycle_seconds = 16;
   std::string sex;
   int age = 40;
+  std::optional<RfPosition> rf;  // absent: a single-rhythm session
   JobState tfr = JobState::kIdle, export_job = JobState::kIdle;
   std::string saved_as;  // empty: not saved
   std::vector<Marker> markers;
@@ -66,7 +82,7 @@ struct Snapshot {
 /// What the once-per-second analysis needs, copied in one go.
 struct AnalysisInput {
   std::vector<double> samples;
-  double cycle_seconds = 0;
+  double cycle_seconds = 0;  // the current step's, in an assessment
   std::uint64_t session = 0;
 };
 
@@ -116,6 +132,8 @@ class SessionState {
   SessionCopy copy();
   /// The import rate the settings ask for, or the one kept.
   double import_rate(const SessionSettings& settings);
+  /// An assessment's schedule has run out: the session is due to stop.
+  bool schedule_ended();
 
   /// Stores the results of an analysis that started from `session`; false,
   /// with nothing stored, when a new session has begun since.
@@ -136,6 +154,9 @@ class SessionState {
   std::uint64_t begin_locked();                        // REQUIRES: mu_ held
   std::int64_t sample_count() const;                   // REQUIRES: mu_ held
   std::vector<double> samples_locked() const;          // REQUIRES: mu_ held
+  /// The breathing of the moment: the step's in an assessment, else the
+  /// session's. REQUIRES: mu_ held.
+  BreathingSettings breathing_now(PacerPosition* where = nullptr) const;
 
   Clock& clock_;
   std::mutex mu_;
@@ -144,6 +165,8 @@ class SessionState {
   Mode mode_ = Mode::kIdle;
   std::string name_id_, source_label_, bt_status_;
   BreathingSettings breathing_;  // periods as breathing_period keeps them
+  std::optional<RfProtocol> rf_;
+  std::vector<RfStep> schedule_;  // empty unless rf_
   double import_rate_;
 
   std::vector<double> replay_samples_, live_samples_;

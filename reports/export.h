@@ -4,9 +4,11 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "analysis/resonance.h"
 #include "base/breathing.h"
 #include "base/clock.h"
 #include "base/disk.h"
@@ -33,6 +35,8 @@ struct ExportInput {
   std::vector<Marker> markers;
   std::string name;             // the session's name; the folder and files use it sanitised
   BreathingSettings breathing;  // the cycle length, and the person for the reference level
+  /// A resonance assessment's steps; absent: one rhythm, `breathing`'s.
+  std::optional<RfProtocol> rf;
   std::int64_t start_time = 0;  // unix seconds; 0: now, by the export's clock
   ReportLogo logo;
   /// Also shrink the heat-maps for a batch summary (ExportResult::summary);

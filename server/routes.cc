@@ -28,6 +28,11 @@ const char* json_bool(bool b) {
   return b ? "true" : "false";
 }
 
+// A request whose parameters cannot start what it asks for.
+Response refused(const std::string& reason) {
+  return Response::json("{\"ok\":false,\"reason\":" + json_text(reason) + "}");
+}
+
 Response ok() {
   return Response::json("{\"ok\":true}");
 }
@@ -105,9 +110,13 @@ Response start_replay(const ServerContext& c, const Request& r) {
   const std::string& file = r.param("file");
   std::string folder = r.param("dir") == "saved" ? "/recordings" : "/sample_data";
   std::string path = c.engine->data_folder() + folder + "/" + file;
+  SessionSettings settings = session_settings(r.query);
+  std::string reason, note;
+  if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
   if (!is_plain_file_name(file) ||
-      !c.engine->start_replay(path, session_settings(r.query), replay_options(r.query)))
+      !c.engine->start_replay(path, settings, replay_options(r.query), &note))
     return Response::json("{\"error\":\"file not found\"}", 404);
+  if (!note.empty()) return Response::json("{\"ok\":true,\"note\":" + json_text(note) + "}");
   return ok();
 }
 
@@ -116,8 +125,17 @@ Response start_live(const ServerContext& c, const Request& r) {
   if (address.empty()) return Response::json("{\"error\":\"no address\"}", 400);
   std::optional<std::string> device;
   if (auto it = r.query.find("device"); it != r.query.end()) device = it->second;
-  c.engine->start_live(address, device, session_settings(r.query));
+  SessionSettings settings = session_settings(r.query);
+  std::string reason;
+  if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
+  c.engine->start_live(address, device, settings);
   return ok();
+}
+
+Response rf_result(const ServerContext& c, const Request&) {
+  const std::optional<RfResult> rf = c.engine->rf_result();
+  if (!rf) return refused("This session is not a resonance assessment.");
+  return Response::json("{\"ok\":true," + rf_result_json(*rf).substr(1));
 }
 
 Response stop(const ServerContext& c, const Request&) {
@@ -242,8 +260,10 @@ Response import(const ServerContext& c, const Request& r) {
     return Response::json(R"({"ok":false,"note":"The file name must not contain a folder."})");
   if (file_name.empty()) file_name = r.param("name");
   if (file_name.empty()) file_name = "import.txt";
-  ImportResult i = c.engine->import_recording(r.body, file_name, session_settings(r.query),
-                                              replay_options(r.query));
+  SessionSettings settings = session_settings(r.query);
+  std::string reason;
+  if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
+  ImportResult i = c.engine->import_recording(r.body, file_name, settings, replay_options(r.query));
   if (!i.note.empty()) return Response::json("{\"ok\":false,\"note\":" + json_text(i.note) + "}");
   if (i.kubios)
     return Response::json("{\"ok\":true,\"kubios\":true,\"beats\":" + std::to_string(i.beats) +
@@ -275,6 +295,7 @@ constexpr Route kRoutes[] = {
     {"/start_replay", start_replay},
     {"/start_live", start_live},
     {"/stop", stop},
+    {"/rf_result", rf_result},
     {"/save", save},
     {"/export", export_start},
     {"/export_status", export_status},

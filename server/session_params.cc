@@ -21,18 +21,36 @@ double number_param(const Params& p, const std::string& key, double fallback) {
 SessionSettings session_settings(const Params& p) {
   SessionSettings s;
   if (auto it = p.find("name"); it != p.end()) s.name = it->second;
-  s.indur = number_param(p, "indur", 5.0);
-  s.outdur = number_param(p, "outdur", 11.0);
+  s.indur = number_param(p, "indur", s.indur);
+  s.outdur = number_param(p, "outdur", s.outdur);
   auto sex = p.find("sex");
   s.sex = sex != p.end() && !sex->second.empty() && (sex->second[0] == 'F' || sex->second[0] == 'f')
               ? "F"
               : "M";
   // Truncated toward zero; a value no int can hold is no age at all.
-  double age = number_param(p, "age", 40.0);
-  s.age = std::isfinite(age) && std::fabs(age) < 1e9 ? static_cast<int>(age) : 40;
+  const int default_age = s.age;
+  double age = number_param(p, "age", default_age);
+  s.age = std::isfinite(age) && std::fabs(age) < 1e9 ? static_cast<int>(age) : default_age;
   if (auto it = p.find("fs"); it != p.end() && !it->second.empty())
     s.import_rate = number_param(p, "fs", kSampleRate);
   return s;
+}
+
+bool protocol_params(const Params& p, SessionSettings* s, std::string* error) {
+  const auto protocol = p.find("protocol");
+  if (protocol == p.end() || protocol->second.empty()) return true;
+  s->protocol_named = true;
+  if (protocol->second == "free") return true;
+  if (protocol->second != "rf") {
+    *error = "Unknown breathing protocol \"" + protocol->second + "\": use free or rf.";
+    return false;
+  }
+  const auto text = [&p](const char* key) {
+    auto it = p.find(key);
+    return it == p.end() ? std::string() : it->second;
+  };
+  s->rf = parse_rf_protocol(text("rates"), text("step_s"), text("infrac"), error);
+  return s->rf.has_value();
 }
 
 ReplayOptions replay_options(const Params& p) {

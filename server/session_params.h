@@ -18,6 +18,11 @@ double number_param(const Params& p, const std::string& key, double fallback);
 /// `name`, `indur`, `outdur`, `sex`, `age` and `fs`, with their defaults.
 SessionSettings session_settings(const Params& p);
 
+/// `protocol` (`free` or `rf`) and, for `rf`, `rates`, `step_s` and `infrac`
+/// into `s`. False, with a sentence for the user in `error`, when they
+/// cannot be used: the session must then not start.
+bool protocol_params(const Params& p, SessionSettings* s, std::string* error);
+
 /// `speed` (default 2) and `label`.
 ReplayOptions replay_options(const Params& p);
 

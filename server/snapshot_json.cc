@@ -159,6 +159,12 @@ std::string snapshot_json(const Snapshot& s) {
        json_number(s.cycle_seconds > 0 ? round_to(1.0 / s.cycle_seconds, 4) : 0.0);
   j += ",\"sex\":" + json_text(s.sex);
   j += ",\"age\":" + std::to_string(s.age);
+  j += s.rf ? ",\"protocol\":\"rf\",\"rf\":{" + rf_protocol_json(s.rf->protocol) +
+                  ",\"step\":" + std::to_string(s.rf->step) +
+                  ",\"steps\":" + std::to_string(s.rf->steps) +
+                  ",\"bpm\":" + json_number(s.rf->bpm) +
+                  ",\"left\":" + json_number(round_to(s.rf->left, 1)) + "}"
+            : ",\"protocol\":\"free\",\"rf\":null";
   j += ",\"tfr_status\":\"";
   j += job_text(s.tfr, "computing");
   j += "\",\"saved_as\":" + (s.saved_as.empty() ? std::string("null") : json_text(s.saved_as));
@@ -174,6 +180,39 @@ std::string snapshot_json(const Snapshot& s) {
   j += kAppVersion;
   j += "\"}";
   return j;
+}
+
+std::string rf_protocol_json(const RfProtocol& p) {
+  std::string j = "\"rates\":[";
+  for (std::size_t i = 0; i < p.rates.size(); ++i) {
+    if (i) j += ',';
+    append_json_number(j, p.rates[i]);
+  }
+  return j + "],\"step_s\":" + json_number(p.step_s) + ",\"infrac\":" + json_number(p.infrac);
+}
+
+std::string rf_result_json(const RfResult& r) {
+  std::string j = "{\"protocol\":{" + rf_protocol_json(r.protocol) + "},\"steps\":[";
+  for (std::size_t i = 0; i < r.steps.size(); ++i) {
+    const RfStepScore& st = r.steps[i];
+    if (i) j += ',';
+    j += "{\"bpm\":" + json_number(st.step.bpm) + ",\"start_s\":" + json_number(st.step.start_s) +
+         ",\"end_s\":" + json_number(st.step.end_s) +
+         ",\"breaths\":" + std::to_string(st.step.breaths) +
+         ",\"reached\":" + (st.reached ? "true" : "false");
+    for (const auto& [key, v] : {std::pair{"peak_trough_hr", st.peak_trough_hr},
+                                 {"lf_power", st.lf_power},
+                                 {"lf_peak", st.lf_peak},
+                                 {"phase_deg", st.phase_deg},
+                                 {"amplitude_bpm", st.amplitude_bpm},
+                                 {"cvn", st.cvn}}) {
+      j += ",\"";
+      j += key;
+      j += "\":" + json_number(v);
+    }
+    j += '}';
+  }
+  return j + "],\"recommended_bpm\":" + json_number(r.recommended_bpm) + "}";
 }
 
 }  // namespace cvn

@@ -49,7 +49,7 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
             R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
             R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
             R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
-            R"("tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
+            R"("protocol":"free","rf":null,"tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
             R"("app_version":"1.0.0"})");
 }
 
