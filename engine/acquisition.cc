@@ -69,6 +69,7 @@ void Acquisition::start_live(const std::string& address, const std::optional<std
   open_journal();
   // The link may report a status at once, from inside connectAndStream:
   // the callbacks take only the session's own lock.
+  if (ble_) ble_->set_breathing_guide(session_.guide());
   if (ble_)
     ble_->connectAndStream(
         address, [this](const std::vector<double>& b) { session_.append_live(b); },

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "base/constants.h"
 #include "engine/journal.h"
@@ -176,6 +177,16 @@ AnalysisInput SessionState::analysis_input() {
   const BreathingSettings b = breathing_now(&p);
   // An assessment's live score follows the step's breath, not a rounded sum.
   return {samples_locked(), schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
+}
+
+BreathingGuide SessionState::guide() {
+  std::lock_guard<std::mutex> g(mu_);
+  if (!schedule_.empty()) return [schedule = schedule_](double t) { return pacer_at(schedule, t); };
+  return [in = breathing_.indur, out = breathing_.outdur](double t) {
+    const double cycle = in + out;
+    const double into = std::fmod(std::max(t, 0.0), cycle);
+    return PacerPosition{0, in, out, cycle, std::numeric_limits<double>::infinity(), into / cycle};
+  };
 }
 
 bool SessionState::schedule_ended() {

@@ -21,6 +21,7 @@
 #include "base/recording.h"
 #include "engine/live_analysis.h"
 #include "reports/export.h"
+#include "sensor/ble_manager.h"
 
 namespace cvn {
 
@@ -134,6 +135,9 @@ class SessionState {
   double import_rate(const SessionSettings& settings);
   /// An assessment's schedule has run out: the session is due to stop.
   bool schedule_ended();
+  /// The pacer of this session as a function of its time, for a simulated
+  /// strap that breathes along.
+  BreathingGuide guide();
 
   /// Stores the results of an analysis that started from `session`; false,
   /// with nothing stored, when a new session has begun since.

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/status.h"
+#include "sensor/ble_manager.h"
 
 namespace cvn {
 
@@ -60,6 +61,9 @@ class BleBackend {
   /// Per-thread set-up before a thread touches the stack (the COM apartment
   /// on Windows).
   virtual Status init_thread() { return Status(); }
+  /// How the person is asked to breathe (see BleManager); only a simulated
+  /// strap listens.
+  virtual void set_breathing_guide(BreathingGuide /*guide*/) {}
   /// Whether the system has a Bluetooth adapter; a failure means it cannot
   /// tell.
   virtual Status has_adapter(bool* present) = 0;

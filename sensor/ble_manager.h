@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "analysis/resonance.h"
+
 namespace cvn {
 
 struct BleDevice {
@@ -23,6 +25,10 @@ struct ScanResult {
 using SamplesCallback = std::function<void(const std::vector<double>&)>;
 /// A user-facing status text (a connection step or an error).
 using StatusCallback = std::function<void(const std::string&)>;
+/// Where the pacer is `seconds` after the stream's first sample. A simulated
+/// strap that models a body breathes along with it; a real strap has no use
+/// for it.
+using BreathingGuide = std::function<PacerPosition(double seconds)>;
 
 class BleManager {
  public:
@@ -38,6 +44,8 @@ class BleManager {
                                 StatusCallback on_status) = 0;
   /// Ends any stream; no callback runs after it returns.
   virtual void stop() = 0;
+  /// How the next connectAndStream's person is asked to breathe.
+  virtual void set_breathing_guide(BreathingGuide /*guide*/) {}
 };
 
 }  // namespace cvn

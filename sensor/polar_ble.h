@@ -42,6 +42,9 @@ class PolarBle : public BleManager {
   /// stop (a closed link fails its calls, the pauses are cut short).
   /// REQUIRES: not called from a samples or status callback.
   void stop() override;
+  void set_breathing_guide(BreathingGuide guide) override {
+    backend_->set_breathing_guide(std::move(guide));
+  }
 
   /// Discovery attempts before giving up on the PMD service.
   static constexpr int kDiscoveryAttempts = 4;
