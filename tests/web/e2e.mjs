@@ -193,7 +193,7 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   assert.equal(await text(page, '#exportTitle'), 'Exported 8 files to');
   assert.match(await text(page, '#exportFolder'), /[\\/]exports[\\/]NIJ000123[^\\/]*$/);
   const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^NIJ000123.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_HRV\.csv|_RR\.csv|_report\.pdf)$/, '$1'));
-  assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HRV.csv', '_HR.txt', '_RR.csv', '_markers.csv', '_report.pdf']);
+  assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_HRV.csv', '_RR.csv', '_markers.csv', '_report.pdf']);
   assert.equal(await page.isEnabled('#saveBtn'), true);
   await done();
 });
