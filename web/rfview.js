@@ -3,7 +3,7 @@
 
 import { api } from './api.js';
 import { drawRfResult } from './charts.js';
-import { recommendationText, resultRow, rfSchedule, stepLine } from './rf.js';
+import { kRf, rateText, recommendationText, resultRow, rfSchedule, stepLine } from './rf.js';
 import { $, setNote, setText } from './ui.js';
 
 /** The step line and the bar of steps (one segment each, as long as the step). */
@@ -17,7 +17,7 @@ export function createRfSteps() {
       const seg = document.createElement('div');
       seg.className = 'seg-step';
       seg.style.flexGrow = String(st.end - st.start);
-      seg.title = (st.bpm) + ' breaths/min';
+      seg.title = rateText(st.bpm) + ' breaths/min';
       seg.append(document.createElement('i'));
       bar.append(seg);
       return seg;
@@ -74,7 +74,9 @@ export function createRfResult(onUse) {
     redraw();
   }).observe($('rfPlot'));
   $('rfUse').addEventListener('click', () => {
-    if (answer && answer.recommended_bpm > 0) onUse(answer.recommended_bpm, answer.protocol.infrac);
+    // The in-fraction the assessment ran with, so the rhythm trained at is the one scored.
+    const infrac = answer && answer.protocol && answer.protocol.infrac;
+    if (answer && answer.recommended_bpm > 0) onUse(answer.recommended_bpm, infrac > 0 ? infrac : kRf.infrac);
   });
 
   const show = (d) => {
