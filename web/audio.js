@@ -21,8 +21,8 @@ export function unlockAudio() {
   } catch (e) { /* no sound on this machine */ }
 }
 
-/** A short sine tone. */
-export function tone(freq, seconds) {
+/** A short sine tone; `peak` is its loudness (0..1). */
+export function tone(freq, seconds, peak = 0.25) {
   if (!actx || actx.state !== 'running') return;
   try {
     const t0 = actx.currentTime;
@@ -31,7 +31,7 @@ export function tone(freq, seconds) {
     osc.type = 'sine';
     osc.frequency.value = freq;
     g.gain.setValueAtTime(0.0001, t0);
-    g.gain.exponentialRampToValueAtTime(0.25, t0 + 0.01);
+    g.gain.exponentialRampToValueAtTime(peak, t0 + 0.01);
     g.gain.exponentialRampToValueAtTime(0.0001, t0 + seconds);
     osc.connect(g).connect(actx.destination);
     osc.start(t0);

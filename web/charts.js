@@ -4,6 +4,7 @@
 
 import { config } from './config.js';
 import { clockText } from './format.js';
+import { breathsBetween, rfSchedule } from './rf.js';
 
 const kScopeHeadroom = 0.12;   // above and below the trace's range
 const kScopeGrid = 38;         // pixels
@@ -165,6 +166,25 @@ function drawHeartRateAxis(ctx, g) {
   ctx.stroke();
 }
 
+// An assessment's breaths change length with each step: its bands and
+// cycle lines come from the schedule, not from the current step's cycle.
+function drawScheduledBreaths(ctx, g, breaths) {
+  ctx.fillStyle = colours.band;
+  for (const [a0, b0] of breaths) {
+    const a = Math.max(g.t0, a0), b = Math.min(g.t1, b0);
+    if (b > a) ctx.fillRect(g.x(a), g.top, g.x(b) - g.x(a), g.ph);
+  }
+  ctx.strokeStyle = colours.cycle;
+  ctx.beginPath();
+  for (const [a] of breaths) {
+    if (a < g.t0 || a > g.t1) continue;
+    const x = Math.round(g.x(a)) + 0.5;
+    ctx.moveTo(x, g.top);
+    ctx.lineTo(x, g.top + g.ph);
+  }
+  ctx.stroke();
+}
+
 function drawCycleLines(ctx, g, cyc) {
   ctx.strokeStyle = colours.cycle;
   ctx.beginPath();
@@ -258,9 +278,11 @@ export function drawTrend(canvas, size, s) {
     yScore: (v) => kPlot.top + (1 - (Math.max(-1, Math.min(1, v)) + 1) / 2) * ph,
   };
   ctx.font = '12px system-ui, sans-serif';
-  drawBreathBands(ctx, g, s.cycle_seconds, Math.max(0, s.indur));
+  const breaths = s.rf ? breathsBetween(rfSchedule(s.rf.rates, s.rf.step_s, s.rf.infrac), win.t0, win.t1) : null;
+  if (!breaths) drawBreathBands(ctx, g, s.cycle_seconds, Math.max(0, s.indur));
   drawHeartRateAxis(ctx, g);
-  drawCycleLines(ctx, g, s.cycle_seconds);
+  if (breaths) drawScheduledBreaths(ctx, g, breaths);
+  else drawCycleLines(ctx, g, s.cycle_seconds);
   drawTimeAxis(ctx, g);
   drawScoreAxis(ctx, g);
   ctx.save();
@@ -274,4 +296,91 @@ export function drawTrend(canvas, size, s) {
   ctx.strokeStyle = colours.frame;
   ctx.lineWidth = 1;
   ctx.strokeRect(g.left + 0.5, g.top + 0.5, pw - 1, ph - 1);
+}
+
+// ---------- resonance assessment results ----------
+
+const kRfPlot = { left: 46, right: 56, top: 14, bottom: 40 };
+const kRfHeadroom = 1.15;   // the highest point sits below the top
+
+/** A score against the rate for the steps reached where it could be computed, by rate: [{ x: bpm, y }]. */
+export function rfPoints(steps, key) {
+  return (steps || []).filter((s) => s.reached && typeof s[key] === 'number' && Number.isFinite(s[key]))
+    .map((s) => ({ x: s.bpm, y: s[key] })).sort((a, b) => a.x - b.x);
+}
+
+/** An axis from zero (scores here are sizes) to a little above the highest value, with its tick step. */
+export function zeroBasedAxis(points, fallback) {
+  const top = points.reduce((m, p) => Math.max(m, p.y), 0);
+  const hi = top > 0 ? top * kRfHeadroom : fallback;
+  const step = niceStep(hi, 5);
+  return { lo: 0, hi: Math.ceil(hi / step - 1e-9) * step, step };
+}
+
+/**
+ * Peak–trough heart rate (left axis) and LF power (right axis) against the
+ * breathing rate, the recommended rate marked; `steps` as /rf_result gives them.
+ */
+export function drawRfResult(canvas, size, steps, recommended) {
+  const c = fitCanvas(canvas, size, 120, 80);
+  if (!c) return;
+  const { ctx, w, h } = c;
+  const rates = (steps || []).map((s) => s.bpm).filter((v) => v > 0);
+  if (!rates.length) return;
+  const hr = rfPoints(steps, 'peak_trough_hr'), lf = rfPoints(steps, 'lf_power');
+  const hrAxis = zeroBasedAxis(hr, 10), lfAxis = zeroBasedAxis(lf, 1000);
+  const x0 = Math.min(...rates) - 0.25, x1 = Math.max(...rates) + 0.25;
+  const pw = w - kRfPlot.left - kRfPlot.right, ph = h - kRfPlot.top - kRfPlot.bottom;
+  // Fastest rate on the left, as the steps ran and the table lists them.
+  const x = (v) => kRfPlot.left + ((x1 - v) / (x1 - x0)) * pw;
+  const y = (axis) => (v) => kRfPlot.top + (1 - (v - axis.lo) / (axis.hi - axis.lo)) * ph;
+  const yHr = y(hrAxis), yLf = y(lfAxis);
+  ctx.font = '12px system-ui, sans-serif';
+
+  if (recommended > 0) {
+    ctx.fillStyle = 'rgba(17,137,138,0.12)';
+    ctx.fillRect(x(recommended) - 12, kRfPlot.top, 24, ph);
+  }
+  ctx.strokeStyle = colours.grid;
+  ctx.lineWidth = 1;
+  ctx.textBaseline = 'middle';
+  ctx.beginPath();
+  for (let v = hrAxis.lo; v <= hrAxis.hi + 1e-9; v += hrAxis.step) {
+    const yy = Math.round(yHr(v)) + 0.5;
+    ctx.moveTo(kRfPlot.left, yy);
+    ctx.lineTo(kRfPlot.left + pw, yy);
+  }
+  ctx.stroke();
+  ctx.fillStyle = colours.hrAxis;
+  ctx.textAlign = 'right';
+  for (let v = hrAxis.lo; v <= hrAxis.hi + 1e-9; v += hrAxis.step) ctx.fillText(String(Math.round(v * 10) / 10), kRfPlot.left - 8, yHr(v));
+  ctx.fillStyle = colours.score;
+  ctx.textAlign = 'left';
+  for (let v = lfAxis.lo; v <= lfAxis.hi + 1e-9; v += lfAxis.step) ctx.fillText(String(Math.round(v)), kRfPlot.left + pw + 8, yLf(v));
+
+  ctx.fillStyle = colours.axis;
+  ctx.textAlign = 'center';
+  ctx.textBaseline = 'top';
+  for (const r of rates) ctx.fillText(String(r), x(r), kRfPlot.top + ph + 6);
+  ctx.fillText('breaths/min', kRfPlot.left + pw / 2, kRfPlot.top + ph + 22);
+
+  const line = (pts, yy, colour) => {
+    ctx.strokeStyle = colour;
+    ctx.fillStyle = colour;
+    ctx.lineWidth = 2;
+    ctx.lineJoin = 'round';
+    ctx.beginPath();
+    pts.forEach((p, i) => (i ? ctx.lineTo(x(p.x), yy(p.y)) : ctx.moveTo(x(p.x), yy(p.y))));
+    ctx.stroke();
+    for (const p of pts) {
+      ctx.beginPath();
+      ctx.arc(x(p.x), yy(p.y), 3.5, 0, Math.PI * 2);
+      ctx.fill();
+    }
+  };
+  line(lf, yLf, colours.score);
+  line(hr, yHr, colours.hr);
+  ctx.strokeStyle = colours.frame;
+  ctx.lineWidth = 1;
+  ctx.strokeRect(kRfPlot.left + 0.5, kRfPlot.top + 0.5, pw - 1, ph - 1);
 }

@@ -3,6 +3,7 @@
 // the page only when what they show changes.
 
 import { playCue, tone } from './audio.js';
+import { cueCrossed, rfSchedule } from './rf.js';
 import { $, setText } from './ui.js';
 
 // The score needs two whole cycles of data. Tones at 2 and 1 s left, and a
@@ -92,6 +93,30 @@ export function createCoupling() {
         lastCueWall = wall;
         playCue();
       }
+    },
+  };
+}
+
+// An assessment's change of pace is announced one breath ahead by a soft,
+// low tone, quieter than the countdown's ticks: the person is breathing out
+// slowly and should not be startled. Session time moving by more than this
+// between two snapshots (20 a second, 0.4 s apart at 8×) is a seek or a late
+// join, and announces nothing.
+const kStepTone = [440, 0.6, 0.1];  // Hz, seconds, loudness
+const kStepCueGap = 2;              // seconds of session time
+
+export function createStepCue() {
+  let prev = null, key = '', sched = null;
+  return {
+    reset() { prev = null; },
+    update(s) {
+      const el = s.elapsed || 0;
+      const before = prev;
+      prev = el;
+      if (!s.rf || !s.running || before === null) return;
+      const k = s.rf.rates.join(',') + '/' + s.rf.step_s + '/' + s.rf.infrac;
+      if (k !== key) { key = k; sched = rfSchedule(s.rf.rates, s.rf.step_s, s.rf.infrac); }
+      if (cueCrossed(sched, before, el, kStepCueGap)) tone(...kStepTone);
     },
   };
 }

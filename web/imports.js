@@ -17,7 +17,7 @@ const kIdlePolls = 20;        // a batch still "idle" after this many polls did 
 const kSkippedShown = 12;     // skipped files listed by name; the rest are counted
 const kPersonsShown = 8;      // persons named in the summary; the rest are counted
 
-let ctx = null;               // {sessionParams(), speed(), started(speed), refresh()}
+let ctx = null;               // {sessionParams(), protocolParams(), fixProtocol, speed(), started(speed), refresh()}
 let run = 0;                  // every flow has a number; late answers of an old one are dropped
 let phase = 'idle';           // confirm, upload, process, end
 let go = null;                // what the primary button does in "confirm"
@@ -210,6 +210,8 @@ async function chooseFile(file) {
   // Refused here rather than by the program halfway through the upload, which
   // a browser reports as a lost connection.
   if (file.size > config.max_upload_bytes) return fail(tooLarge(file.name));
+  // A raw import starts a session with the breathing protocol chosen.
+  if (!ctx.protocolParams()) return fail(ctx.fixProtocol);
   let head = '';
   try { head = await file.slice(0, kKubiosHeadChars).text(); } catch (e) { /* unreadable: the send says so */ }
   if (id !== run) return;
@@ -233,7 +235,7 @@ async function sendFile(id, file) {
   setPhase('upload');
   progress('Sending ' + file.name + '…', null);
   const speed = ctx.speed();
-  const r = await api('/import', { fname: file.name, speed, ...ctx.sessionParams() }, { method: 'POST', body: file });
+  const r = await api('/import', { fname: file.name, speed, ...ctx.sessionParams(), ...ctx.protocolParams() }, { method: 'POST', body: file });
   if (id !== run) return;
   const d = r.data;
   if (!d || !d.ok) return fail(refusal(r, file.name) || 'Could not import that file.');
@@ -358,6 +360,8 @@ function secondary() {
 
 /**
  * Wires the three buttons. `c` gives the session fields (`sessionParams()`),
+ * the breathing protocol's (`protocolParams()`, null while its settings are
+ * wrong, `fixProtocol` saying so),
  * the replay speed (`speed()`), what starts the live screen (`started(speed)`)
  * and what reloads the recording list (`refresh()`).
  */

@@ -8,11 +8,13 @@
 
 import { api, openStream } from './api.js';
 import { drawScope, drawTrend } from './charts.js';
-import { createCoupling, createCountdown } from './cues.js';
+import { createCoupling, createCountdown, createStepCue } from './cues.js';
 import { clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, titleText } from './format.js';
 import { initHrvCard, renderHrv } from './hrv.js';
 import { noticeExport, resetJobs } from './jobs.js';
 import { createPacerView } from './pacer.js';
+import { rfSchedule } from './rf.js';
+import { createRfResult, createRfSteps } from './rfview.js';
 import { whatChanged } from './snapshot.js';
 import { $, setText, toast } from './ui.js';
 
@@ -29,8 +31,9 @@ const dirty = { text: false, scope: false, chart: false, markers: false };
 let dragging = false;
 let ignoreScrubUntil = 0;
 let onLeave = () => {};
+let rfRan = false;           // this screen saw an assessment running
 
-let pacer, countdown, coupling;
+let pacer, countdown, coupling, stepCue, rfSteps, rfResult;
 
 /** The last snapshot the screen received, or null. */
 export const lastSnapshot = () => last;
@@ -44,6 +47,13 @@ function onSnapshot(s) {
   pacer.clock.feed(s.elapsed, s.running, performance.now() / 1000);
   countdown.update(s);
   coupling.update(s);
+  stepCue.update(s);
+  // An assessment that ended (its last step, or Stop) is scored once.
+  if (s.rf && s.running) rfRan = true;
+  else if (s.rf && rfRan) {
+    rfRan = false;
+    rfResult.load();
+  }
   noticeExport(s);
   dirty.text = true;
   dirty.scope ||= ch.scope;
@@ -138,8 +148,17 @@ function renderTexts(s) {
     if (scrub.value !== v) scrub.value = v;
     setText($('scrubCur'), clockText(s.elapsed));
   }
-  setText($('scrubTotal'), clockText(s.mode === 'replay' ? s.total : s.cycle_seconds * s.cycles_target));
+  setText($('scrubTotal'), clockText(s.mode === 'replay' ? s.total : s.rf ? rfTotal(s.rf) : s.cycle_seconds * s.cycles_target));
+  rfSteps.render(s);
   renderHrv(s.hrv, s.running);
+}
+
+// An assessment's planned length, for the live scrubber's end.
+let rfTotalKey = '', rfTotalSeconds = 0;
+function rfTotal(rf) {
+  const k = rf.rates.join(',') + '/' + rf.step_s + '/' + rf.infrac;
+  if (k !== rfTotalKey) { rfTotalKey = k; rfTotalSeconds = rfSchedule(rf.rates, rf.step_s, rf.infrac).total; }
+  return rfTotalSeconds;
 }
 
 function renderMarkers(list) {
@@ -165,6 +184,10 @@ function resetScreen() {
   pacer.reset();
   countdown.reset();
   coupling.reset();
+  stepCue.reset();
+  rfSteps.reset();
+  rfResult.reset();
+  rfRan = false;
   composed.clear();
   dragging = false;
   ignoreScrubUntil = 0;
@@ -231,14 +254,27 @@ function onKey(e) {
   });
 }
 
-/** Wires the screen; `left()` runs after New session brought back Setup. */
-export function initLive(left) {
+/**
+ * Wires the screen; `left()` runs after New session brought back Setup, and
+ * `useRate(bpm, infrac)` sets Setup to one rhythm at an assessment's
+ * recommended rate (it returns the periods it set).
+ */
+export function initLive(left, useRate) {
   onLeave = left;
   pacer = createPacerView({
     pacer: $('pacer'), ball: $('ball'), arc: $('phaseArc'), cue: $('cue'), cueSub: $('cueSub'), cycle: $('pacerCycle'),
   });
   countdown = createCountdown();
   coupling = createCoupling();
+  stepCue = createStepCue();
+  rfSteps = createRfSteps();
+  // The person goes on to train at the rate found: back to Setup with it.
+  rfResult = createRfResult((bpm, infrac) => {
+    const p = useRate(bpm, infrac);
+    leaveLive();
+    onLeave();
+    toast('Single rhythm: in ' + p.indur + ' s, out ' + p.outdur + ' s');
+  });
 
   const scrub = $('scrubber');
   scrub.addEventListener('pointerdown', () => { dragging = true; });

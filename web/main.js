@@ -5,7 +5,7 @@ import { api } from './api.js';
 import { loadConfig } from './config.js';
 import { initJobs } from './jobs.js';
 import { enterLive, initLive, lastSnapshot } from './live.js';
-import { initSetup, refreshSetup } from './setup.js';
+import { initSetup, refreshSetup, useRate } from './setup.js';
 import { $ } from './ui.js';
 
 function initAbout() {
@@ -22,7 +22,7 @@ function initAbout() {
 // Everything below applies the program's limits, from the first cycle pill on.
 await loadConfig();
 initSetup(enterLive);
-initLive(refreshSetup);
+initLive(refreshSetup, useRate);
 initJobs();
 initAbout();
 

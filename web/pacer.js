@@ -2,6 +2,8 @@
 // snapshots, the pose of the ball at a given time, and the view that shows it.
 // Times are seconds; `now` is any monotonic wall clock in seconds.
 
+import { rfSchedule, stepIndexAt } from './rf.js';
+
 // Snapshots arrive every 50 ms with "elapsed" in tenths of a second, so the
 // clock fits a straight line through the last two seconds of (arrival time,
 // elapsed) pairs. Its slope is the playback rate, which keeps the pacer in
@@ -101,12 +103,37 @@ export function pacerPose(t, indur, outdur) {
 }
 
 /**
+ * The pose at session time `t` in an assessment's schedule (rf.js): the
+ * current step's periods, counted from the step's start, so the ball stays in
+ * phase across a change of pace (each step starts with a breath in). Adds the
+ * 0-based `step`; `cycle` counts within the step. The session stops at the
+ * end, so a time past it holds the last breath's end.
+ */
+export function schedulePose(t, sched) {
+  const i = stepIndexAt(sched, t);
+  const st = sched.steps[i];
+  const local = Math.min(Math.max(0, t - st.start), st.breaths * st.cycle - 1e-6);
+  return { ...pacerPose(local, st.indur, st.outdur), step: i };
+}
+
+// The schedule of a snapshot's "rf", worked out again only when it changes.
+function scheduleCache() {
+  let key = '', sched = null;
+  return (rf) => {
+    const k = rf.rates.join(',') + '/' + rf.step_s + '/' + rf.infrac;
+    if (k !== key) { key = k; sched = rfSchedule(rf.rates, rf.step_s, rf.infrac); }
+    return sched;
+  };
+}
+
+/**
  * The pacer card. `draw(now, s)` runs in every animation frame with the last
  * snapshot (or null) and writes to the page only what differs from the last
  * frame, so a stopped session costs next to nothing.
  */
 export function createPacerView(els) {
   const clock = new PacerClock();
+  const schedule = scheduleCache();
   const shown = {};
   const put = (key, value, write) => {
     if (shown[key] === value) return;
@@ -128,7 +155,8 @@ export function createPacerView(els) {
         put('idle', true, (v) => els.pacer.classList.toggle('idle', v));
         return;
       }
-      const pose = pacerPose(t, s.indur, s.outdur);
+      const sched = s.rf ? schedule(s.rf) : null;
+      const pose = sched ? schedulePose(t, sched) : pacerPose(t, s.indur, s.outdur);
       put('scale', pose.scale.toFixed(4), (v) => { els.ball.style.transform = 'scale(' + v + ')'; });
       put('arc', (pose.progress * 100).toFixed(2), (v) => els.arc.setAttribute('stroke-dasharray', v + ' 100'));
       put('inhale', pose.inhale, (v) => {
@@ -137,7 +165,7 @@ export function createPacerView(els) {
         els.cue.classList.toggle('out', !v);
       });
       put('sub', s.running ? pose.left + ' s' : 'Stopped', (v) => { els.cueSub.textContent = v; });
-      put('cycle', 'Cycle ' + pose.cycle, (v) => { els.cycle.textContent = v; });
+      put('cycle', 'Cycle ' + pose.cycle + (sched ? ' of ' + sched.steps[pose.step].breaths : ''), (v) => { els.cycle.textContent = v; });
       put('idle', !s.running, (v) => els.pacer.classList.toggle('idle', v));
     },
   };

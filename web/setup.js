@@ -1,17 +1,21 @@
-// The Setup screen: the person and the breathing rhythm, the data source
-// (strap or recording), import and batch processing, and Start.
+// The Setup screen: the person and the breathing protocol (one rhythm, or a
+// resonance assessment's steps), the data source (strap or recording),
+// import and batch processing, and Start.
 
 import { api } from './api.js';
 import { unlockAudio } from './audio.js';
-import { breathingPeriod, cycleText } from './format.js';
+import { breathingPeriod, clockText, cycleText, round2 } from './format.js';
 import { initImports } from './imports.js';
 import { importRate } from './importplan.js';
-import { $, setNote } from './ui.js';
+import { kRf, paceFromRate, readRfSettings, rateText, rfParams, rfSchedule } from './rf.js';
+import { $, setNote, setText } from './ui.js';
 
 let source = 'live';
 let speed = 2;
 let btAvailable = false;
 let onStarted = () => {};
+let protocol = 'free';
+let rfRates = kRf.rates.map(rateText);   // the table's rate fields as typed
 
 /** The session fields as every start and import route reads them. */
 function sessionParams() {
@@ -35,6 +39,117 @@ function updateCycle() {
   document.querySelectorAll('.chip').forEach((c) => {
     c.classList.toggle('on', +c.dataset.in === i && +c.dataset.out === o);
   });
+}
+
+// ---------- breathing protocol ----------
+
+function setProtocol(p) {
+  protocol = p;
+  document.querySelectorAll('#protocolSwitch button').forEach((b) => b.classList.toggle('on', b.dataset.protocol === p));
+  $('freePanel').hidden = p !== 'free';
+  $('rfPanel').hidden = p !== 'rf';
+  setNote($('startNote'), '');
+}
+
+// The rows are rebuilt only when a rate is added or removed, so typing keeps
+// the focus; each input updates the computed cells in place.
+function buildRfRows() {
+  const body = $('rfRows');
+  body.textContent = '';
+  rfRates.forEach((text, i) => {
+    const tr = document.createElement('tr');
+    const cell = (cls) => {
+      const td = document.createElement('td');
+      if (cls) td.className = cls;
+      tr.append(td);
+      return td;
+    };
+    cell('n').textContent = String(i + 1);
+    const input = document.createElement('input');
+    input.value = text;
+    input.inputMode = 'decimal';
+    input.autocomplete = 'off';
+    input.setAttribute('aria-label', 'Rate of step ' + (i + 1) + ' (breaths/min)');
+    input.addEventListener('input', () => { rfRates[i] = input.value; updateRf(); });
+    cell('rate').append(input);
+    cell('breaths');
+    cell('periods');
+    cell('time');
+    const del = document.createElement('button');
+    del.type = 'button';
+    del.className = 'rf-del';
+    del.textContent = '×';
+    del.title = 'Remove this rate';
+    del.setAttribute('aria-label', 'Remove step ' + (i + 1));
+    del.addEventListener('click', () => { rfRates.splice(i, 1); buildRfRows(); });
+    cell('del').append(del);
+    body.append(tr);
+  });
+  $('rfAdd').disabled = rfRates.length >= kRf.maxRates;
+  updateRf();
+}
+
+/** The assessment's settings as typed, checked as the program checks them. */
+function rfSettings() {
+  return readRfSettings({ rates: rfRates, step: $('rfStep').value, infrac: $('rfInfrac').value });
+}
+
+// Shows each step's breaths, periods and time, or what is wrong beside the field.
+function updateRf() {
+  const v = rfSettings();
+  const usable = !v.errors.step && !v.errors.infrac;
+  const rows = $('rfRows').rows;
+  const okRates = [];
+  v.rates.forEach((bpm, i) => {
+    const tr = rows[i];
+    if (!tr) return;
+    const err = v.errors.rates[i];
+    tr.querySelector('input').classList.toggle('bad', !!err);
+    tr.classList.toggle('bad', !!err);
+    let breaths = '', periods = '', time = '';
+    if (err) breaths = err;
+    else if (usable) {
+      const st = rfSchedule([bpm], v.step_s, v.infrac).steps[0];
+      okRates.push(bpm);
+      breaths = String(st.breaths);
+      periods = round2(st.indur).toFixed(2) + ' / ' + round2(st.outdur).toFixed(2);
+      time = clockText(Math.round(st.end));
+    }
+    setText(tr.cells[2], breaths);
+    setText(tr.cells[3], periods);
+    setText(tr.cells[4], time);
+  });
+  for (const [id, msg] of [['rfStep', v.errors.step], ['rfInfrac', v.errors.infrac]]) {
+    $(id).classList.toggle('bad', !!msg);
+    setText($(id + 'Err'), msg);
+  }
+  let total = '';
+  if (v.ok) {
+    const sched = rfSchedule(v.rates, v.step_s, v.infrac);
+    const breaths = sched.steps.reduce((n, st) => n + st.breaths, 0);
+    total = 'Total ' + breaths + ' breaths · ' + clockText(Math.round(sched.total));
+  }
+  setText($('rfTotal'), total);
+  setNote($('rfNote'), v.errors.list, 'err');
+}
+
+/** The protocol's start parameters; null (and the reason shown) when the assessment's table has a mistake. */
+function protocolParams() {
+  if (protocol !== 'rf') return {};
+  const v = rfSettings();
+  return v.ok ? rfParams(v) : null;
+}
+
+const kFixRf = 'Correct the resonance assessment’s settings first (marked in red).';
+
+/** Switches to one rhythm at `bpm` with the assessment's in-fraction (the results card's "Use this pace"). */
+export function useRate(bpm, infrac) {
+  const p = paceFromRate(bpm, infrac);
+  $('indur').value = String(p.indur);
+  $('outdur').value = String(p.outdur);
+  setProtocol('free');
+  updateCycle();
+  return p;
 }
 
 // ---------- data source ----------
@@ -131,21 +246,24 @@ async function loadRecordings() {
 async function start() {
   const note = $('startNote');
   setNote(note, '');
+  const proto = protocolParams();
+  if (!proto) return setNote(note, kFixRf, 'err');
   let r;
   if (source === 'live') {
     const opt = $('device').selectedOptions[0];
     if (!opt || !opt.value) return setNote(note, 'Scan and select your Polar H10 first.', 'err');
     unlockAudio();
-    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sessionParams() });
+    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sessionParams(), ...proto });
   } else {
     const opt = $('recording').selectedOptions[0];
     if (!opt || !opt.value) return setNote(note, 'Pick or import a recording.', 'err');
     unlockAudio();
-    r = await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams() });
+    r = await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams(), ...proto });
   }
   if (!r.data || !r.data.ok) {
-    const why = r.data && r.data.error;
-    return setNote(note, why ? 'Could not start: ' + why + '.' : 'Could not start the session.', 'err');
+    // Bad assessment settings come back as a sentence in "reason".
+    const why = r.data && (r.data.reason || r.data.error);
+    return setNote(note, why ? 'Could not start: ' + String(why).replace(/\.$/, '') + '.' : 'Could not start the session.', 'err');
   }
   onStarted(speed);
 }
@@ -163,8 +281,19 @@ export function initSetup(started) {
   document.querySelectorAll('#sourceSwitch button').forEach((b) => b.addEventListener('click', () => setSource(b.dataset.src)));
   document.querySelectorAll('#speedSwitch button').forEach((b) => b.addEventListener('click', () => setSpeed(+b.dataset.speed)));
   $('scanBtn').addEventListener('click', scan);
-  initImports({ sessionParams, speed: () => speed, started: (v) => onStarted(v), refresh: loadRecordings });
+  document.querySelectorAll('#protocolSwitch button').forEach((b) => b.addEventListener('click', () => setProtocol(b.dataset.protocol)));
+  $('rfStep').addEventListener('input', updateRf);
+  $('rfInfrac').addEventListener('input', updateRf);
+  $('rfAdd').addEventListener('click', () => {
+    // The next rate half a breath slower than the last, as the usual steps go.
+    const last = rfSettings().rates.at(-1);
+    rfRates.push(rateText(Number.isFinite(last) ? Math.max(kRf.minRate, last - 0.5) : kRf.rates.at(-1)));
+    buildRfRows();
+  });
+  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: (v) => onStarted(v), refresh: loadRecordings });
   $('startBtn').addEventListener('click', start);
+  setProtocol('free');
+  buildRfRows();
   setSource('live');
   setSpeed(2);
   fillDevices([]);

@@ -358,3 +358,127 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   assert.equal((await (await page.request.get(STRAP + 'status')).json()).running, false);
   await done();
 });
+
+// The assessment's steps as the page shows them come from the program's
+// snapshots and /rf_result. Both are stood in for here, from the same
+// schedule the page computes, so the page is tried against the answers it
+// will get: the stream is read on the page's thread (no worker) and each
+// event gets the "rf" fields for its "elapsed".
+function rfStream(rates, step_s, infrac) {
+  const steps = [];
+  let start = 0;
+  for (const bpm of rates) {
+    const cycle = 60 / bpm, breaths = Math.max(1, Math.floor(step_s * bpm / 60 + 0.5));
+    steps.push({ bpm, cycle, start, end: start + breaths * cycle });
+    start += breaths * cycle;
+  }
+  return `(${(plan) => {
+    window.Worker = undefined;
+    const real = window.fetch;
+    const rewrite = (line) => {
+      const s = JSON.parse(line.slice(6));
+      const t = s.elapsed || 0, n = plan.steps.length;
+      let i = 0;
+      while (i < n - 1 && t >= plan.steps[i].end) i++;
+      const st = plan.steps[i];
+      s.protocol = 'rf';
+      s.rf = { rates: plan.rates, step_s: plan.step_s, infrac: plan.infrac, step: i + 1, steps: n, bpm: st.bpm,
+        left: Math.max(0, Math.round((st.end - t) * 10) / 10) };
+      s.indur = Math.round(plan.infrac * st.cycle * 100) / 100;
+      s.outdur = Math.round((st.cycle - plan.infrac * st.cycle) * 100) / 100;
+      s.cycle_seconds = Math.round(st.cycle * 100) / 100;
+      s.expected_freq = Math.round(1e4 / st.cycle) / 1e4;
+      return 'data: ' + JSON.stringify(s);
+    };
+    window.fetch = async (input, init) => {
+      const res = await real(input, init);
+      if (!String(input).endsWith('/stream') || !res.body) return res;
+      const dec = new TextDecoder(), enc = new TextEncoder();
+      let buf = '';
+      const body = res.body.pipeThrough(new TransformStream({
+        transform(chunk, out) {
+          buf += dec.decode(chunk, { stream: true });
+          for (let i; (i = buf.indexOf('\n\n')) >= 0; buf = buf.slice(i + 2)) {
+            out.enqueue(enc.encode(buf.slice(0, i).split('\n').map((l) => (l.startsWith('data: ') ? rewrite(l) : l)).join('\n') + '\n\n'));
+          }
+        },
+      }));
+      return new Response(body, { status: res.status, headers: res.headers });
+    };
+  }})(${JSON.stringify({ rates, step_s, infrac, steps })})`;
+}
+
+const kRfResult = {
+  ok: true, protocol: { rates: [6.5, 6, 5.5, 5], step_s: 60, infrac: 0.4 }, recommended_bpm: 5.5,
+  steps: [
+    { bpm: 6.5, start_s: 0, end_s: 64.6, breaths: 7, reached: true, peak_trough_hr: 8.2, lf_power: 612.4, lf_peak: 0.1094, phase_deg: -21.3, amplitude_bpm: 3.8, cvn: 0.42 },
+    { bpm: 6, start_s: 64.6, end_s: 124.6, breaths: 6, reached: true, peak_trough_hr: 10.6, lf_power: 904.1, lf_peak: 0.1016, phase_deg: -8.7, amplitude_bpm: 4.9, cvn: 0.61 },
+    { bpm: 5.5, start_s: 124.6, end_s: 190.1, breaths: 6, reached: true, peak_trough_hr: 12.9, lf_power: 1210.7, lf_peak: 0.0918, phase_deg: 2.4, amplitude_bpm: 6.1, cvn: null },
+    { bpm: 5, start_s: 190.1, end_s: 250.1, breaths: 5, reached: false, peak_trough_hr: null, lf_power: null, lf_peak: null, phase_deg: null, amplitude_bpm: null, cvn: null },
+  ],
+};
+
+test('resonance assessment: the steps table checks its fields, the live step bar, results and "Use this pace"', async () => {
+  const { page, calls, done } = await openPage(1366, 850, BASE, null, rfStream([6.5, 6, 5.5, 5], 60, 0.4));
+  await page.context().route('**/rf_result', (r) => r.fulfill({ json: kRfResult }));
+  await page.click('#protocolSwitch >> text=Resonance assessment');
+  assert.equal(await page.isHidden('#freePanel'), true);
+  const rows = () => page.$$eval('#rfRows tr', (l) => l.map((r) => [...r.cells].slice(2, 5).map((c) => c.textContent)));
+  assert.deepEqual(await rows(), [['13', '3.69 / 5.54', '2:00'], ['12', '4.00 / 6.00', '2:00'], ['11', '4.36 / 6.55', '2:00'],
+    ['10', '4.80 / 7.20', '2:00'], ['9', '5.33 / 8.00', '2:00']]);
+  assert.equal(await text(page, '#rfTotal'), 'Total 55 breaths · 10:00');
+  await page.click('#sourceSwitch >> text=Open a recording');
+  await checkLayouts(page, '#setup', { tag: '-rf', fullPage: true });
+  await page.setViewportSize({ width: 1366, height: 850 });
+
+  // Wrong values are named beside their field and keep Start from sending anything.
+  await page.fill('#rfRows tr:nth-child(2) input', '12');
+  await page.fill('#rfStep', '59');
+  assert.equal((await rows())[1][0], '3–10 breaths/min');
+  assert.equal(await text(page, '#rfStepErr'), 'Whole seconds, 60–300');
+  assert.equal(await text(page, '#rfTotal'), '');
+  await shot(page, 'setup-rf-errors-1366.png');
+  await page.click('#startBtn');
+  assert.match(await text(page, '#startNote'), /^Correct the resonance assessment’s settings first/);
+  assert.equal(calls('/start_replay').length, 0);
+
+  // The program's refusal is shown where other refusals are.
+  await page.fill('#rfStep', '60');
+  await page.fill('#rfRows tr:nth-child(2) input', '6');
+  await page.click('#rfRows tr:nth-child(5) .rf-del');
+  assert.equal(await text(page, '#rfTotal'), 'Total 24 breaths · 4:10');
+  await page.selectOption('#recording', { label: 'Sample 1.txt' });
+  await page.click('#speedSwitch >> text=8×');
+  await page.route('**/start_replay?*', (r) => r.fulfill({ json: { ok: false, reason: 'The step length must be 60 to 300 s.' } }), { times: 1 });
+  await page.click('#startBtn');
+  await waitText(page, '#startNote', /^Could not start: The step length must be 60 to 300 s\.$/);
+
+  await page.click('#startBtn');
+  await page.waitForSelector('#live', { state: 'visible' });
+  const sent = calls('/start_replay').at(-1).searchParams;
+  assert.deepEqual(['protocol', 'rates', 'step_s', 'infrac'].map((k) => sent.get(k)), ['rf', '6.5,6,5.5,5', '60', '0.4']);
+
+  // Step 2 starts at 64.6 s with 6 breaths/min: the pacer starts it breathing in.
+  await waitText(page, '#rfStepText', /^Step 2 of 4 · 6\.0 breaths\/min · 0:\d\d left$/, 30000);
+  assert.equal(await page.$$eval('#rfBar .seg-step', (l) => l.map((s) => s.className).join()), 'seg-step done,seg-step on,seg-step,seg-step');
+  await page.waitForFunction(() => /^Cycle \d of 6$/.test(document.getElementById('pacerCycle').textContent));
+  await waitText(page, '#rfStepText', /^Step 3 of 4 · 5\.5 breaths\/min · 0:[3-5]\d left$/, 30000);
+  await checkLayouts(page, '#live', { tag: '-rf' });
+  await page.setViewportSize({ width: 1366, height: 850 });
+
+  await page.click('#stopBtn');
+  await waitText(page, '#rfRec', /^Recommended pace: 5\.5 breaths\/min$/);
+  const table = await page.$$eval('#rfScores tbody tr', (l) => l.map((r) => [...r.cells].map((c) => c.textContent).join(' ')));
+  assert.deepEqual(table, ['6.5 7 8.2 612 0.109 −21 3.8 0.42', '6.0 6 10.6 904 0.102 −9 4.9 0.61',
+    '5.5 6 12.9 1211 0.092 2 6.1 –', '5.0 5 not reached']);
+  assert.ok(await countInk(page, '#rfPlot', 'red') > 60, 'no peak–trough line in the results plot');
+  await checkLayouts(page, '#live', { tag: '-rf-result' });
+  await page.setViewportSize({ width: 1366, height: 850 });
+
+  await page.click('#rfUse');
+  await page.waitForSelector('#setup', { state: 'visible' });
+  assert.equal(await page.isVisible('#freePanel'), true);
+  assert.deepEqual([await page.inputValue('#indur'), await page.inputValue('#outdur')], ['4.36', '6.55']);
+  assert.equal(await text(page, '#cyclePill'), 'Cycle 10.91 s · 0.0917 Hz');
+  await done();
+});
