@@ -191,6 +191,9 @@ RfStepScore score_step(const RfStep& step, double infrac, const Beats& beats,
     rr_s.push_back(beats.rr_s[i - 1]);
   }
   s.scored = std::count(has_beat.begin(), has_beat.end(), true) >= kMinScoredBreaths;
+  // A breath or two (a step just begun when Stop came) says little about the
+  // swing at that rate: shown beside scored steps it would mislead.
+  if (!s.scored) return s;
 
   s.peak_trough_hr = peak_trough(hr, step.start_s, c, done);
 

@@ -78,7 +78,9 @@ struct RfStepScore {
   double phase_deg = kEmpty;       ///< HR peak after the end of breathing in, (-180, 180]
   double amplitude_bpm = kEmpty;   ///< HR swing at the breathing rate (half of peak to trough)
   double cvn = kEmpty;             ///< mean breathing-cycle log-power of the step's breaths
-  bool scored = false;             ///< at least 3 finished breaths with beats: may be recommended
+  /// At least 3 finished breaths with beats: only then are the scores above
+  /// computed (otherwise NaN), and only then may the step be recommended.
+  bool scored = false;
 };
 
 /// An assessment's outcome.

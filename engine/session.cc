@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "base/constants.h"
+#include "base/numbers.h"
 #include "engine/journal.h"
 
 namespace cvn {
@@ -284,9 +285,11 @@ Snapshot SessionState::snapshot() {
   s.hrv = hrv_;
   PacerPosition p;
   const BreathingSettings b = breathing_now(&p);
-  s.indur = b.indur;
-  s.outdur = b.outdur;
-  s.cycle_seconds = schedule_.empty() ? b.cycle_seconds() : p.cycle_s;
+  // To two decimals, as the setup screen writes periods: the page times an
+  // assessment's pacer from its own copy of the schedule.
+  s.indur = round_to(b.indur, 2);
+  s.outdur = round_to(b.outdur, 2);
+  s.cycle_seconds = round_to(schedule_.empty() ? b.cycle_seconds() : p.cycle_s, 2);
   s.sex = b.sex;
   s.age = b.age;
   if (rf_ && !schedule_.empty()) {
