@@ -10,8 +10,10 @@
 #include <filesystem>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include "assets/assets.h"
+#include "engine/sidecar.h"
 #include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -95,6 +97,50 @@ TEST_F(EngineTest, ReplayFollowsTheClockAndSeekClamps) {
   EXPECT_EQ(engine.snapshot().mode, Mode::kReplay);
   engine.seek(-1);
   EXPECT_EQ(played(), 0);
+}
+
+// An assessment walks its steps on the session's time, stops by itself after
+// the last, and keeps its schedule beside the saved recording; a replay
+// restores it, and one that cannot be read is said and passed over.
+TEST_F(EngineTest, AnAssessmentFollowsItsStepsStopsAfterTheLastAndKeepsItsSchedule) {
+  const std::string long_ramp = data / "sample_data/long.txt";
+  std::string text;
+  for (int i = 0; i < 150 * 130; ++i) text += std::to_string(i % 1000) + "\n";
+  spit(long_ramp, text);
+  SessionSettings rf = named("Rf");
+  rf.rf = RfProtocol{{10, 9}, 60, 0.5};  // 10 breaths of 6 s, then 9 of 6.67 s: 120 s
+  rf.protocol_named = true;
+  ASSERT_TRUE(engine.start_replay(long_ramp, rf, {1.0, ""}));
+  clock.advance(30);
+  ASSERT_TRUE(wait_until([&] { return played() == 30 * 130; }, 2s)) << played();
+  Snapshot s = engine.snapshot();
+  ASSERT_TRUE(s.rf);
+  EXPECT_EQ(std::tuple(s.rf->step, s.rf->steps, s.rf->bpm, s.indur, s.outdur, s.cycle_seconds),
+            std::tuple(1, 2, 10.0, 3.0, 3.0, 6.0));
+  EXPECT_NEAR(s.rf->left, 30, 1e-9);
+  clock.advance(60);
+  ASSERT_TRUE(wait_until([&] { return played() == 90 * 130; }, 2s)) << played();
+  s = engine.snapshot();
+  EXPECT_EQ(std::tuple(s.rf->step, s.rf->bpm, s.indur, s.cycle_seconds),
+            std::tuple(2, 9.0, 3.33, 6.67));
+  clock.advance(35);  // past 120 s: the assessment is over, though the file goes on
+  EXPECT_TRUE(wait_until([&] { return !engine.running(); }, 2s));
+  EXPECT_LT(played(), 150 * 130);
+
+  const SaveResult saved = engine.save();
+  ASSERT_EQ(saved.error, "");
+  const std::string path = data / ("recordings/" + saved.file);
+  EXPECT_EQ(slurp(sidecar_path(path)),
+            "# Corvane Live session 1\nprotocol=rf\nrates=10,9\nstep_s=60\ninfrac=0.5\n");
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused));
+  ASSERT_TRUE(engine.snapshot().rf);
+  EXPECT_EQ(engine.snapshot().rf->protocol.rates, (std::vector<double>{10, 9}));
+
+  spit(sidecar_path(path), "protocol=rf\nrates=10\n");  // one rate is no assessment
+  std::string note;
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused, &note));
+  EXPECT_FALSE(engine.snapshot().rf);
+  EXPECT_NE(note.find("single rhythm"), std::string::npos) << note;
 }
 
 // A double click and a stop among them: each start joins and replaces the

@@ -48,7 +48,7 @@ TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
   std::vector<Marker> markers;
   {
     LiveJournal journal;
-    ASSERT_TRUE(journal.start(dir / (stem + ".journal"), 7));
+    ASSERT_TRUE(journal.start(dir / (stem + ".journal"), 7, "protocol=rf\nrates=6,5\n"));
     for (int round = 0; round < 3; ++round) {
       for (int i = 0; i < 73; ++i) samples.push_back(round * 100 + i + 0.5);
       markers.push_back({static_cast<std::int32_t>(samples.size()), round + 1});
@@ -70,6 +70,8 @@ TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
   EXPECT_TRUE(std::filesystem::exists(dir / "other.csv"));
   EXPECT_EQ(slurp(dir / file), format_recording(samples));
   EXPECT_EQ(slurp(dir / (stem + "_recovered_markers.csv")), markers_csv(markers));
+  // A crashed assessment comes back with its schedule.
+  EXPECT_EQ(slurp(dir / (stem + "_recovered.session")), "protocol=rf\nrates=6,5\n");
   for (const Recovery& r : found) {
     EXPECT_FALSE(r.failed);
     if (r.journal == "empty.journal") {

@@ -108,6 +108,31 @@ TEST_F(Api, ReplayControlRoutes) {
   EXPECT_EQ(get("/stop"), R"({"ok":true})");
   EXPECT_NE(get("/status").find(R"("running":false)"), std::string::npos);
   EXPECT_NE(get("/save").find(R"({"ok":true,"file":"N_on5_off11_M40_)"), std::string::npos);
+  EXPECT_EQ(get("/rf_result"),
+            R"({"ok":false,"reason":"This session is not a resonance assessment."})");
+
+  // An assessment: refused before it starts when its steps cannot be kept,
+  // scored on /rf_result once it runs.
+  EXPECT_EQ(
+      get("/start_replay?file=Sample%201.txt&speed=0&protocol=rf&rates=6"),
+      R"({"ok":false,"reason":"Rates must be 2 to 8 numbers from 3 to 10 breaths per minute."})");
+  EXPECT_EQ(get("/start_live?address=AA:BB:CC:DD:EE:FF&protocol=slow"),
+            R"({"ok":false,"reason":"Unknown breathing protocol \"slow\": use free or rf."})");
+  EXPECT_NE(get("/status").find(R"("running":false)"), std::string::npos);
+  EXPECT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&protocol=rf&rates=6,5&step_s=60"),
+            R"({"ok":true})");
+  EXPECT_NE(
+      get("/status").find(
+          R"("protocol":"rf","rf":{"rates":[6,5],"step_s":60,"infrac":0.4,"step":1,"steps":2,"bpm":6,"left":60})"),
+      std::string::npos);
+  EXPECT_EQ(get("/seek?frac=1"), R"({"ok":true})");
+  EXPECT_TRUE(test::wait_until(
+      [&] { return get("/status").find(R"("running":false)") != std::string::npos; }, 5s));
+  const std::string rf = get("/rf_result");
+  EXPECT_TRUE(rf.starts_with(
+      R"({"ok":true,"protocol":{"rates":[6,5],"step_s":60,"infrac":0.4},"steps":[{"bpm":6,"start_s":0,"end_s":60,"breaths":6,"reached":true,"peak_trough_hr":)"))
+      << rf;
+  EXPECT_NE(rf.find(R"("recommended_bpm":)"), std::string::npos);
 }
 
 // The replay it starts (label, name, length) is the browser test's.

@@ -44,13 +44,14 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
   s.hr = s.cvn = std::nan("");
   s.hr_series = s.cvn_series = std::make_shared<const std::vector<SeriesPoint>>();
   // The exact text fixes every field, its order and its idle value.
-  EXPECT_EQ(snapshot_json(s),
-            R"({"mode":"idle","running":false,"name_id":"","source_label":"","bt_status":"",)"
-            R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
-            R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
-            R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
-            R"("protocol":"free","rf":null,"tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
-            R"("app_version":"1.0.0"})");
+  EXPECT_EQ(
+      snapshot_json(s),
+      R"({"mode":"idle","running":false,"name_id":"","source_label":"","bt_status":"",)"
+      R"("elapsed":0,"total":0,"frac":0,"cycles_done":0,"cycles_target":16,"hr":null,)"
+      R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
+      R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
+      R"("protocol":"free","rf":null,"tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
+      R"("app_version":"1.0.0"})");
 }
 
 TEST(Snapshot, RoundingProgressSeriesAndMarkers) {
@@ -128,6 +129,16 @@ TEST(SessionParams, CommasDefaultsAndTruncation) {
   EXPECT_EQ(s.sex, "M");
   EXPECT_FALSE(s.name);  // absent: the previous name stays
   EXPECT_EQ(replay_options({}).speed, 2.0);
+
+  std::string why;
+  EXPECT_TRUE(protocol_params({}, &s, &why));
+  EXPECT_FALSE(s.protocol_named);  // a replay then takes the saved protocol
+  EXPECT_TRUE(protocol_params({{"protocol", "rf"}, {"step_s", "90"}}, &s, &why));
+  ASSERT_TRUE(s.rf);
+  EXPECT_EQ(s.rf->step_s, 90);
+  EXPECT_EQ(s.rf->rates.size(), 5u);
+  EXPECT_FALSE(protocol_params({{"protocol", "rf"}, {"infrac", "0.7"}}, &s, &why));
+  EXPECT_NE(why, "");
 }
 
 }  // namespace
