@@ -220,7 +220,9 @@ RfStepScore score_step(const RfStep& step, double infrac, const Beats& beats,
   const CycleAnalysis cycles = analyze_cycles(samples, rr_s, c, kSampleRate);
   double sum = 0.0;
   int count = 0;
+  s.breath_cvn.assign(has_beat.size(), kNaN);
   for (std::size_t k = 0; k < cycles.cvn.size() && k < has_beat.size(); ++k) {
+    s.breath_cvn[k] = cycles.cvn[k];
     if (std::isnan(cycles.cvn[k])) continue;
     sum += cycles.cvn[k];
     ++count;

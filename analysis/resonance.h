@@ -78,6 +78,10 @@ struct RfStepScore {
   double phase_deg = kEmpty;       ///< HR peak after the end of breathing in, (-180, 180]
   double amplitude_bpm = kEmpty;   ///< HR swing at the breathing rate (half of peak to trough)
   double cvn = kEmpty;             ///< mean breathing-cycle log-power of the step's breaths
+  /// The log-power of each finished breath (NaN for one without a value),
+  /// for a whole recording's table in which every breath is a cycle; empty
+  /// for a step without scores.
+  std::vector<double> breath_cvn;
   /// At least 3 finished breaths with beats: only then are the scores above
   /// computed (otherwise NaN), and only then may the step be recommended.
   bool scored = false;

@@ -151,6 +151,11 @@ TEST(RfScore, ResonantRecordingAndOneStoppedEarly) {
     // Mid-breath is 0.1 of a breath (36 degrees) after breathing in ends; the 10 Hz series,
     // built from the beats, moves it by less than 3 degrees.
     EXPECT_NEAR(s.phase_deg, 36, 3) << s.step.bpm;
+    // One log-power per breath, and the step's value is their mean.
+    ASSERT_EQ(s.breath_cvn.size(), static_cast<std::size_t>(s.step.breaths)) << s.step.bpm;
+    double sum = 0;
+    for (double v : s.breath_cvn) sum += v;
+    EXPECT_NEAR(sum / s.step.breaths, s.cvn, 1e-12) << s.step.bpm;
   }
 
   // Stopped at 300 s: the third step has 5 of its 11 breaths, the last two are not reached.
