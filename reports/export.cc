@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "analysis/pipeline.h"
 #include "base/constants.h"
@@ -124,6 +125,13 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   // Our beats, for other HRV tools.
   write("_RR.csv", rr_csv(analysis.rr,
                           std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
+  // Scored as /rf_result scores the session (the same beats, heart rate and
+  // length), once for the table and the report.
+  std::optional<RfResult> rf;
+  if (in.rf) {
+    rf = score_rf(*in.rf, analysis.rr, analysis.hr, analysis.duration_seconds);
+    write("_RF.csv", rf_csv(*rf));
+  }
   if (!out.error.empty()) return out;
 
   SummaryFacts facts;
@@ -161,6 +169,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.expected_freq = expected_frequency(cycle_seconds);
   report.duration_seconds = summary.duration_seconds;
   report.logo = in.logo;
+  report.rf = std::move(rf);
   write("_report.pdf", recording_report_pdf(report));
   return out;
 }

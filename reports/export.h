@@ -63,8 +63,9 @@ struct ExportResult {
 /// measure and both heat-maps), makes "<exports_folder>/<stem>_export" (or
 /// the first free "<stem>-<n>_export", n = 2, 3, ...; an existing entry is
 /// never reused) with missing parents, and writes <stem>_ECG.txt, _HR.txt,
-/// _markers.csv, .edf, _CVN_logpower.csv, _HRV.csv, _RR.csv and _report.pdf
-/// through `disk` (docs/export_files.md).
+/// _markers.csv, .edf, _CVN_logpower.csv, _HRV.csv, _RR.csv, for an
+/// assessment _RF.csv (its steps scored with score_rf), and _report.pdf through
+/// `disk` (docs/export_files.md).
 /// Stops at the first file that cannot be written, keeping those already
 /// written whole (the failed one is not left behind); throws nothing. `clock`
 /// dates a recording without a start time.

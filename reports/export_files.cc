@@ -1,6 +1,8 @@
 #include "reports/export_files.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -102,6 +104,19 @@ std::string significant(double v) {
   char buf[400];  // 1e308 in fixed notation
   std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
   return buf;
+}
+
+// A number that came from typed text (a protocol's rate) reads back as typed:
+// "6.5", not "6.50000".
+std::string shortest(double v) {
+  std::array<char, 32> buf{};
+  const auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), v);
+  return ec == std::errc() ? std::string(buf.data(), end) : std::string();
+}
+
+void append_cell(std::string& out, double v, std::string (*write)(double)) {
+  out.push_back(',');
+  if (std::isfinite(v)) out += write(v);
 }
 
 }  // namespace
@@ -218,6 +233,25 @@ std::string rr_csv(const std::vector<double>& rr_seconds, const std::vector<bool
     }
     out += i < corrected.size() && corrected[i] ? ",1\n" : ",0\n";
   }
+  return out;
+}
+
+std::string rf_csv(const RfResult& result) {
+  std::string out =
+      "bpm,start_s,end_s,breaths,reached,peak_trough_hr,lf_power,lf_peak,phase_deg,"
+      "amplitude_bpm,cvn\n";
+  for (const RfStepScore& s : result.steps) {
+    if (std::isfinite(s.step.bpm)) out += shortest(s.step.bpm);
+    append_cell(out, s.step.start_s, significant);
+    append_cell(out, s.step.end_s, significant);
+    out += ',' + std::to_string(s.step.breaths) + (s.reached ? ",1" : ",0");
+    for (double v : {s.peak_trough_hr, s.lf_power, s.lf_peak, s.phase_deg, s.amplitude_bpm, s.cvn})
+      append_cell(out, v, significant);
+    out.push_back('\n');
+  }
+  out += "recommended_bpm";
+  append_cell(out, result.recommended_bpm, shortest);
+  out.push_back('\n');
   return out;
 }
 

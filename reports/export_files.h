@@ -1,7 +1,8 @@
 // The text files of an export folder beside the ECG text (format_recording)
 // and the markers file (markers_csv): the heart-rate series, the per-cycle
-// log-power table, the HRV indices, the RR intervals and the summary rows the
-// PDF report shows. The HRV and RR files: docs/export_files.md.
+// log-power table, the HRV indices, the RR intervals, a resonance assessment's
+// steps and the summary rows the PDF report shows. The HRV, RR and RF files:
+// docs/export_files.md.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "analysis/hrv.h"
+#include "analysis/resonance.h"
 #include "base/recording.h"
 
 namespace cvn {
@@ -41,6 +43,14 @@ std::string hrv_csv(const HrvIndices& indices);
 /// finite and positive leaves both number cells empty and does not move the later
 /// beats, as compute_hrv drops it. The file `<stem>_RR.csv`.
 std::string rr_csv(const std::vector<double>& rr_seconds, const std::vector<bool>& corrected);
+
+/// "bpm,start_s,end_s,breaths,reached,peak_trough_hr,lf_power,lf_peak,phase_deg,
+/// amplitude_bpm,cvn\n", one line per step in the protocol's order, then
+/// "recommended_bpm,<rate>\n". Rates in their shortest round-trip form, as the
+/// protocol's texts write them ("6.5", "5"); the scheduled breaths as an integer,
+/// reached as 1 or 0; every other number with at least 6 significant digits as in
+/// hrv_csv, and an empty cell for NaN, never "nan". The file `<stem>_RF.csv`.
+std::string rf_csv(const RfResult& result);
 
 /// Mean of the finite values; NaN when there is none.
 double finite_mean(const std::vector<double>& values);

@@ -8,6 +8,7 @@
 #include "analysis/heatmap.h"
 #include "analysis/tfr.h"
 #include "base/constants.h"
+#include "base/recording.h"
 #include "reports/export_files.h"
 #include "reports/report_page.h"
 
@@ -16,7 +17,6 @@ namespace {
 
 constexpr PdfColor kFrame{0.55, 0.57, 0.61};
 constexpr PdfColor kMarker{0.55, 0.22, 0.62};
-constexpr PdfColor kHeartRate{0.90, 0.35, 0.10};
 constexpr PdfColor kExpectedGreen{20 / 255.0, 150 / 255.0, 20 / 255.0};  // the heat-maps' line
 constexpr PdfColor kWhite{1, 1, 1};
 
@@ -81,14 +81,18 @@ std::vector<std::string> tick_labels(const Axis& a) {
   return labels;
 }
 
-void x_axis(PdfCanvas& c, const Box& b, const Axis& a, const std::string& title, bool grid) {
+// `own_labels`: one per tick, an empty one leaves its tick unlabelled; null:
+// tick_labels.
+void x_axis(PdfCanvas& c, const Box& b, const Axis& a, const std::string& title, bool grid,
+            const std::vector<std::string>* own_labels = nullptr) {
   c.line_width(0.5);
-  const std::vector<std::string> labels = tick_labels(a);
+  const std::vector<std::string> labels = own_labels ? *own_labels : tick_labels(a);
   for (std::size_t i = 0; i < a.ticks.size(); ++i) {
     const double x = a.at(a.ticks[i], b.x, b.w);
     if (grid) c.line(kGrid, x, b.y, x, b.y + b.h);
     c.line(kFrame, x, b.y, x, b.y - kTickLength);
-    text_centred(c, kInk, PdfFont::kRegular, kTickSize, x, b.y - kTickLength - 9, labels[i]);
+    if (!labels[i].empty())
+      text_centred(c, kInk, PdfFont::kRegular, kTickSize, x, b.y - kTickLength - 9, labels[i]);
   }
   text_centred(c, kInk, PdfFont::kRegular, 9, b.x + b.w / 2, b.y - kTickLength - 22, title);
 }
@@ -128,7 +132,7 @@ double frequency_y(double f, const Box& b) {
 }  // namespace
 
 void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
-                     const std::vector<Marker>& markers) {
+                     const std::vector<Marker>& markers, const std::vector<StepMark>& steps) {
   double lo = INFINITY, hi = -INFINITY;
   for (double v : hr) {
     if (!std::isfinite(v)) continue;
@@ -168,6 +172,21 @@ void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
     const double top = b.y + b.h - row * (kTagHeight + 1);
     c.fill_rect(kMarker, x - w / 2, top - kTagHeight, w, kTagHeight);
     c.text(kWhite, PdfFont::kBold, 7, x - w / 2 + 2, top - 7.5, key);
+  }
+
+  // Step starts under the curve, each a flag reaching above the frame with its
+  // label beside the staff. A label that would run into the one before it
+  // (a very short step) is left out: the report's table has every step.
+  constexpr double kStepLabelSize = 7;
+  double label_end = -INFINITY;
+  for (const StepMark& s : steps) {
+    if (!(s.seconds >= xa.lo && s.seconds <= xa.hi)) continue;
+    const double x = xa.at(s.seconds, b.x, b.w);
+    c.line_width(0.6);
+    c.line(kStepTeal, x, b.y, x, b.y + b.h + kStepLabelRoom - 2);
+    if (x < label_end) continue;
+    c.text(kStepTeal, PdfFont::kBold, kStepLabelSize, x + 2, b.y + b.h + 3, s.label);
+    label_end = x + 2 + text_width(PdfFont::kBold, kStepLabelSize, s.label) + 2;
   }
 
   // The curve, thinned to min and max per bucket; a gap breaks the path.
@@ -264,6 +283,73 @@ void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<CvnSeries>& series, 
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
 }
 
+void rate_plot(PdfCanvas& c, const Box& b, std::vector<RatePoint> points, PdfColor colour,
+               const std::string& y_title, double marked, const std::string& why_empty) {
+  std::erase_if(points, [](const RatePoint& p) { return !std::isfinite(p.rate); });
+  std::stable_sort(points.begin(), points.end(),
+                   [](const RatePoint& l, const RatePoint& r) { return l.rate < r.rate; });
+  double hi = -INFINITY;
+  for (const RatePoint& p : points)
+    if (std::isfinite(p.value)) hi = std::max(hi, p.value);
+  if (!(hi > -INFINITY)) {
+    empty_plot(c, b, why_empty);
+    return;
+  }
+  // A tick at every rate of the protocol, valued or not, so that a missing
+  // step shows as a gap; the outer dots kept off the frame by a margin that
+  // grows with the span.
+  const double lo_rate = points.front().rate, hi_rate = points.back().rate;
+  const double margin = std::max(0.25, 0.08 * (hi_rate - lo_rate));
+  Axis xa;
+  xa.lo = lo_rate - margin;
+  xa.hi = hi_rate + margin;
+  std::vector<std::string> labels;
+  double label_end = -INFINITY;
+  for (const RatePoint& p : points) {
+    if (!xa.ticks.empty() && p.rate == xa.ticks.back()) continue;
+    xa.ticks.push_back(p.rate);
+    // Rates closer than their labels are wide keep their tick, not the label.
+    std::string label = short_number(p.rate);
+    const double w = text_width(PdfFont::kRegular, kTickSize, label);
+    const double x = xa.at(p.rate, b.x, b.w);
+    if (x - w / 2 < label_end) label.clear();
+    if (!label.empty()) label_end = x + w / 2 + 3;
+    labels.push_back(label);
+  }
+  // From 0: a swing twice as large then looks twice as large.
+  const Axis ya = nice_axis(0, hi, 4, true);
+  x_axis(c, b, xa, "Breathing rate (breaths/min)", true, &labels);
+  y_axis(c, b, ya, y_title, true);
+  if (std::isfinite(marked) && marked >= xa.lo && marked <= xa.hi) {
+    const double x = xa.at(marked, b.x, b.w);
+    c.guide_line(x, b.y, x, b.y + b.h);
+  }
+
+  std::string path;
+  for (const RatePoint& p : points) {
+    if (!std::isfinite(p.value)) continue;
+    path += pdf_number(xa.at(p.rate, b.x, b.w)) + " " + pdf_number(ya.at(p.value, b.y, b.h)) +
+            (path.empty() ? " m\n" : " l\n");
+  }
+  c.stroke_colour(colour);
+  c.line_width(1);
+  c.raw(path + "S\n");
+  constexpr double kDot = 4.5;
+  for (const RatePoint& p : points) {
+    if (!std::isfinite(p.value)) continue;
+    const double x = xa.at(p.rate, b.x, b.w) - kDot / 2, y = ya.at(p.value, b.y, b.h) - kDot / 2;
+    if (p.scored) {
+      c.fill_rect(colour, x, y, kDot, kDot);
+    } else {
+      c.fill_rect(kWhite, x, y, kDot, kDot);
+      c.line_width(0.8);
+      c.stroke_rect(colour, x, y, kDot, kDot);
+    }
+  }
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+}
+
 void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double duration_seconds,
               double expected_freq) {
   if (!have) {
@@ -342,6 +428,10 @@ double legend_item(PdfCanvas& c, double x, double y, const std::string& what, Le
       break;
     case LegendMark::kCycle:
       c.fill_rect(kCvnBlue, x + 6, y + 1, 4, 4);
+      break;
+    case LegendMark::kStep:
+      c.line_width(0.6);
+      c.line(kStepTeal, x + 8, y - 1, x + 8, y + 7);
       break;
   }
   c.text(kMuted, PdfFont::kRegular, 8, x + 20, y, what);

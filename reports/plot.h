@@ -1,6 +1,7 @@
 // The plots of the PDF reports, drawn with their axes into a box of a page:
-// the heart-rate curve, the per-cycle log-power values, and the heat-maps
-// with their colour legend. Internal to the reports.
+// the heart-rate curve, the per-cycle log-power values, a resonance
+// assessment's scores by breathing rate, and the heat-maps with their colour
+// legend. Internal to the reports.
 #pragma once
 #include <string>
 #include <vector>
@@ -16,10 +17,21 @@ struct Box {
   double x, y, w, h;
 };
 
+/// Where a new part of a recording starts (an assessment's step) and what
+/// names it.
+struct StepMark {
+  double seconds;
+  std::string label;
+};
+
+/// Room a plot with step marks needs above its frame for their labels.
+inline constexpr double kStepLabelRoom = 12;
+
 /// The heart rate (bpm on the 10 Hz grid, non-finite for a gap) over time,
-/// its dashed mean, and `markers` as lines with their key on top.
+/// its dashed mean, `markers` as lines with their key on top, and `steps` as
+/// thin lines with their label above the frame (kStepLabelRoom).
 void heart_rate_plot(PdfCanvas& c, const Box& b, const std::vector<double>& hr,
-                     const std::vector<Marker>& markers);
+                     const std::vector<Marker>& markers, const std::vector<StepMark>& steps = {});
 
 /// One recording's cycle values and the colour they are drawn in.
 struct CvnSeries {
@@ -33,6 +45,20 @@ struct CvnSeries {
 void cvn_plot(PdfCanvas& c, const Box& b, const std::vector<CvnSeries>& series, bool mean,
               const std::string& why_empty);
 
+/// One value at a breathing rate; an unscored one (too few breaths to be
+/// compared) is drawn hollow.
+struct RatePoint {
+  double rate;  // breaths per minute
+  double value;
+  bool scored;
+};
+
+/// The points' finite values over their rates (a tick at each rate, its
+/// shortest decimals), from 0 up, joined in rate order; `marked` (NaN: none)
+/// gets a dashed guide. With no finite value, `why_empty` is shown.
+void rate_plot(PdfCanvas& c, const Box& b, std::vector<RatePoint> points, PdfColor colour,
+               const std::string& y_title, double marked, const std::string& why_empty);
+
 /// The picture `image` (a resource of the page) with its axes; `have` false
 /// draws why it is missing instead. `expected_freq` 0: no label.
 void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double duration_seconds,
@@ -43,7 +69,7 @@ void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double d
 void colour_legend(PdfCanvas& c, double x, double y, double w, bool below);
 
 /// The sample a legend entry shows before its word.
-enum class LegendMark { kHeartRate, kMean, kMarker, kCycle };
+enum class LegendMark { kHeartRate, kMean, kMarker, kCycle, kStep };
 
 /// A legend entry left to right from x, its text's baseline at y; returns
 /// where the next entry starts.

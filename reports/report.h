@@ -1,13 +1,16 @@
-// The PDF reports: the two-page report of one recording and the summary of a
-// batch. Layout and file structure: docs/pdf.md.
+// The PDF reports: the report of one recording (two pages, three for a
+// resonance assessment) and the summary of a batch. Layout and file
+// structure: docs/pdf.md.
 #pragma once
 #include <cmath>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "analysis/hrv.h"
 #include "analysis/png.h"
+#include "analysis/resonance.h"
 #include "base/recording.h"
 #include "reports/export_files.h"
 #include "reports/pdf.h"
@@ -28,11 +31,16 @@ struct RecordingReport {
   bool rr_only = false;             // from an RR-interval export: there is no ECG
   HrvIndices hrv;                   // the HRV block
   ReportLogo logo;                  // empty: no logo
+  /// A resonance assessment's scores (score_rf); absent: a single rhythm.
+  std::optional<RfResult> rf;
 };
 
 /// The whole file: page 1 with the title, the summary rows, the heart-rate
-/// and the per-cycle log-power plots; page 2 with both heat-maps. Objects
-/// 1-10 in a fixed order, the logo as object 11 when there is one.
+/// and the per-cycle log-power plots; page 2 with both heat-maps; for an
+/// assessment, page 3 with its steps, their plots and the recommended pace,
+/// and the steps marked on page 1's heart rate. Objects 1-10 in a fixed
+/// order, the logo as object 11 when there is one, then page 3 and its
+/// content.
 std::string recording_report_pdf(const RecordingReport& report);
 
 /// One recording of a batch as the summary shows it: the ExportResult

@@ -16,6 +16,10 @@ inline constexpr PdfColor kAccent{0.10, 0.22, 0.42};
 inline constexpr PdfColor kGrid{0.89, 0.90, 0.92};
 inline constexpr PdfColor kZebra{0.955, 0.962, 0.972};
 inline constexpr PdfColor kCvnBlue{0.16, 0.38, 0.68};
+inline constexpr PdfColor kHeartRate{0.90, 0.35, 0.10};
+// An assessment's step boundaries: apart from the markers' purple and the
+// heart rate's orange, quieter than both.
+inline constexpr PdfColor kStepTeal{0.09, 0.47, 0.44};
 
 // --- Page frame: margins, the title band and the footer.
 inline constexpr double kLeft = 56;

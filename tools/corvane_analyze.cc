@@ -1,6 +1,7 @@
 // corvane-analyze: the whole analysis of one raw ECG text file, without the browser. Prints
 // one JSON object (R-peak intervals, heart rate, cycles, CVN values, statistics, heat-map
-// scales and stage timings) and optionally writes both heat-maps as PNG files.
+// scales, a resonance assessment's scores and stage timings) and optionally writes both
+// heat-maps as PNG files.
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -16,6 +17,7 @@
 #include "analysis/hrv.h"
 #include "analysis/pipeline.h"
 #include "analysis/png.h"
+#include "analysis/resonance.h"
 #include "base/breathing.h"
 #include "base/constants.h"
 #include "base/files.h"
@@ -23,6 +25,7 @@
 #include "engine/engine.h"
 #include "engine/import.h"
 #include "server/json.h"
+#include "server/snapshot_json.h"
 
 namespace {
 
@@ -41,7 +44,9 @@ constexpr int kMaxAge = 150;
 // The defaults and limits are the program's own, so the text is built from them.
 std::string usage() {
   const BreathingSettings d;
+  const RfProtocolText rf = rf_protocol_text(RfProtocol{});
   return "usage: corvane-analyze [--indur S] [--outdur S] [--sex M|F] [--age N] [--fs HZ]\n"
+         "                       [--protocol free|rf [--rates LIST] [--step-s S] [--infrac F]]\n"
          "                       [--png-dir DIR] FILE\n"
          "Analyses a raw ECG text file (one sample per line, " +
          short_number(kSampleRate) +
@@ -54,12 +59,27 @@ std::string usage() {
          d.sex + " and " + std::to_string(d.age) +
          "); --png-dir also writes tfr3.png and\n"
          "tfr10.png there.\n"
+         "--protocol rf scores the recording as a resonance-frequency assessment (\"rf\" in the\n"
+         "JSON; null for free, the default): --rates are the breathing rates in the order\n"
+         "breathed (" +
+         std::to_string(kRfMinRates) + " to " + std::to_string(kRfMaxRates) + " of them, " +
+         short_number(kRfMinRate) + " to " + short_number(kRfMaxRate) + " breaths/min; default " +
+         rf.rates +
+         "), --step-s the\n"
+         "length of each step (" +
+         short_number(kRfMinStep) + " to " + short_number(kRfMaxStep) + " s; default " + rf.step_s +
+         "), --infrac the share of each breath spent\n"
+         "breathing in (" +
+         short_number(kRfMinInfrac) + " to " + short_number(kRfMaxInfrac) + "; default " +
+         rf.infrac +
+         ").\n"
          "Exit status: 0 done, 1 recording not analysable, 2 bad command line, 3 file error.\n";
 }
 
 struct Options {
   BreathingSettings breathing;
-  double fs = 0.0;  // 0: the file is at kSampleRate
+  double fs = 0.0;               // 0: the file is at kSampleRate
+  std::optional<RfProtocol> rf;  // absent: a free (single-rhythm) analysis
   std::string png_dir;
   std::string file;
 };
@@ -85,6 +105,10 @@ bool parse_number(std::string text, double& value) {
 
 // Returns an exit code when the command line is not usable, -1 otherwise.
 int parse_options(int argc, char** argv, Options& o) {
+  std::string protocol = "free";
+  // The texts parse_rf_protocol reads, as a session request carries them; empty: the default.
+  std::string rates, step_s, infrac;
+  bool rf_options = false;
   std::vector<std::pair<std::string, std::string>> opts;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
@@ -125,6 +149,13 @@ int parse_options(int argc, char** argv, Options& o) {
         return fail(kExitUsage, "--fs must be a sample rate from " + short_number(kMinImportRate) +
                                     " to " + short_number(kMaxImportRate) + " Hz, not " + value);
       o.fs = v;
+    } else if (arg == "--protocol") {
+      if (value != "free" && value != "rf")
+        return fail(kExitUsage, "--protocol must be free or rf, not " + value);
+      protocol = value;
+    } else if (arg == "--rates" || arg == "--step-s" || arg == "--infrac") {
+      (arg == "--rates" ? rates : arg == "--step-s" ? step_s : infrac) = value;
+      rf_options = true;
     } else if (arg == "--png-dir") {
       if (value.empty()) return fail(kExitUsage, "--png-dir needs a folder");
       o.png_dir = value;
@@ -133,6 +164,14 @@ int parse_options(int argc, char** argv, Options& o) {
     }
   }
   if (o.file.empty()) return fail(kExitUsage, "no FILE given");
+  // Said rather than ignored: a free analysis would silently score nothing.
+  if (rf_options && protocol != "rf")
+    return fail(kExitUsage, "--rates, --step-s and --infrac need --protocol rf");
+  if (protocol == "rf") {
+    std::string error;
+    o.rf = parse_rf_protocol(rates, step_s, infrac, &error);
+    if (!o.rf) return fail(kExitUsage, error);
+  }
   BreathingSettings& b = o.breathing;
   b.indur = breathing_period(b.indur);
   b.outdur = breathing_period(b.outdur);
@@ -232,6 +271,14 @@ int main(int argc, char** argv) {
                                         " RR intervals found; the cycle analysis needs 3");
   }
 
+  // Scored as the server's /rf_result scores a session, and written by the same code, so
+  // that the two agree byte for byte.
+  std::string rf_json = "null";
+  if (o.rf) {
+    rf_json = rf_result_json(score_rf(*o.rf, rr, hr, recording.duration_seconds));
+    timings.emplace_back("rf", watch.lap());
+  }
+
   const char sex = o.breathing.sex == "F" ? 'F' : 'M';
   const int age = o.breathing.age;
   const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, sex, age);
@@ -318,7 +365,8 @@ int main(int argc, char** argv) {
     j += "\":";
     append_number(j, f.value(recording.hrv));
   }
-  j += "},\"png_bytes\":[" + std::to_string(png3.size()) + "," + std::to_string(png10.size()) + "]";
+  j += "},\"rf\":" + rf_json;
+  j += ",\"png_bytes\":[" + std::to_string(png3.size()) + "," + std::to_string(png10.size()) + "]";
   j += ",\"timings\":{";
   for (std::size_t i = 0; i < timings.size(); ++i) {
     if (i) j += ',';

@@ -63,6 +63,45 @@ TEST(RrCsv, BeatTimesIntervalsAndFlags) {
             "2.352,790.000,0\n");
 }
 
+// A row per step in the protocol's order: rates as typed, scores to 6 digits,
+// empty cells (never "nan") for what could not be computed and for a step the
+// recording did not reach; the recommendation last, empty when there is none.
+TEST(RfCsv, StepsEmptyCellsAndRecommendation) {
+  RfResult r;
+  r.protocol.rates = {6.5, 5.25, 4.5};
+  RfStepScore full, partial, unreached;
+  full.step = {6.5, 60 / 6.5, 0.4 * 60 / 6.5, 0.6 * 60 / 6.5, 0, 120, 13};
+  full.reached = full.scored = true;
+  full.finished_breaths = 13;
+  full.peak_trough_hr = 9.4666281;
+  full.lf_power = 3112.2345;
+  full.lf_peak = 0.08350730;
+  full.phase_deg = -37.49381;
+  full.amplitude_bpm = 4.6975;
+  full.cvn = 11.344312;
+  partial.step = {5.25, 60 / 5.25, 0, 0, 120, 234.28571428571428, 10};
+  partial.reached = true;
+  partial.finished_breaths = 2;
+  partial.peak_trough_hr = 0.00001234567;  // a flat step: an exponent, not "0.00000"
+  partial.lf_power = 0;
+  unreached.step = {4.5, 60 / 4.5, 0, 0, 234.28571428571428, 354.28571428571428, 9};
+  r.steps = {full, partial, unreached};
+  r.recommended_bpm = 6.5;
+  const std::string head =
+      "bpm,start_s,end_s,breaths,reached,peak_trough_hr,lf_power,lf_peak,phase_deg,"
+      "amplitude_bpm,cvn\n";
+  const std::string rows =
+      "6.5,0,120.000,13,1,9.46663,3112.23,0.0835073,-37.4938,4.69750,11.3443\n"
+      "5.25,120.000,234.286,10,1,1.23457e-05,0,,,,\n"
+      "4.5,234.286,354.286,9,0,,,,,,\n";
+  EXPECT_EQ(rf_csv(r), head + rows + "recommended_bpm,6.5\n");
+
+  r.recommended_bpm = RfStepScore::kEmpty;
+  EXPECT_EQ(rf_csv(r), head + rows + "recommended_bpm,\n");
+  r.steps.clear();  // a protocol rf_schedule refuses
+  EXPECT_EQ(rf_csv(r), head + "recommended_bpm,\n");
+}
+
 TEST(HrText, OneLinePerGridPoint) {
   EXPECT_EQ(hr_text({60, 72.456, NAN, 0.004}), "60.00\n72.46\n\n0.00\n");
 }

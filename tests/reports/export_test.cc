@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <numbers>
 
 #include "analysis/pipeline.h"
 #include "assets/assets.h"
@@ -120,6 +121,50 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   for (const char* t : {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
     EXPECT_NE(text.out.find(t), std::string::npos) << t;
   EXPECT_EQ(text.out.find("R-peaks"), std::string::npos);
+}
+
+// RR(t) = 1 - A(r) cos(2 pi (phase - 0.5)) s through the steps of `s`, the
+// swing A(r) largest at 5 bpm (as in tests/analysis/resonance_test.cc).
+std::vector<double> resonant_rr(const std::vector<RfStep>& s) {
+  std::vector<double> rr;
+  for (double t = 0; t < rf_total_seconds(s); t += rr.back()) {
+    const PacerPosition at = pacer_at(s, t);
+    const double r = s[at.step].bpm, detune = r / 5.0 - 5.0 / r;
+    const double a = 0.08 / std::sqrt(1 + 4 * detune * detune);
+    rr.push_back(1.0 - a * std::cos(2 * std::numbers::pi * (at.phase - 0.5)));
+  }
+  return rr;
+}
+
+// An assessment adds its steps after the intervals, scored on the beats, heart
+// rate and length the pipeline gives (as /rf_result scores a session), and a
+// third page that recommends the resonant rate.
+TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
+  test::TempDir dir;
+  ExportInput in;
+  in.name = "rf";
+  in.rf = RfProtocol{};
+  in.rr_seconds = resonant_rr(rf_schedule(*in.rf));
+  const ExportResult r = write_export(in, dir.path());
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.files,
+            (std::vector<std::string>{"rf_HR.txt", "rf_markers.csv", "rf_CVN_logpower.csv",
+                                      "rf_HRV.csv", "rf_RR.csv", "rf_RF.csv", "rf_report.pdf"}));
+  const RecordingAnalysis a =
+      analyze_recording(RrSeconds{in.rr_seconds}, in.breathing.cycle_seconds());
+  const RfResult want = score_rf(*in.rf, a.rr, a.hr, a.duration_seconds);
+  ASSERT_EQ(want.recommended_bpm, 5.0);
+  EXPECT_EQ(test::slurp(r.folder + "/rf_RF.csv"), rf_csv(want));
+
+  if (!test::have_tool("/usr/bin/pdftotext")) GTEST_SKIP() << "poppler-utils is not installed";
+  const std::string pdf = r.folder + "/rf_report.pdf";
+  const test::ToolRun info = test::run_tool({"/usr/bin/pdfinfo", pdf});
+  EXPECT_NE(info.out.find("\nPages:           3\n"), std::string::npos) << info.out;
+  const test::ToolRun text = test::run_tool({"/usr/bin/pdftotext", "-f", "3", "-l", "3", pdf, "-"});
+  ASSERT_EQ(text.status, 0) << text.err;
+  for (const char* t :
+       {"Resonance frequency assessment", "Recommended pace: 5.0 breaths/min", "Page 3 of 3"})
+    EXPECT_NE(text.out.find(t), std::string::npos) << t << "\n" << text.out;
 }
 
 // The disk fills up at the third file: the two before it stay whole, the

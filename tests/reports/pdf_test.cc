@@ -6,6 +6,7 @@
 #include <cmath>
 #include <regex>
 #include <set>
+#include <tuple>
 
 #include "assets/assets.h"
 #include "base/files.h"
@@ -69,6 +70,33 @@ RecordingReport short_report() {
   return r;
 }
 
+RfStepScore rf_step(const RfStep& at, int finished, std::array<double, 6> scores) {
+  RfStepScore s;
+  s.step = at;
+  s.reached = true;
+  s.finished_breaths = finished;
+  s.scored = finished >= 3;
+  std::tie(s.peak_trough_hr, s.lf_power, s.lf_peak, s.phase_deg, s.amplitude_bpm, s.cvn) =
+      std::tuple_cat(scores);
+  return s;
+}
+
+// The example stopped at 300 s of the default protocol: two whole steps, the
+// third with 2 of its 11 breaths (values, but not compared), two not reached;
+// one LF power could not be computed.
+RecordingReport rf_report() {
+  RecordingReport r = example_report();
+  RfResult rf;
+  const std::vector<RfStep> steps = rf_schedule(rf.protocol);
+  rf.steps = {rf_step(steps[0], 13, {6.31, 1488.73, 0.109244, 37.94, 3.15, 10.39}),
+              rf_step(steps[1], 12, {7.52, NAN, 0.101053, -12.5, 3.73, 10.79}),
+              rf_step(steps[2], 2, {9.77, 2739.22, 0.0926316, 37.64, 4.36, 11.34})};
+  for (int i : {3, 4}) rf.steps.push_back({.step = steps[static_cast<std::size_t>(i)]});
+  rf.recommended_bpm = 6;
+  r.rf = rf;
+  return r;
+}
+
 SummaryEntry recording(const std::string& file, int cycles) {
   SummaryEntry e;
   e.file = file;
@@ -111,6 +139,7 @@ class ReportPdf : public testing::Test {
     no_logo.logo = {};  // one object fewer
     ASSERT_EQ(write_file_checked(*dir_ / "no_logo.pdf", recording_report_pdf(no_logo)), "");
     ASSERT_EQ(write_file_checked(short_report_file(), recording_report_pdf(short_report())), "");
+    ASSERT_EQ(write_file_checked(rf_report_file(), recording_report_pdf(rf_report())), "");
   }
   static void TearDownTestSuite() { delete dir_; }
   void SetUp() override {
@@ -120,6 +149,7 @@ class ReportPdf : public testing::Test {
   static std::string report() { return *dir_ / "report.pdf"; }
   static std::string summary() { return *dir_ / "summary.pdf"; }
   static std::string short_report_file() { return *dir_ / "short.pdf"; }
+  static std::string rf_report_file() { return *dir_ / "rf.pdf"; }
   static inline test::TempDir* dir_ = nullptr;
 };
 
@@ -133,15 +163,17 @@ TEST(PdfFile, StringsAndNumbers) {
 }
 
 // qpdf checks the structure and the cross-reference offsets; pdfinfo the page
-// count and size; pdftoppm renders every page without a warning.
+// count (an assessment has a third) and size; pdftoppm renders every page
+// without a warning.
 TEST_F(ReportPdf, QpdfPdfinfoAndPdftoppmFindNoFault) {
   for (const std::string& file :
-       {report(), summary(), *dir_ / "no_logo.pdf", short_report_file()}) {
+       {report(), summary(), *dir_ / "no_logo.pdf", short_report_file(), rf_report_file()}) {
     test::ToolRun r = run_tool({"/usr/bin/qpdf", "--check", file});
     EXPECT_EQ(r.status, 0) << file << "\n" << r.out << r.err;
     EXPECT_NE(r.out.find("No syntax or stream encoding errors"), std::string::npos) << r.out;
     r = run_tool({"/usr/bin/pdfinfo", file});
-    EXPECT_TRUE(std::regex_search(r.out, std::regex("Pages: +2\n"))) << r.out;
+    const std::string pages = file == rf_report_file() ? "3" : "2";
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("Pages: +" + pages + "\n"))) << r.out;
     EXPECT_TRUE(std::regex_search(r.out, std::regex("Page size: +595 x 842 pts \\(A4\\)")))
         << r.out;
     r = run_tool({"/usr/bin/pdftoppm", "-r", "40", "-png", file, *dir_ / "page"});
@@ -157,6 +189,13 @@ TEST_F(ReportPdf, PdftotextFindsEveryText) {
         "3 @ 12.5 s, 1 @ 20.0 s", "pow (mean): 5.200", "Mean HR: ", "HR (BPM)", "Time (s)",
         "CVN (logpower)", "Cycles", "TFR - high time resolution", "TFR - high frequency resolution",
         "Frequency (Hz)", "0.02", "0.10", "0.18", "0.0625 Hz", "Page 1 of 2", "Page 2 of 2"}},
+      {rf_report_file(),
+       {"step start (breaths/min on top)", "Page 1 of 3", "Page 2 of 3",
+        "Resonance frequency assessment", "Recommended pace: 6.0 breaths/min",
+        "One breath every 10.0 s: breathe in for 4.0 s, out for 6.0 s.", "Steps",
+        "Heart-rate swing and LF power by breathing rate", "Breathing rate (breaths/min)",
+        "Peak\u2013trough HR (bpm)", "LF power (ms\u00b2)", "recommended pace",
+        "How to read the steps", "Page 3 of 3"}},
       {summary(),
        // The head counts what failed, not what worked: a clean batch read as
        // failed (or the reverse) would discredit every number below it.
@@ -224,7 +263,7 @@ TEST_F(ReportPdf, HrvBlockAndSummaryLinesReadAsValuesWithUnits) {
 TEST_F(ReportPdf, NoWordMeetsAnother) {
   const std::regex word(
       R"re(<word xMin="([\d.]+)" yMin="([\d.]+)" xMax="([\d.]+)" yMax="([\d.]+)">([^<]*))re");
-  for (const std::string& file : {report(), short_report_file(), summary()}) {
+  for (const std::string& file : {report(), short_report_file(), summary(), rf_report_file()}) {
     const std::string html = run_tool({"/usr/bin/pdftotext", "-bbox", file, "-"}).out;
     std::size_t from = 0, to = 0;
     for (int page = 1; (to = html.find("</page>", from)) != std::string::npos; ++page) {
@@ -253,6 +292,27 @@ TEST_F(ReportPdf, NoWordMeetsAnother) {
       }
     }
   }
+}
+
+// Page 3 in layout mode: a step per line with its values in column order, the
+// partial step's breaths, dashes, "not reached"; page 1 flags the steps the
+// recording reached, and only those. Without a step to recommend, the page
+// says so.
+TEST_F(ReportPdf, AssessmentPageReadsAsRows) {
+  const std::string text = layout_text(rf_report_file());
+  for (const char* t :
+       {"6.5 13 6.3 1488.7 0.1092 37.9 3.1 10.39\n", "6.0 12 7.5 \u2013 0.1011 -12.5 3.7 10.79\n",
+        "5.5 2 of 11 9.8 2739.2 0.0926 37.6 4.4 11.34\n", "5.0 not reached\n", "4.5 not reached\n",
+        " 6.5 6.0 5.5\n"})
+    EXPECT_NE(text.find(t), std::string::npos) << t;
+
+  RecordingReport none = rf_report();
+  none.rf->recommended_bpm = NAN;
+  const std::string file = *dir_ / "rf_none.pdf";
+  ASSERT_EQ(write_file_checked(file, recording_report_pdf(none)), "");
+  const std::string said = layout_text(file);
+  EXPECT_NE(said.find("No recommendation"), std::string::npos);
+  EXPECT_EQ(said.find("Recommended pace"), std::string::npos);
 }
 
 TEST_F(ReportPdf, PdfimagesListsTheMapsAndTheJpegLogo) {

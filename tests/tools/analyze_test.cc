@@ -2,8 +2,15 @@
 // a message and a distinct exit status for each kind of failure.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 
+#include "analysis/pipeline.h"
+#include "analysis/resonance.h"
+#include "base/breathing.h"
+#include "base/files.h"
+#include "base/recording.h"
+#include "server/snapshot_json.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -39,13 +46,29 @@ TEST(Analyze, SampleGivesOneJsonObjectAndBothImages) {
   for (const char* key : {"\"samples\":23920", "\"rr\":[", "\"hr\":[", "\"cycle_bounds\":[0,1300,",
                           "\"cvn\":[", "\"expected_freq\":0.1", "\"expected_row\":160",
                           "\"stats\":{", "\"scale\":{", "\"hrv\":{\"n_beats\":",
-                          ",\"peak_trough_hr\":", "\"timings\":{"})
+                          ",\"peak_trough_hr\":", "},\"rf\":null,\"png_bytes\":[", "\"timings\":{"})
     EXPECT_NE(r.out.find(key), std::string::npos) << key;
   for (const char* png : {"tfr3.png", "tfr10.png"}) {
     std::string bytes = test::slurp(out / png);
     ASSERT_GT(bytes.size(), 1000u) << png;
     EXPECT_EQ(bytes.substr(1, 3), "PNG");
   }
+}
+
+// The "rf" object is the one /rf_result gives for the same recording: score_rf on the
+// pipeline's beats, heart rate and length, written by rf_result_json.
+TEST(Analyze, AssessmentGivesTheServersRfObject) {
+  Outcome r = analyze({"--protocol", "rf", "--rates", "6.5,6,5.5", "--step-s", "120", sample(1)});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::size_t from = r.out.find(",\"rf\":"), to = r.out.find(",\"png_bytes\":");
+  ASSERT_TRUE(from != std::string::npos && to > from) << r.out.substr(0, 200);
+
+  const std::vector<double> samples = read_recording(*read_file(sample(1)));
+  const RecordingAnalysis a =
+      analyze_recording(EcgSamples{samples}, BreathingSettings{}.cycle_seconds());
+  const RfResult want = score_rf(RfProtocol{{6.5, 6, 5.5}}, a.rr, a.hr, a.duration_seconds);
+  ASSERT_TRUE(std::isfinite(want.recommended_bpm)) << "264 s: two whole steps to compare";
+  EXPECT_EQ(r.out.substr(from + 6, to - from - 6), rf_result_json(want));
 }
 
 TEST(Analyze, FailuresHaveMessagesAndDistinctStatuses) {
@@ -62,6 +85,13 @@ TEST(Analyze, FailuresHaveMessagesAndDistinctStatuses) {
       {{dir / "missing.txt"}, 3, "cannot open"},
       {{dir.path()}, 3, "folder"},
       {{dir / "short.txt"}, 1, "too short"},
+      // An assessment's refusals are the session request's sentences.
+      {{"--protocol", "rf", "--rates", "6.5,11", sample(1)},
+       2,
+       "Rates must be 2 to 8 numbers from 3 to 10 breaths per minute."},
+      {{"--protocol", "rf", "--infrac", "0.7", sample(1)}, 2, "breathing-in share"},
+      {{"--protocol", "paced", sample(1)}, 2, "--protocol must be free or rf"},
+      {{"--rates", "6,5", sample(1)}, 2, "need --protocol rf"},
   };
   for (const Case& c : cases) {
     Outcome r = analyze(c.args);
