@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "analysis/resonance.h"
 #include "app/platform.h"
 #include "assets/assets.h"
 #include "base/files.h"
@@ -12,6 +13,8 @@
 #include "base/recording.h"
 #include "engine/engine.h"
 #include "engine/journal.h"
+#include "sensor/model_strap.h"
+#include "sensor/polar_ble.h"
 #include "sensor/sensor_link.h"
 #include "server/http.h"
 #include "server/routes.h"
@@ -37,6 +40,39 @@ int parse_port(const char* text) {
   if (v > INT32_MAX - kPortTries) return INT32_MAX - kPortTries;
   if (v < INT32_MIN) return INT32_MIN;
   return static_cast<int>(v);
+}
+
+// CVN_SIM_RESONANCE: the model strap's resonance, breaths per minute, within
+// the rates an assessment may try (so one can find it); anything else is
+// reported and the default taken.
+double simulated_resonance(const char* text) {
+  if (text == nullptr) return kDefaultModelResonance;
+  char* end = nullptr;
+  const double v = std::strtod(text, &end);
+  if (end != text && *end == '\0' && v >= kRfMinRate && v <= kRfMaxRate) return v;
+  std::fprintf(stderr,
+               "CVN_SIM_RESONANCE=%s is not a rate from %g to %g breaths per minute; using %g.\n",
+               text, kRfMinRate, kRfMaxRate, kDefaultModelResonance);
+  return kDefaultModelResonance;
+}
+
+// The sensor link CVN_SIMULATED_STRAP asks for: the bundled sample ("1"), a
+// modelled body ("model"), or else the platform's Bluetooth.
+std::unique_ptr<BleManager> make_link() {
+  const char* sim = std::getenv("CVN_SIMULATED_STRAP");
+  const std::string_view mode = sim ? sim : "";
+  if (mode == "model") {
+    // As make_sensor_link sets up the sample strap: nothing to wake, and a
+    // short scan that still feels like one.
+    BleTimings t;
+    t.warm_up = std::chrono::milliseconds(0);
+    t.scan = std::chrono::milliseconds(2000);
+    return std::make_unique<PolarBle>(
+        make_model_strap(simulated_resonance(std::getenv("CVN_SIM_RESONANCE"))), t);
+  }
+  std::optional<std::vector<double>> simulated_ecg;
+  if (mode == "1") simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
+  return make_sensor_link(std::move(simulated_ecg));
 }
 
 void move_file(const fs::path& from, const fs::path& to) {
@@ -125,11 +161,7 @@ int run_app(int argc, char** argv) {
   // The engine lives as long as the process; connection threads and jobs
   // hold on to it until the very end.
   set_log_folder(f.data);
-  std::optional<std::vector<double>> simulated_ecg;
-  const char* sim = std::getenv("CVN_SIMULATED_STRAP");
-  if (sim && std::string_view(sim) == "1")
-    simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
-  Engine* engine = new Engine(f.data, make_sensor_link(std::move(simulated_ecg)));
+  Engine* engine = new Engine(f.data, make_link());
   prepare_data_folder(f);
   // Before serving, so no new session can start a journal of its own first.
   for (const Recovery& r : recover_journals(f.data + "/recordings")) {

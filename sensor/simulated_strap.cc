@@ -1,6 +1,7 @@
 #include "sensor/simulated_strap.h"
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -18,9 +19,27 @@ using Handler = std::function<void(const std::vector<std::uint8_t>&)>;
 
 constexpr const char* kClosed = "simulated strap: link closed";
 
+// A recording played from its start, looping.
+class LoopedRecording : public SimulatedEcg {
+ public:
+  explicit LoopedRecording(std::shared_ptr<const std::vector<double>> ecg) : ecg_(std::move(ecg)) {}
+  void fill(std::span<double> out) override {
+    const std::vector<double>& ecg = *ecg_;
+    for (double& v : out) {
+      v = ecg[pos_];
+      pos_ = (pos_ + 1) % ecg.size();
+    }
+  }
+
+ private:
+  const std::shared_ptr<const std::vector<double>> ecg_;  // never empty
+  std::size_t pos_ = 0;
+};
+
 class SimulatedLink : public BleConnection {
  public:
-  explicit SimulatedLink(std::shared_ptr<const std::vector<double>> ecg) : ecg_(std::move(ecg)) {}
+  SimulatedLink(std::unique_ptr<SimulatedEcg> source, double speed)
+      : source_(std::move(source)), speed_(speed) {}
   ~SimulatedLink() override { close(); }
 
   Status watch_connection(std::function<void(bool)>) override { return Status(); }
@@ -82,31 +101,28 @@ class SimulatedLink : public BleConnection {
   }
 
   void stream() {
-    const std::vector<double>& ecg = *ecg_;
-    if (ecg.empty()) return;
+    if (!source_) return;
     using clock = std::chrono::steady_clock;
     const auto start = clock::now();
-    std::size_t pos = 0;
+    std::vector<double> batch(kSimulatedFrameSamples);
     for (std::uint64_t frame = 1;; ++frame) {
       // Frame k is due when its last sample has been "measured": no drift
       // however long the session runs.
-      auto due = start + std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(
-                             static_cast<double>(frame * kSimulatedFrameSamples) / kSampleRate));
+      auto due =
+          start + std::chrono::duration_cast<clock::duration>(std::chrono::duration<double>(
+                      static_cast<double>(frame * kSimulatedFrameSamples) / kSampleRate / speed_));
       std::unique_lock<std::mutex> g(mu_);
       if (wake_.wait_until(g, due, [this] { return closed_; })) return;
-      std::vector<double> batch;
-      batch.reserve(kSimulatedFrameSamples);
-      for (int i = 0; i < kSimulatedFrameSamples; ++i) {
-        batch.push_back(ecg[pos]);
-        pos = (pos + 1) % ecg.size();  // the recording loops
-      }
-      // Timestamps in nanoseconds, as the strap counts them.
+      source_->fill(batch);
+      // Timestamps in nanoseconds, as the strap counts them: the strap's
+      // own time, whatever the speed.
       std::uint64_t ns = frame * kSimulatedFrameSamples * 1000000000ull / kSampleRateInt;
       if (data_) data_(encode_ecg_frame(ns, batch));
     }
   }
 
-  const std::shared_ptr<const std::vector<double>> ecg_;
+  const std::unique_ptr<SimulatedEcg> source_;  // used by the streamer only
+  const double speed_;
   std::mutex mu_;
   std::condition_variable wake_;
   bool closed_ = false;
@@ -116,32 +132,57 @@ class SimulatedLink : public BleConnection {
 
 class SimulatedStrap : public BleBackend {
  public:
-  explicit SimulatedStrap(std::vector<double> ecg)
-      : ecg_(std::make_shared<const std::vector<double>>(std::move(ecg))) {}
+  explicit SimulatedStrap(SimulatedStrapSetup setup)
+      : setup_(std::move(setup)), address_(parse_ble_address(setup_.address)) {
+    if (!std::isfinite(setup_.speed) || !(setup_.speed > 0)) setup_.speed = 1;
+  }
+  void set_breathing_guide(BreathingGuide guide) override {
+    std::lock_guard<std::mutex> g(mu_);
+    guide_ = std::move(guide);
+  }
   Status has_adapter(bool* present) override {
     *present = true;
     return Status();
   }
   Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    seen(parse_ble_address(kSimulatedStrapAddress), kSimulatedStrapName);
+    seen(address_, setup_.name);
     return Status();
   }
   void stop_scan() override {}
   Status open_device(std::uint64_t address, std::stop_token,
                      std::shared_ptr<BleConnection>* link) override {
-    if (address == parse_ble_address(kSimulatedStrapAddress))
-      *link = std::make_shared<SimulatedLink>(ecg_);
+    if (address != address_) return Status();
+    BreathingGuide guide;
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      guide = guide_;
+    }
+    *link = std::make_shared<SimulatedLink>(setup_.source ? setup_.source(guide) : nullptr,
+                                            setup_.speed);
     return Status();
   }
 
  private:
-  const std::shared_ptr<const std::vector<double>> ecg_;
+  SimulatedStrapSetup setup_;
+  const std::uint64_t address_;
+  std::mutex mu_;
+  BreathingGuide guide_;  // the engine sets it from its own thread
 };
 
 }  // namespace
 
+std::shared_ptr<BleBackend> make_simulated_strap(SimulatedStrapSetup setup) {
+  return std::make_shared<SimulatedStrap>(std::move(setup));
+}
+
 std::shared_ptr<BleBackend> make_simulated_strap(std::vector<double> ecg) {
-  return std::make_shared<SimulatedStrap>(std::move(ecg));
+  auto shared = std::make_shared<const std::vector<double>>(std::move(ecg));
+  SimulatedStrapSetup setup{kSimulatedStrapName, kSimulatedStrapAddress, nullptr, 1};
+  if (!shared->empty())
+    setup.source = [shared](const BreathingGuide&) -> std::unique_ptr<SimulatedEcg> {
+      return std::make_unique<LoopedRecording>(shared);
+    };
+  return make_simulated_strap(std::move(setup));
 }
 
 }  // namespace cvn
