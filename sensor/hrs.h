@@ -25,8 +25,8 @@ struct HeartRateMeasurement {
   /// Only meaningful when contact_supported: a strap without the feature
   /// sends "not detected", which does not mean off the skin.
   bool contact_detected = false;
-  std::optional<int> energy_kj;     ///< Energy Expended, kilojoules.
-  std::vector<double> rr_seconds;   ///< Oldest first; 0 is kept as sent.
+  std::optional<int> energy_kj;    ///< Energy Expended, kilojoules.
+  std::vector<double> rr_seconds;  ///< Oldest first; 0 is kept as sent.
 };
 
 /// Parses one notification value. nullopt when it is shorter than its flags
