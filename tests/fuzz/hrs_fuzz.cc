@@ -1,6 +1,7 @@
 // The Heart Rate Measurement parser on arbitrary notifications, as any strap
 // (or anything pretending to be one) may send them; a parsed value encodes
-// back to its own bytes, up to the flag bits the parser ignores.
+// back to its own bytes, up to the flag bits and trailing bytes the parser
+// ignores.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,7 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Reserved bits 5-7 are dropped; "detected" without "supported" too.
   std::uint8_t flags = data[0] & 0x1D;
   if (data[0] & 0x04) flags |= data[0] & 0x02;
-  if (encoded.size() != size || encoded[0] != flags ||
+  // Without RR fields, bytes after the last field are ignored, so the
+  // encoding is a prefix; with them, the RR fields run to the end.
+  const bool has_rr = (data[0] & 0x10) != 0;
+  if (encoded.size() > size || (has_rr && encoded.size() != size) || encoded[0] != flags ||
       !std::equal(encoded.begin() + 1, encoded.end(), data + 1))
     __builtin_trap();
   return 0;
