@@ -32,9 +32,8 @@ struct HeartRateMeasurement {
 /// Parses one notification value. nullopt when it is shorter than its flags
 /// promise: no flags, a cut rate or Energy Expended field, the RR flag with
 /// no RR field, or an odd byte left after the RR fields. Reserved flag bits
-/// are ignored, and so are bytes after the last
-/// field when there are no RR fields (nothing of ours can be misread from
-/// them).
+/// are ignored, and so are bytes after the last field when there are no RR
+/// fields (nothing of ours can be misread from them).
 std::optional<HeartRateMeasurement> parse_heart_rate_measurement(
     std::span<const std::uint8_t> value);
 
