@@ -275,8 +275,9 @@ void stream(const ServerContext& c, SocketHandle s) {
   send_all(s,
            "HTTP/1.1 200 OK\r\nContent-Type: text/event-stream\r\nCache-Control: "
            "no-cache\r\nConnection: keep-alive\r\n\r\n");
+  StreamCursor sent;
   for (;;) {
-    std::string event = "data: " + snapshot_json(c.engine->snapshot()) + "\n\n";
+    std::string event = "data: " + stream_event_json(c.engine->snapshot(), &sent) + "\n\n";
     // One send per event: a short write means the browser went away.
     if (send_some(s, event.data(), event.size()) <= 0) return;
     std::this_thread::sleep_for(kStreamPeriod);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -13,19 +14,31 @@ namespace cvn {
 
 namespace {
 
-// "[{"x":0,"y":61.2},...]"; y is null when not a number.
-std::string series_json(const std::vector<SeriesPoint>& s) {
-  std::string out;
-  out.reserve(2 + s.size() * 28);
+// "[{"x":0,"y":61.2},...]" of s[from, end); y is null when not a number.
+void append_series(std::string& out, const std::vector<SeriesPoint>& s, std::size_t from) {
+  out.reserve(out.size() + 2 + (s.size() - from) * 28);
   out += '[';
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    out += i ? ",{\"x\":" : "{\"x\":";
+  for (std::size_t i = from; i < s.size(); ++i) {
+    out += i != from ? ",{\"x\":" : "{\"x\":";
     append_json_number(out, s[i].x);
     out += ",\"y\":";
     append_json_number(out, s[i].y);
     out += '}';
   }
   out += ']';
+}
+
+std::string series_json(const std::vector<SeriesPoint>& s) {
+  std::string out;
+  append_series(out, s, 0);
+  return out;
+}
+
+// {"from":i,"points":[…]}: what replaces the page's series from point i on.
+std::string series_tail_json(const std::vector<SeriesPoint>& s, std::size_t from) {
+  std::string out = "{\"from\":" + std::to_string(from) + ",\"points\":";
+  append_series(out, s, from);
+  out += '}';
   return out;
 }
 
@@ -102,11 +115,15 @@ const char* mode_text(Mode m) {
   return "idle";
 }
 
-std::string snapshot_json(const Snapshot& s) {
-  static JsonCache<std::vector<SeriesPoint>, series_json> hr_cache, cvn_cache;
+namespace {
+
+JsonCache<std::vector<SeriesPoint>, series_json> hr_cache, cvn_cache;
+
+// The snapshot with the given text for its two series; `reset` puts
+// "reset":true ahead of the rest.
+std::string snapshot_with(const Snapshot& s, const std::string& hr_json,
+                          const std::string& cvn_json, bool reset) {
   static JsonCache<HrvIndices, hrv_json> hrv_cache;
-  const auto hr_json = hr_cache.get(s.hr_series);
-  const auto cvn_json = cvn_cache.get(s.cvn_series);
   const auto hrv = s.hrv ? hrv_cache.get(s.hrv) : nullptr;
 
   const bool replay = s.mode == Mode::kReplay;
@@ -119,8 +136,8 @@ std::string snapshot_json(const Snapshot& s) {
   }
 
   std::string j;
-  j.reserve(16384 + hr_json->size() + cvn_json->size());
-  j += "{\"mode\":\"";
+  j.reserve(16384 + hr_json.size() + cvn_json.size());
+  j += reset ? "{\"reset\":true,\"mode\":\"" : "{\"mode\":\"";
   j += mode_text(s.mode);
   j += "\",\"running\":";
   j += s.running ? "true" : "false";
@@ -149,9 +166,9 @@ std::string snapshot_json(const Snapshot& s) {
     append_json_number(j, round_to(s.scope[i], 1));
   }
   j += "],\"hr_series\":";
-  j += *hr_json;
+  j += hr_json;
   j += ",\"cvn_series\":";
-  j += *cvn_json;
+  j += cvn_json;
   j += ",\"indur\":" + json_number(s.indur);
   j += ",\"outdur\":" + json_number(s.outdur);
   j += ",\"cycle_seconds\":" + json_number(s.cycle_seconds);
@@ -179,6 +196,48 @@ std::string snapshot_json(const Snapshot& s) {
   j += "],\"app_version\":\"";
   j += kAppVersion;
   j += "\"}";
+  return j;
+}
+
+}  // namespace
+
+std::string snapshot_json(const Snapshot& s) {
+  return snapshot_with(s, *hr_cache.get(s.hr_series), *cvn_cache.get(s.cvn_series), false);
+}
+
+std::size_t first_difference(const std::vector<SeriesPoint>& a, const std::vector<SeriesPoint>& b) {
+  const std::size_t n = std::min(a.size(), b.size());
+  // Bit for bit, so that a NaN (null) point equals itself.
+  std::size_t i = 0;
+  while (i < n && std::memcmp(&a[i], &b[i], sizeof(SeriesPoint)) == 0) ++i;
+  return i;
+}
+
+std::string stream_event_json(const Snapshot& s, StreamCursor* c) {
+  // A new session, another mode or a series that lost points (a replay's
+  // seek rebuilds them) starts the page's copy over.
+  const bool fresh = !c->started || s.mode != c->mode || s.name_id != c->name_id ||
+                     s.source_label != c->source_label ||
+                     s.hr_series->size() < c->hr_series->size() ||
+                     s.cvn_series->size() < c->cvn_series->size();
+  std::string j;
+  if (fresh) {
+    j = snapshot_with(s, *hr_cache.get(s.hr_series), *cvn_cache.get(s.cvn_series), c->started);
+  } else {
+    // The same object is the same series: only a renewed one is compared,
+    // about once a second.
+    const auto tail = [](const auto& now, const auto& sent) {
+      const std::size_t from = now == sent ? now->size() : first_difference(*now, *sent);
+      return series_tail_json(*now, from);
+    };
+    j = snapshot_with(s, tail(s.hr_series, c->hr_series), tail(s.cvn_series, c->cvn_series), false);
+  }
+  c->started = true;
+  c->mode = s.mode;
+  c->name_id = s.name_id;
+  c->source_label = s.source_label;
+  c->hr_series = s.hr_series;
+  c->cvn_series = s.cvn_series;
   return j;
 }
 

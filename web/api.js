@@ -61,10 +61,10 @@ export function readStream(onSnapshot, onLost) {
 
 /**
  * Follows the snapshot stream like readStream, but receives and reads it on a
- * worker thread: a long session streams ~17 MB/s, and taking that in costs
- * the main thread more than drawing the page does. The worker hands over the
- * series only when they changed, so an unchanged series stays the same array
- * here too.
+ * worker thread: the first event of a long session is several megabytes,
+ * and each series the worker rebuilds from an event's changes is copied
+ * whole. The worker hands over the series only when they changed, so an
+ * unchanged series stays the same array here too.
  */
 export function openStream(onSnapshot, onLost) {
   let worker;

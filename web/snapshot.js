@@ -1,15 +1,17 @@
 // Reading the snapshot stream and telling what changed between two snapshots.
 // No DOM here, so node can test it.
 //
-// Late in a long session an event is ~0.9 MB, nearly all of it the two
-// series, which change about once a second while events come 20 times a
-// second. So the reader works on the stream's bytes: it decodes and parses
-// the small rest of each event, and the series only when their bytes differ
-// from the last event's. An unchanged series keeps the same array object, so
-// "did the chart's data change" is a comparison of references. The cut relies
-// on the snapshot's fixed field order ("hr_series", "cvn_series", then
-// "indur"); an event of any other shape is parsed whole. Neither marker can
-// occur inside a JSON text, where every quote is escaped.
+// The stream's first event is the full snapshot; later ones carry each series
+// as {"from":i,"points":[…]}, the points that replace the series from index i
+// on (docs/api.md, "Event stream"). The reader keeps the series and hands each
+// snapshot out with whole arrays. An unchanged series keeps the same array
+// object, so "did the chart's data change" is a comparison of references.
+// Events come 20 times a second and the series change about once a second, so
+// the reader parses the series part of an event only when its bytes differ
+// from the last event's. The cut relies on the snapshot's fixed field order
+// ("hr_series", "cvn_series", then "indur"); an event of any other shape is
+// parsed whole. Neither marker can occur inside a JSON text, where every
+// quote is escaped.
 
 const ascii = (text) => Uint8Array.from(text, (c) => c.charCodeAt(0));
 const kSeriesStart = ascii(',"hr_series":');
@@ -45,6 +47,21 @@ function sameBytes(a, b, n) {
   return true;
 }
 
+/**
+ * The series `held` after an event's value `v` for it: a whole array replaces
+ * it; {from, points} keeps held's first `from` points and puts `points` after
+ * them. Returns `held` itself when nothing changed, and null when `from` lies
+ * beyond what is held: an event was missed and the copy cannot be trusted.
+ */
+export function applySeries(held, v) {
+  if (Array.isArray(v)) return v;
+  if (!v || typeof v !== 'object' || !Array.isArray(v.points)) return held;
+  const from = v.from;
+  if (!Number.isInteger(from) || from < 0 || from > held.length) return null;
+  if (!v.points.length && from === held.length) return held;
+  return held.slice(0, from).concat(v.points);
+}
+
 export class SnapshotReader {
   constructor() {
     this.decoder = new TextDecoder();
@@ -53,7 +70,7 @@ export class SnapshotReader {
     this.lineStart = 0;    // start of the line being read
     this.scanFrom = 0;     // no newline in buf[lineStart, scanFrom)
     this.data = [];        // the event's data lines so far, as [start, end) in buf
-    this.series = { hr_series: [], cvn_series: [] };
+    this.series = { hr_series: [], cvn_series: [] };  // as the last event left them
     this.seriesBytes = new Uint8Array(0);  // the last series' bytes...
     this.seriesLen = 0;                    // ...of which this many are used
     this.scratch = new Uint8Array(0);
@@ -106,17 +123,16 @@ export class SnapshotReader {
   event() {
     if (this.data.length !== 1) {
       const text = this.data.map(([a, b]) => this.decoder.decode(this.buf.subarray(a, b))).join('\n');
-      return this.parse(text);
+      return this.withSeries(this.parse(text));
     }
     const [from, to] = this.data[0];
     const a = find(this.buf, kSeriesStart, from, to, false);
     const b = a < 0 ? -1 : find(this.buf, kSeriesEnd, a, to, true);
-    if (b < 0) return this.parse(this.decoder.decode(this.buf.subarray(from, to)));
+    if (b < 0) return this.withSeries(this.parse(this.decoder.decode(this.buf.subarray(from, to))));
     if (this.seriesChanged(a, b)) {
       // "{" + the fields without their leading comma + "}".
-      const parsed = this.parse('{' + this.decoder.decode(this.buf.subarray(a + 1, b)) + '}');
+      const parsed = this.withSeries(this.parse('{' + this.decoder.decode(this.buf.subarray(a + 1, b)) + '}'));
       if (!parsed) return null;
-      this.series = { hr_series: parsed.hr_series || [], cvn_series: parsed.cvn_series || [] };
       [this.scratch, this.seriesBytes] = [this.seriesBytes, this.scratch];
       this.seriesLen = b - a;
     }
@@ -124,6 +140,21 @@ export class SnapshotReader {
     if (!s) return null;
     s.hr_series = this.series.hr_series;
     s.cvn_series = this.series.cvn_series;
+    return s;
+  }
+
+  // Applies the series of a parsed event `s` to the held ones and gives `s`
+  // the results. Throws when an event was missed, so that the stream is read
+  // again from its first, full event.
+  withSeries(s) {
+    if (!s) return null;
+    const next = {};
+    for (const key of ['hr_series', 'cvn_series']) {
+      next[key] = applySeries(this.series[key], s[key]);
+      if (!next[key]) throw new Error(`the stream skipped part of ${key}`);
+      s[key] = next[key];
+    }
+    this.series = next;
     return s;
   }
 

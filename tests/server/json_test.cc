@@ -141,5 +141,73 @@ TEST(SessionParams, CommasDefaultsAndTruncation) {
   EXPECT_NE(why, "");
 }
 
+using Series = std::vector<SeriesPoint>;
+
+std::shared_ptr<const Series> series_of(std::initializer_list<double> ys) {
+  Series s;
+  for (double y : ys) s.push_back({0.1 * static_cast<double>(s.size()), y});
+  return std::make_shared<const Series>(std::move(s));
+}
+
+// The text of one series in an event, from its key to the next one.
+std::string series_in(const std::string& event, const std::string& key) {
+  const std::size_t a = event.find("\"" + key + "\":");
+  const std::size_t b = event.find(key == "hr_series" ? ",\"cvn_series\"" : ",\"indur\"", a);
+  return event.substr(a, b - a);
+}
+
+TEST(StreamEvent, FirstFullThenChangesFromTheirFirstDifferingPointAndResets) {
+  Snapshot s;
+  s.mode = Mode::kReplay;
+  s.name_id = "Ann";
+  s.hr = s.cvn = 60;
+  s.hr_series = series_of({60, 61});
+  s.cvn_series = series_of({0.5});
+  StreamCursor c;
+  // The first event is exactly what /status answers.
+  EXPECT_EQ(stream_event_json(s, &c), snapshot_json(s));
+  std::string e = stream_event_json(s, &c);
+  EXPECT_EQ(series_in(e, "hr_series"), R"("hr_series":{"from":2,"points":[]})");
+  EXPECT_EQ(series_in(e, "cvn_series"), R"("cvn_series":{"from":1,"points":[]})");
+  EXPECT_EQ(e.find("reset"), std::string::npos);
+
+  // Appended points, and a renewed series whose last point was revised.
+  s.hr_series = series_of({60, 61, 62});
+  s.cvn_series = series_of({0.25, 0.5});
+  e = stream_event_json(s, &c);
+  EXPECT_EQ(series_in(e, "hr_series"), R"("hr_series":{"from":2,"points":[{"x":0.2,"y":62}]})");
+  EXPECT_EQ(series_in(e, "cvn_series"),
+            R"("cvn_series":{"from":0,"points":[{"x":0,"y":0.25},{"x":0.1,"y":0.5}]})");
+  // A new object with equal points (NaN included) sends nothing again.
+  s.hr_series = series_of({60, 61, 62});
+  s.cvn_series = series_of({0.25, std::nan("")});
+  e = stream_event_json(s, &c);
+  EXPECT_EQ(series_in(e, "hr_series"), R"("hr_series":{"from":3,"points":[]})");
+  EXPECT_EQ(series_in(e, "cvn_series"), R"("cvn_series":{"from":1,"points":[{"x":0.1,"y":null}]})");
+  s.cvn_series = series_of({0.25, std::nan("")});
+  EXPECT_EQ(series_in(stream_event_json(s, &c), "cvn_series"),
+            R"("cvn_series":{"from":2,"points":[]})");
+  // A change mid-series is sent from the changed point, with all after it.
+  s.hr_series = series_of({60, 66, 62, 63});
+  EXPECT_EQ(
+      series_in(stream_event_json(s, &c), "hr_series"),
+      R"("hr_series":{"from":1,"points":[{"x":0.1,"y":66},{"x":0.2,"y":62},{"x":0.3,"y":63}]})");
+
+  // A seek (shorter series) and a new session each start over, in full.
+  const auto reset_event = [&] {
+    const std::string ev = stream_event_json(s, &c);
+    EXPECT_EQ(ev, R"({"reset":true,)" + snapshot_json(s).substr(1));
+    return ev;
+  };
+  s.hr_series = series_of({60, 66});
+  reset_event();
+  s.name_id = "Bob";
+  reset_event();
+  s.mode = Mode::kLive;
+  reset_event();
+  EXPECT_EQ(series_in(stream_event_json(s, &c), "hr_series"),
+            R"("hr_series":{"from":2,"points":[]})");
+}
+
 }  // namespace
 }  // namespace cvn

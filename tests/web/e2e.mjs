@@ -200,6 +200,31 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
 
 // The program sends "hrv" from two minutes of a session on; at 8x the sample
 // passes them in about 15 s.
+test('the stream\'s differences add up: after a whole replay at 8× the page holds the series /status answers', async () => {
+  const { page, done } = await openPage(1280, 800);
+  await startReplay(page, 'Sample 2.txt', { name: 'Diff' });
+  // The page's series are the ones its charts draw (the live screen's last
+  // snapshot). Once the replay has ended they stop changing, and each must
+  // then equal /status's, point for point.
+  const compare = () => page.evaluate(async () => {
+    const held = (await import('/live.js')).lastSnapshot();
+    const status = await (await fetch('/status')).json();
+    const same = (k) => JSON.stringify(held?.[k]) === JSON.stringify(status[k]);
+    return { running: status.running, hr: status.hr_series.length, cvn: status.cvn_series.length,
+      held: held?.hr_series?.length, same: same('hr_series') && same('cvn_series') };
+  });
+  let last;
+  const deadline = Date.now() + 90000;
+  while (Date.now() < deadline) {
+    last = await compare();
+    if (!last.running && last.same) break;
+    await page.waitForTimeout(500);
+  }
+  assert.ok(!last.running && last.same, 'page against /status: ' + JSON.stringify(last));
+  assert.ok(last.hr > 1500, 'a replay this long has ~10 points a second: ' + JSON.stringify(last));
+  await done();
+});
+
 test('HRV card: a note for the first two minutes, then four indices, the rest under More, no overlap', async () => {
   const { page, done } = await openPage(1366, 850);
   await startReplay(page, 'Sample 2.txt');
