@@ -81,7 +81,7 @@ struct RfStepScore {
   /// The log-power of each finished breath (NaN for one without a value),
   /// for a whole recording's table in which every breath is a cycle; empty
   /// for a step without scores.
-  std::vector<double> breath_cvn;
+  std::vector<double> breath_cvn = {};
   /// At least 3 finished breaths with beats: only then are the scores above
   /// computed (otherwise NaN), and only then may the step be recommended.
   bool scored = false;
