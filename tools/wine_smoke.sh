@@ -111,9 +111,9 @@ exported() {
   job /export 'd == {"ok": True, "status": "exporting"}' "$kTfrSeconds" /export_status 'd["status"] == "done"' || return 1
   local pdf
   pdf=$(ls "$data"/exports/*_export/*_report.pdf 2>/dev/null | head -1)
-  [ -n "$pdf" ] && [ "$(ls "$(dirname "$pdf")" | wc -l)" -eq 6 ] && qpdf --check "$pdf" >/dev/null
+  [ -n "$pdf" ] && [ "$(ls "$(dirname "$pdf")" | wc -l)" -eq 8 ] && qpdf --check "$pdf" >/dev/null
 }
-check "/export writes six files and a report that passes qpdf --check" exported
+check "/export writes eight files (HRV and beat tables included) and a report that passes qpdf --check" exported
 
 log_lines() {
   # Written in text mode: CRLF line ends on Windows.
