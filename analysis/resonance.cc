@@ -11,6 +11,7 @@
 #include "analysis/cycles.h"
 #include "analysis/hrv.h"
 #include "base/constants.h"
+#include "base/text.h"
 
 namespace cvn {
 namespace {
@@ -40,16 +41,9 @@ constexpr double kNearBest = 0.95;
 // A fitted swing below this (bpm) is the rounding of a flat series: it has no phase.
 constexpr double kFlatAmplitude = 1e-9;
 
-std::string_view trim(std::string_view s) {
-  constexpr std::string_view kSpace = " \t\r\n";
-  const auto first = s.find_first_not_of(kSpace);
-  if (first == std::string_view::npos) return {};
-  return s.substr(first, s.find_last_not_of(kSpace) - first + 1);
-}
-
 // The whole (trimmed) text as a finite number, or nullopt.
 std::optional<double> read_number(std::string_view text) {
-  text = trim(text);
+  text = trim_blanks(text);
   double value = 0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
@@ -236,7 +230,7 @@ RfStepScore score_step(const RfStep& step, double infrac, const Beats& beats,
 std::optional<RfProtocol> parse_rf_protocol(std::string_view rates, std::string_view step_s,
                                             std::string_view infrac, std::string* error) {
   RfProtocol p;
-  if (!trim(rates).empty()) {
+  if (!trim_blanks(rates).empty()) {
     p.rates.clear();
     std::string_view rest = rates;
     while (true) {
@@ -250,12 +244,12 @@ std::optional<RfProtocol> parse_rf_protocol(std::string_view rates, std::string_
     }
     if (p.rates.size() < kRfMinRates) return refuse(kRatesError, error);
   }
-  if (!trim(step_s).empty()) {
+  if (!trim_blanks(step_s).empty()) {
     const std::optional<double> v = read_number(step_s);
     if (!v || !within(*v, kRfMinStep, kRfMaxStep)) return refuse(kStepError, error);
     p.step_s = *v;
   }
-  if (!trim(infrac).empty()) {
+  if (!trim_blanks(infrac).empty()) {
     const std::optional<double> v = read_number(infrac);
     if (!v || !within(*v, kRfMinInfrac, kRfMaxInfrac)) return refuse(kInfracError, error);
     p.infrac = *v;

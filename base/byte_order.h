@@ -28,4 +28,11 @@ inline std::uint64_t get_be(const std::uint8_t* p, int bytes) {
   return v;
 }
 
+/// Reads `bytes` bytes least significant first. REQUIRES: p has them.
+inline std::uint64_t get_le(const std::uint8_t* p, int bytes) {
+  std::uint64_t v = 0;
+  for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | p[i];
+  return v;
+}
+
 }  // namespace cvn

@@ -7,6 +7,7 @@
 
 #include "analysis/hrv.h"
 #include "base/recording.h"
+#include "base/text.h"
 
 namespace cvn {
 namespace {
@@ -15,13 +16,6 @@ namespace {
 constexpr double kSameRateTolerance = 0.5;
 // Enough of the file to see its preamble without reading a whole study.
 constexpr std::size_t kKubiosSniffBytes = 4000;
-
-std::string_view trim(std::string_view s) {
-  const char* ws = " \t\r";
-  std::size_t a = s.find_first_not_of(ws);
-  if (a == std::string_view::npos) return {};
-  return s.substr(a, s.find_last_not_of(ws) - a + 1);
-}
 
 // The whole cell must be one decimal number ("0.812", "-1e-3"); "0.8 s" is not.
 bool read_number(std::string_view cell, double* out) {
@@ -80,7 +74,7 @@ std::vector<double> read_kubios_rr(std::string_view text) {
     int n = 0;
     for (std::size_t at = 0; n < 3; ++n) {
       std::size_t comma = line.find(',', at);
-      cells[n] = trim(line.substr(at, comma == std::string_view::npos ? comma : comma - at));
+      cells[n] = trim_blanks(line.substr(at, comma == std::string_view::npos ? comma : comma - at));
       if (comma == std::string_view::npos) {
         ++n;
         break;

@@ -2,19 +2,13 @@
 
 #include <map>
 
+#include "base/text.h"
+
 namespace cvn {
 
 namespace {
 
 constexpr std::string_view kHeader = "# Corvane Live session 1\n";
-
-std::string_view trim(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r'))
-    s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
-    s.remove_suffix(1);
-  return s;
-}
 
 }  // namespace
 
@@ -38,11 +32,12 @@ std::optional<SessionSidecar> read_sidecar(std::string_view text, std::string* e
   std::map<std::string, std::string, std::less<>> values;
   while (!text.empty()) {
     const std::size_t nl = text.find('\n');
-    const std::string_view line = trim(text.substr(0, nl));
+    const std::string_view line = trim_blanks(text.substr(0, nl));
     text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
     const std::size_t eq = line.find('=');
     if (line.empty() || line[0] == '#' || eq == std::string_view::npos) continue;
-    values[std::string(trim(line.substr(0, eq)))] = std::string(trim(line.substr(eq + 1)));
+    values[std::string(trim_blanks(line.substr(0, eq)))] =
+        std::string(trim_blanks(line.substr(eq + 1)));
   }
   SessionSidecar out;
   const auto protocol = values.find("protocol");

@@ -8,16 +8,12 @@
 namespace cvn {
 namespace {
 
-// Flag bits of the Heart Rate Measurement (GATT Specification Supplement).
+// Flag bits of the Heart Rate Measurement, as the Bluetooth SIG defines them (docs/hrs.md).
 constexpr std::uint8_t kRate16 = 0x01;
 constexpr std::uint8_t kContactDetected = 0x02;
 constexpr std::uint8_t kContactSupported = 0x04;
 constexpr std::uint8_t kEnergyPresent = 0x08;
 constexpr std::uint8_t kRrPresent = 0x10;
-
-std::uint16_t get_u16_le(const std::uint8_t* p) {
-  return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
 
 // Rounds and clamps to a field's range; NaN becomes 0 rather than undefined.
 std::uint64_t clamp_field(double v, double max) {
@@ -35,13 +31,13 @@ std::optional<HeartRateMeasurement> parse_heart_rate_measurement(
   HeartRateMeasurement m;
   const std::size_t rate_bytes = (flags & kRate16) ? 2 : 1;
   if (value.size() < at + rate_bytes) return std::nullopt;
-  m.heart_rate_bpm = rate_bytes == 2 ? get_u16_le(&value[at]) : value[at];
+  m.heart_rate_bpm = rate_bytes == 2 ? static_cast<int>(get_le(&value[at], 2)) : value[at];
   at += rate_bytes;
   m.contact_supported = (flags & kContactSupported) != 0;
   m.contact_detected = m.contact_supported && (flags & kContactDetected) != 0;
   if (flags & kEnergyPresent) {
     if (value.size() < at + 2) return std::nullopt;
-    m.energy_kj = get_u16_le(&value[at]);
+    m.energy_kj = static_cast<int>(get_le(&value[at], 2));
     at += 2;
   }
   if (flags & kRrPresent) {
@@ -51,7 +47,7 @@ std::optional<HeartRateMeasurement> parse_heart_rate_measurement(
     // variability score more than one dropped notification does.
     if (rest == 0 || rest % 2 != 0) return std::nullopt;
     for (; at < value.size(); at += 2)
-      m.rr_seconds.push_back(get_u16_le(&value[at]) / kHrsRrUnitsPerSecond);
+      m.rr_seconds.push_back(static_cast<double>(get_le(&value[at], 2)) / kHrsRrUnitsPerSecond);
   }
   return m;
 }
