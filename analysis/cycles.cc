@@ -58,6 +58,16 @@ double expected_frequency(double cycle_seconds) {
   return std::round(1.0 / cycle_seconds * kFrequencyScale) / kFrequencyScale;
 }
 
+std::vector<TimedCycle> timed_cycles(const std::vector<double>& cvn, double cycle_seconds) {
+  std::vector<TimedCycle> out(cvn.size());
+  for (std::size_t i = 0; i < cvn.size(); ++i) {
+    out[i].start_s = static_cast<double>(i) * cycle_seconds;
+    out[i].end_s = static_cast<double>(i + 1) * cycle_seconds;
+    out[i].cvn = cvn[i];
+  }
+  return out;
+}
+
 int nearest_row(const std::vector<double>& frequencies, double freq) {
   int best = -1;
   double best_distance = std::numeric_limits<double>::infinity();
@@ -286,7 +296,8 @@ CycleAnalysis analyze_cycles(std::size_t sample_count, const std::vector<double>
   return a;
 }
 
-RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int age, bool blend) {
+RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int age, bool blend,
+                    std::span<const TimedCycle> breaths) {
   if (analysis.empty()) return {};
   const bool wide = which == TfrWidth::kWide;
   const TfrMatrix& m = wide ? analysis.tfr10 : analysis.tfr3;
@@ -306,6 +317,11 @@ RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int
   p.sampling_rate = analysis.sample_rate;
   p.time_columns = analysis.sample_count;
   p.blend = blend;
+  std::vector<HeatmapCycle> cycles;
+  for (const TimedCycle& b : breaths)
+    cycles.push_back({b.start_s, b.end_s,
+                      nearest_row(analysis.frequencies, expected_frequency(b.end_s - b.start_s))});
+  p.cycles = cycles;
   return render_heatmap(p);
 }
 

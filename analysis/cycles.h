@@ -4,6 +4,8 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <span>
 #include <vector>
 
 #include "analysis/heatmap.h"
@@ -25,6 +27,16 @@ std::vector<std::int32_t> cycle_bounds(std::size_t sample_count, double cycle_se
 /// Expected breathing frequency, Hz: 1 / cycle_seconds rounded to 4 decimals, halves away
 /// from zero.
 double expected_frequency(double cycle_seconds);
+
+/// A breathing cycle placed in time, in seconds from the start of the recording, with its
+/// log-power (NaN without one).
+struct TimedCycle {
+  double start_s = 0, end_s = 0;
+  double cvn = std::numeric_limits<double>::quiet_NaN();
+};
+
+/// Cycles of one length c: cycle i spans [i c, (i + 1) c).
+std::vector<TimedCycle> timed_cycles(const std::vector<double>& cvn, double cycle_seconds);
 
 /// Index of the frequency nearest to `freq`, the first one on a tie; -1 for an empty list.
 /// Frequencies outside the list's range map to its first or last entry.
@@ -130,8 +142,10 @@ enum class TfrWidth { kNarrow, kWide };
 /// matrix that keeps only some columns). `sex` 'F' or other and `age` choose the grey
 /// reference level. Every picture we show blends (`blend`): below the reference level it keeps
 /// 45 % of the colour, so the breathing band stays visible as a shape where it dips under the
-/// reference and still reads as subdued. Empty for an empty analysis.
+/// reference and still reads as subdued. `breaths`, when the rhythm changes (an assessment's
+/// rf_breaths), take the place of the analysis's cycles: a line at each start and the expected
+/// line, breath by breath, at the row nearest 1 / its length. Empty for an empty analysis.
 RgbImage render_tfr(const CycleAnalysis& analysis, TfrWidth which, char sex, int age,
-                    bool blend = true);
+                    bool blend = true, std::span<const TimedCycle> breaths = {});
 
 }  // namespace cvn

@@ -152,22 +152,39 @@ RgbImage render_heatmap(const HeatmapParams& p) {
     }
   }
 
-  // Expected frequency: the pixel row of its matrix row and the one above it.
-  const long long top_row = static_cast<long long>(height) - 1 - p.expected_row;
-  for (const long long y : {top_row, top_row - 1}) {
-    if (y < 0 || y >= static_cast<long long>(height)) continue;
-    std::uint8_t* out = image.rgb.data() + static_cast<std::size_t>(y) * width * 3;
-    for (std::size_t x = 0; x < width; ++x) paint(out + 3 * x, kExpectedLineColour);
+  // Expected frequency: the pixel row of its matrix row and the one above it, over pixel
+  // columns [from, to).
+  const auto paint_expected = [&](int matrix_row, std::size_t from, std::size_t to) {
+    const long long top_row = static_cast<long long>(height) - 1 - matrix_row;
+    for (const long long y : {top_row, top_row - 1}) {
+      if (y < 0 || y >= static_cast<long long>(height)) continue;
+      std::uint8_t* out = image.rgb.data() + static_cast<std::size_t>(y) * width * 3;
+      for (std::size_t x = from; x < to; ++x) paint(out + 3 * x, kExpectedLineColour);
+    }
+  };
+  const auto paint_column = [&](std::size_t x) {
+    for (std::size_t y = 0; y < height; ++y)
+      paint(&image.rgb[(y * width + x) * 3], kCycleLineColour);
+  };
+  const double cols = static_cast<double>(p.time_columns ? p.time_columns : p.cols);
+
+  if (!p.cycles.empty()) {
+    // Pixel column of a time, clamped to the picture.
+    const auto pixel = [&](double seconds) {
+      const double x = seconds * p.sampling_rate * static_cast<double>(width) / cols;
+      return static_cast<std::size_t>(std::clamp(x, 0.0, static_cast<double>(width)));
+    };
+    for (const HeatmapCycle& c : p.cycles)
+      paint_expected(c.expected_row, pixel(c.start_s), pixel(c.end_s));
+    for (const HeatmapCycle& c : p.cycles)
+      if (const std::size_t x = pixel(c.start_s); x < width) paint_column(x);
+    return image;
   }
 
+  paint_expected(p.expected_row, 0, width);
   // Cycle starts every cycle_seconds * sampling_rate columns, from column 0.
   const double step = p.cycle_seconds * p.sampling_rate;
   if (std::isfinite(step) && step > 0) {
-    const auto paint_column = [&](std::size_t x) {
-      for (std::size_t y = 0; y < height; ++y)
-        paint(&image.rgb[(y * width + x) * 3], kCycleLineColour);
-    };
-    const double cols = static_cast<double>(p.time_columns ? p.time_columns : p.cols);
     if (step * static_cast<double>(width) <= cols) {
       // A cycle no wider than a pixel: every pixel column holds a cycle start.
       for (std::size_t x = 0; x < width; ++x) paint_column(x);

@@ -13,6 +13,14 @@ namespace cvn {
 /// Widest heat-map we draw; wider matrices are sampled down to this many columns.
 inline constexpr int kHeatmapMaxWidth = 1200;
 
+/// One breathing cycle of a recording whose rhythm changes (an assessment's breath): a cycle
+/// line at its start and the expected-frequency line at `expected_row` until its end. Times
+/// in seconds from the start of the recording.
+struct HeatmapCycle {
+  double start_s = 0, end_s = 0;
+  int expected_row = 0;
+};
+
 /// What render_heatmap draws and how.
 struct HeatmapParams {
   /// Power, row-major: `rows` rows of `cols` values, row 0 the lowest frequency.
@@ -33,6 +41,9 @@ struct HeatmapParams {
   /// Columns of the full time axis when the matrix keeps only some of them (one per pixel,
   /// say); the cycle lines are placed on this axis. 0: the matrix keeps every column.
   std::size_t time_columns = 0;
+  /// When the rhythm changes within the recording: every cycle, in order, each with its own
+  /// expected row; expected_row and cycle_seconds are then not used.
+  std::span<const HeatmapCycle> cycles;
   /// Grey pixels keep 45 % of their colour instead of becoming plain grey.
   bool blend = false;
 };

@@ -157,6 +157,14 @@ std::array<double, 2> fit_cycle(const std::vector<double>& hr, double start, dou
   return {m[1][3] / m[1][1], m[2][3] / m[2][2]};
 }
 
+// Breath b of a step, without a value.
+TimedCycle breath_of(const RfStep& step, int b) {
+  TimedCycle breath;
+  breath.start_s = step.start_s + b * step.cycle_s;
+  breath.end_s = breath.start_s + step.cycle_s;
+  return breath;
+}
+
 RfStepScore score_step(const RfStep& step, double infrac, const Beats& beats,
                        const std::vector<double>& hr, double duration) {
   RfStepScore s;
@@ -341,6 +349,29 @@ double recommend_rf(const std::vector<RfStepScore>& steps) {
     if (better) pick = &s;
   }
   return pick != nullptr ? pick->step.bpm : kNaN;
+}
+
+std::vector<TimedCycle> rf_breaths(const RfResult& result) {
+  std::vector<TimedCycle> out;
+  for (const RfStepScore& s : result.steps) {
+    for (int b = 0; b < s.finished_breaths; ++b) {
+      out.push_back(breath_of(s.step, b));
+      if (static_cast<std::size_t>(b) < s.breath_cvn.size()) out.back().cvn = s.breath_cvn[b];
+    }
+  }
+  return out;
+}
+
+std::vector<TimedCycle> rf_breaths(const std::vector<RfStep>& schedule, double duration_s) {
+  std::vector<TimedCycle> out;
+  for (const RfStep& step : schedule) {
+    for (int b = 0; b < step.breaths; ++b) {
+      const TimedCycle breath = breath_of(step, b);
+      if (breath.end_s > duration_s + kTolerance) return out;
+      out.push_back(breath);
+    }
+  }
+  return out;
 }
 
 }  // namespace cvn

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "analysis/cycles.h"
+
 namespace cvn {
 
 /// The breathing rates of an assessment, in the order the pacer walks through them.
@@ -101,6 +103,15 @@ struct RfResult {
 /// computed is NaN.
 RfResult score_rf(const RfProtocol& protocol, const std::vector<double>& rr,
                   const std::vector<double>& hr_10hz, double duration_s);
+
+/// The finished breaths of every reached step, in order: an assessment's cycles, each breath
+/// of the schedule being one. A step too short to score still lists its breaths, without
+/// values.
+std::vector<TimedCycle> rf_breaths(const RfResult& result);
+
+/// The breaths of `schedule` that end by `duration_s`, without values: where the maps draw an
+/// assessment's cycles before (or without) scoring it.
+std::vector<TimedCycle> rf_breaths(const std::vector<RfStep>& schedule, double duration_s);
 
 /// The rate to train at: among scored steps with a peak_trough_hr, the largest peak_trough_hr
 /// picks, except that of the steps within 5 % of it the one with the largest lf_power does (an

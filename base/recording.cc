@@ -125,11 +125,11 @@ std::string marker_summary(const std::vector<Marker>& markers) {
   return out;
 }
 
-std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, double cycle_seconds) {
+std::string marker_keys_between(const std::vector<Marker>& markers, double from_s, double to_s) {
   std::string out;
   for (const Marker& m : markers) {
-    double t = m.sample / kSampleRate;
-    if (cycle * cycle_seconds <= t && t < (cycle + 1) * cycle_seconds) {
+    const double t = m.sample / kSampleRate;
+    if (from_s <= t && t < to_s) {
       if (!out.empty()) out.push_back(' ');
       out += std::to_string(m.key);
     }

@@ -35,8 +35,8 @@ std::string markers_csv(const std::vector<Marker>& markers);
 /// "none", or "3 @ 12.5 s, 1 @ 20.0 s" with at most twelve entries then ", ...".
 std::string marker_summary(const std::vector<Marker>& markers);
 
-/// Keys of the markers inside cycle `cycle` (i*c <= t < (i+1)*c), space-separated.
-std::string cycle_marker_keys(const std::vector<Marker>& markers, int cycle, double cycle_seconds);
+/// Keys of the markers at from_s <= t < to_s (t in seconds from the start), space-separated.
+std::string marker_keys_between(const std::vector<Marker>& markers, double from_s, double to_s);
 
 /// Letters, digits, '-', '.', '_' kept, other bytes '_', outer '_' trimmed,
 /// `fallback` when nothing is left.

@@ -22,10 +22,13 @@ TfrImages compute_tfr_images(const TfrInput& in) {
   }
   const char sex = in.breathing.sex == "F" ? 'F' : 'M';
   const int age = in.breathing.age;
+  const std::vector<TimedCycle> breaths =
+      in.rf ? rf_breaths(rf_schedule(*in.rf), recording.duration_seconds)
+            : std::vector<TimedCycle>{};
   const std::vector<std::uint8_t> png3 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, age));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kNarrow, sex, age, true, breaths));
   const std::vector<std::uint8_t> png10 =
-      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, age));
+      encode_png_rgb(render_tfr(analysis, TfrWidth::kWide, sex, age, true, breaths));
   if (png3.empty() || png10.empty()) {
     out.error = "Could not compute TFR (recording may be too short).";
     return out;

@@ -1,16 +1,19 @@
 // The "Compute TFR" job: both time-frequency heat-maps of the session so far,
 // computed on a thread of its own and handed to the browser as data URIs.
 #pragma once
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "analysis/resonance.h"
 #include "base/breathing.h"
 
 namespace cvn {
 
 struct TfrInput {
-  std::vector<double> samples;  // ECG at kSampleRate
-  BreathingSettings breathing;  // the cycle length, and who for the reference level
+  std::vector<double> samples;   // ECG at kSampleRate
+  BreathingSettings breathing;   // the cycle length, and who for the reference level
+  std::optional<RfProtocol> rf;  // an assessment: its breaths are the maps' cycles
 };
 
 struct TfrImages {

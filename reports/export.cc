@@ -83,11 +83,21 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
                : analyze_recording(RrSeconds{in.rr_seconds}, cycle_seconds);
   const CycleAnalysis& cycles = analysis.cycles;
   const std::size_t beats = analysis.beats;
+  // An assessment is scored as /rf_result scores the session (the same beats, heart rate and
+  // length), once for the tables and the report. Its breaths, not the single rhythm's
+  // cycles, are its log-power cycles.
+  std::optional<RfResult> rf;
+  if (in.rf) rf = score_rf(*in.rf, analysis.rr, analysis.hr, analysis.duration_seconds);
+  const std::vector<TimedCycle> log_cycles =
+      rf ? rf_breaths(*rf) : timed_cycles(cycles.cvn, cycle_seconds);
+  std::vector<double> cycle_values;
+  for (const TimedCycle& c : log_cycles) cycle_values.push_back(c.cvn);
+
   SummaryEntry& summary = out.summary;
   summary.duration_seconds = analysis.duration_seconds;
   summary.beats = beats;
-  summary.cvn_mean = finite_mean(cycles.cvn);
-  summary.cvn = cycles.cvn;
+  summary.cvn_mean = finite_mean(cycle_values);
+  summary.cvn = cycle_values;
   summary.rr_only = !have_ecg;
   summary.hrv = analysis.hrv;
 
@@ -120,18 +130,12 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
     const std::vector<std::uint8_t> bytes = edf_file(edf);
     write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
-  write("_CVN_logpower.csv", logpower_csv(cycles.cvn, in.markers, cycle_seconds));
+  write("_CVN_logpower.csv", logpower_csv(log_cycles, in.markers));
   write("_HRV.csv", hrv_csv(analysis.hrv));
   // Our beats, for other HRV tools.
   write("_RR.csv", rr_csv(analysis.rr,
                           std::vector<bool>(analysis.corrected.begin(), analysis.corrected.end())));
-  // Scored as /rf_result scores the session (the same beats, heart rate and
-  // length), once for the table and the report.
-  std::optional<RfResult> rf;
-  if (in.rf) {
-    rf = score_rf(*in.rf, analysis.rr, analysis.hr, analysis.duration_seconds);
-    write("_RF.csv", rf_csv(*rf));
-  }
+  if (rf) write("_RF.csv", rf_csv(*rf));
   if (!out.error.empty()) return out;
 
   SummaryFacts facts;
@@ -142,8 +146,9 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   facts.outdur = in.breathing.outdur;
   facts.cycle_seconds = cycle_seconds;
   facts.expected_freq = expected_frequency(cycle_seconds);
-  facts.cycles = cycles.cvn.size();
-  for (double v : cycles.cvn) facts.cycles_with_value += std::isfinite(v);
+  facts.rf = in.rf;
+  facts.cycles = cycle_values.size();
+  for (double v : cycle_values) facts.cycles_with_value += std::isfinite(v);
   facts.duration_seconds = summary.duration_seconds;
   facts.beats = beats;
   facts.rr_only = !have_ecg;
@@ -154,19 +159,22 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.summary = summary_rows(facts);
   report.hr = analysis.hr;
   report.markers = in.markers;
-  report.cvn = cycles.cvn;
+  report.cvn = cycle_values;
   report.rr_only = !have_ecg;
   report.hrv = analysis.hrv;
   const char sex = in.breathing.sex == "F" ? 'F' : 'M';
   if (!cycles.empty()) {
-    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.breathing.age);
-    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.breathing.age);
+    const std::span<const TimedCycle> breaths =
+        rf ? std::span<const TimedCycle>(log_cycles) : std::span<const TimedCycle>();
+    report.tfr3 = render_tfr(cycles, TfrWidth::kNarrow, sex, in.breathing.age, true, breaths);
+    report.tfr10 = render_tfr(cycles, TfrWidth::kWide, sex, in.breathing.age, true, breaths);
     if (in.summary_maps) {
       summary.map3 = pdf_image(shrink(report.tfr3, kSummaryMapWidth, kSummaryMapHeight));
       summary.map10 = pdf_image(shrink(report.tfr10, kSummaryMapWidth, kSummaryMapHeight));
     }
   }
-  report.expected_freq = expected_frequency(cycle_seconds);
+  // An assessment has one breathing frequency per step: no single line on its maps.
+  report.expected_freq = rf ? 0.0 : expected_frequency(cycle_seconds);
   report.duration_seconds = summary.duration_seconds;
   report.logo = in.logo;
   report.rf = std::move(rf);

@@ -179,24 +179,27 @@ double finite_mean(const std::vector<double>& values) {
   return n ? sum / static_cast<double>(n) : NAN;
 }
 
-std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marker>& markers,
-                         double cycle_seconds) {
+std::string logpower_csv(const std::vector<TimedCycle>& cycles,
+                         const std::vector<Marker>& markers) {
   const bool with_markers = !markers.empty();
   std::string out = "cycle,";
   out += kLogPowerTitle;
   out += with_markers ? ",markers\n" : "\n";
-  for (std::size_t i = 0; i < cvn.size(); ++i) {
+  std::vector<double> values;
+  for (std::size_t i = 0; i < cycles.size(); ++i) {
+    const TimedCycle& c = cycles[i];
+    values.push_back(c.cvn);
     out += std::to_string(i + 1);
     out.push_back(',');
-    if (std::isfinite(cvn[i])) out += format("%.4f", cvn[i]);
+    if (std::isfinite(c.cvn)) out += format("%.4f", c.cvn);
     if (with_markers) {
       out.push_back(',');
-      out += cycle_marker_keys(markers, static_cast<int>(i), cycle_seconds);
+      out += marker_keys_between(markers, c.start_s, c.end_s);
     }
     out.push_back('\n');
   }
   out += "pow,";
-  const double mean = finite_mean(cvn);
+  const double mean = finite_mean(values);
   if (std::isfinite(mean)) out += format("%.4f", mean);
   out += with_markers ? ",\n" : "\n";
   return out;
@@ -268,13 +271,30 @@ std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
   if (f.cycles_with_value != f.cycles)
     cycles += " (" + std::to_string(f.cycles_with_value) + " with a value)";
 
+  SummaryRow periods{"Periods",
+                     "in " + short_number(f.indur) + " s / out " + short_number(f.outdur) + " s"};
+  SummaryRow rhythm{"Cycle length", short_number(f.cycle_seconds) + " s"};
+  SummaryRow frequency{"Expected frequency", f.expected_freq > 0
+                                                 ? format("%.4f", f.expected_freq) + " Hz"
+                                                 : std::string("-")};
+  if (f.rf && !f.rf->rates.empty()) {
+    const double in_pct = f.rf->infrac * 100;
+    periods.value = "in " + short_number(in_pct) + " % / out " + short_number(100 - in_pct) +
+                    " % of every breath";
+    rhythm = {"Breathing rates", ""};
+    for (double rate : f.rf->rates)
+      rhythm.value += (rhythm.value.empty() ? "" : ", ") + short_number(rate);
+    rhythm.value += " breaths/min";
+    const auto [low, high] = std::minmax_element(f.rf->rates.begin(), f.rf->rates.end());
+    frequency.value = format("%.4f", expected_frequency(60 / *low)) + " \u2013 " +
+                      format("%.4f", expected_frequency(60 / *high)) + " Hz";
+  }
   return {
       {"Date", report_date(f.start_time)},
       {"Sex / Age", f.sex + " / " + std::to_string(f.age)},
-      {"Periods", "in " + short_number(f.indur) + " s / out " + short_number(f.outdur) + " s"},
-      {"Cycle length", short_number(f.cycle_seconds) + " s"},
-      {"Expected frequency",
-       f.expected_freq > 0 ? format("%.4f", f.expected_freq) + " Hz" : std::string("-")},
+      periods,
+      rhythm,
+      frequency,
       {"Cycles recorded", cycles},
       {"Duration", duration},
       {f.rr_only ? "Beats (from RR export)" : "R-peaks", std::to_string(f.beats)},

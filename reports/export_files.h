@@ -6,10 +6,12 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "analysis/cycles.h"
 #include "analysis/hrv.h"
 #include "analysis/resonance.h"
 #include "base/recording.h"
@@ -24,11 +26,11 @@ inline constexpr std::string_view kLogPowerTitle = "CVN (logpower)";
 std::string hr_text(const std::vector<double>& hr);
 
 /// "cycle,CVN (logpower)[,markers]\n", one line per cycle numbered from 1
-/// ("%.4f", an empty cell for NaN; markers: the keys inside the cycle), and
+/// ("%.4f", an empty cell for NaN; markers: the keys inside the cycle's span), and
 /// "pow,<mean of the non-NaN values>[,]\n". The markers column is there only
-/// when `markers` is not empty.
-std::string logpower_csv(const std::vector<double>& cvn, const std::vector<Marker>& markers,
-                         double cycle_seconds);
+/// when `markers` is not empty. The cycles are those of one rhythm
+/// (timed_cycles) or, for an assessment, its breaths (rf_breaths).
+std::string logpower_csv(const std::vector<TimedCycle>& cycles, const std::vector<Marker>& markers);
 
 /// "index,value,unit\n", then one line per field of hrv_fields() in its order: the
 /// field's name, its value with at least 6 significant digits (a count as an integer;
@@ -73,6 +75,7 @@ struct SummaryFacts {
   std::size_t beats = 0;
   bool rr_only = false;  // the beats came from an RR-interval export, not R-peak detection
   std::vector<Marker> markers;
+  std::optional<RfProtocol> rf;  // an assessment: its rates replace the single rhythm's rows
 };
 
 /// Local time as "%Y-%m-%d %H:%M", as the reports show dates.
@@ -80,7 +83,10 @@ std::string report_date(std::int64_t unix_seconds);
 
 /// Date, Sex / Age, Periods, Cycle length, Expected frequency, Cycles
 /// recorded, Duration, R-peaks (for an RR export: the beats it lists),
-/// Markers: label and value, in that order.
+/// Markers: label and value, in that order. For an assessment the periods are
+/// shares of every breath, "Breathing rates" lists the steps' rates in place
+/// of the cycle length, the expected frequency is the steps' range and the
+/// cycles are its breaths.
 std::vector<SummaryRow> summary_rows(const SummaryFacts& facts);
 
 /// Nearest plain ASCII for UTF-8 text ("Zoë" -> "Zoe", "ß" -> "ss"): the

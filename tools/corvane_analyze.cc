@@ -281,8 +281,10 @@ int main(int argc, char** argv) {
 
   const char sex = o.breathing.sex == "F" ? 'F' : 'M';
   const int age = o.breathing.age;
-  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, sex, age);
-  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, sex, age);
+  const std::vector<TimedCycle> breaths =
+      o.rf ? rf_breaths(rf_schedule(*o.rf), recording.duration_seconds) : std::vector<TimedCycle>{};
+  const RgbImage image3 = render_tfr(a, TfrWidth::kNarrow, sex, age, true, breaths);
+  const RgbImage image10 = render_tfr(a, TfrWidth::kWide, sex, age, true, breaths);
   timings.emplace_back("heatmaps", watch.lap());
   const std::vector<std::uint8_t> png3 = encode_png_rgb(image3);
   const std::vector<std::uint8_t> png10 = encode_png_rgb(image10);

@@ -96,6 +96,34 @@ TEST(Heatmap, GreyAtOrBelowTheReferenceLevel) {
   }
 }
 
+// An assessment's rhythm changes: each breath has its cycle line at its start and its
+// frequency line (two pixel rows) at its own row, only across its own span.
+TEST(Heatmap, BreathsOfChangingLengthDrawTheirOwnLines) {
+  const std::vector<float> v(4 * 10, kLo);
+  HeatmapParams p = plain(v, 4, 10);
+  p.sampling_rate = 1;  // one column per second
+  const HeatmapCycle breaths[] = {{0, 4, 1}, {4, 10, 2}};
+  p.cycles = breaths;
+  const RgbImage img = render_heatmap(p);
+  ASSERT_EQ(img.width, 10);
+  for (int y = 0; y < 4; ++y) {
+    EXPECT_EQ(pixel(img, 0, y), kDark);
+    EXPECT_EQ(pixel(img, 4, y), kDark);
+  }
+  // Matrix row r is pixel row 3 - r, and the line also takes the pixel row above.
+  for (int x : {1, 3}) {
+    EXPECT_EQ(pixel(img, x, 2), kGreen) << x;
+    EXPECT_EQ(pixel(img, x, 1), kGreen) << x;
+    EXPECT_NE(pixel(img, x, 0), kGreen) << x;
+  }
+  for (int x : {5, 9}) {
+    EXPECT_EQ(pixel(img, x, 1), kGreen) << x;
+    EXPECT_EQ(pixel(img, x, 0), kGreen) << x;
+    EXPECT_NE(pixel(img, x, 2), kGreen) << x;
+  }
+  EXPECT_NE(pixel(img, 7, 3), kDark);  // no cycle line of the single rhythm
+}
+
 // The cycle and frequency lines, and which matrix column each pixel column
 // shows, are checked pixel by pixel on the real TFR job (tfr_images_test) and
 // byte for byte against the full-resolution picture over ten lengths and

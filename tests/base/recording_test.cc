@@ -61,9 +61,9 @@ TEST(MarkerTexts, SummaryStopsAfterTwelveAndCyclesSelectByTime) {
 
   // 16 s cycles: cycle 0 is [0, 16), the marker at exactly 16 s is cycle 1.
   std::vector<Marker> c = {{0, 1}, {130 * 16 - 1, 2}, {130 * 16, 3}, {130 * 17, 4}};
-  EXPECT_EQ(cycle_marker_keys(c, 0, 16), "1 2");
-  EXPECT_EQ(cycle_marker_keys(c, 1, 16), "3 4");
-  EXPECT_EQ(cycle_marker_keys(c, 2, 16), "");
+  EXPECT_EQ(marker_keys_between(c, 0, 16), "1 2");
+  EXPECT_EQ(marker_keys_between(c, 16, 32), "3 4");
+  EXPECT_EQ(marker_keys_between(c, 32, 48), "");
 }
 
 TEST(FileNames, SanitisingAndNumbers) {

@@ -23,7 +23,10 @@ TEST(LogPowerCsv, ColumnsNanCellsAndMeanLine) {
       {{}, {}, "cycle,CVN (logpower)\npow,\n"},  // too short for one cycle
       {{nan}, {{1, 2}}, "cycle,CVN (logpower),markers\n1,,2\npow,,\n"},
   };
-  for (const Case& c : cases) EXPECT_EQ(logpower_csv(c.cvn, c.markers, 16.0), c.want);
+  for (const Case& c : cases) EXPECT_EQ(logpower_csv(timed_cycles(c.cvn, 16.0), c.markers), c.want);
+  // An assessment's breaths differ in length: markers go by each breath's own span.
+  EXPECT_EQ(logpower_csv({{0, 10, 1.0}, {10, 12, nan}, {12, 20, 3.0}}, {{1300, 4}, {1560, 5}}),
+            "cycle,CVN (logpower),markers\n1,1.0000,\n2,,4\n3,3.0000,5\npow,2.0000,\n");
 }
 
 // Every field in hrv_fields() order with its unit; six significant digits in

@@ -3,7 +3,9 @@
 #include "reports/export.h"
 
 #include <gtest/gtest.h>
+
 #include <zlib.h>
+#include <sstream>
 
 #include <algorithm>
 #include <cmath>
@@ -57,7 +59,8 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
   const RecordingAnalysis analysis = analyze_recording(EcgSamples{in.samples}, 16.0);
   const CycleAnalysis& cycles = analysis.cycles;
   EXPECT_EQ(file("Anna_B_HR.txt"), hr_text(analysis.hr));
-  EXPECT_EQ(file("Anna_B_CVN_logpower.csv"), logpower_csv(cycles.cvn, in.markers, 16.0));
+  EXPECT_EQ(file("Anna_B_CVN_logpower.csv"),
+            logpower_csv(timed_cycles(cycles.cvn, 16.0), in.markers));
   EXPECT_EQ(file("Anna_B_HRV.csv"), hrv_csv(analysis.hrv));
   EXPECT_EQ(
       file("Anna_B_RR.csv"),
@@ -144,7 +147,10 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   ExportInput in;
   in.name = "rf";
   in.rf = RfProtocol{};
-  in.rr_seconds = resonant_rr(rf_schedule(*in.rf));
+  const std::vector<RfStep> steps = rf_schedule(*in.rf);
+  in.rr_seconds = resonant_rr(steps);
+  // In the third breath of the second step.
+  in.markers = {{static_cast<int>((steps[1].start_s + 2.5 * steps[1].cycle_s) * 130), 7}};
   const ExportResult r = write_export(in, dir.path());
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.files,
@@ -156,6 +162,26 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   ASSERT_EQ(want.recommended_bpm, 5.0);
   EXPECT_EQ(test::slurp(r.folder + "/rf_RF.csv"), rf_csv(want));
 
+  // The log-power table has one row per breath of the schedule, each step's rows average to
+  // its cvn, and the marker sits in its own breath's row.
+  std::istringstream table(test::slurp(r.folder + "/rf_CVN_logpower.csv"));
+  std::string line;
+  std::getline(table, line);
+  std::vector<std::string> rows;
+  while (std::getline(table, line) && !line.starts_with("pow,")) rows.push_back(line);
+  std::size_t first = 0;
+  for (std::size_t k = 0; k < steps.size(); ++k) {
+    double sum = 0;
+    for (int b = 0; b < steps[k].breaths; ++b) {
+      ASSERT_LT(first + b, rows.size());
+      sum += std::stod(rows[first + b].substr(rows[first + b].find(',') + 1));
+    }
+    EXPECT_NEAR(sum / steps[k].breaths, want.steps[k].cvn, 1e-4) << "step " << k;
+    first += steps[k].breaths;
+  }
+  EXPECT_EQ(rows.size(), first);
+  EXPECT_TRUE(rows[steps[0].breaths + 2].ends_with(",7")) << rows[steps[0].breaths + 2];
+
   if (!test::have_tool("/usr/bin/pdftotext")) GTEST_SKIP() << "poppler-utils is not installed";
   const std::string pdf = r.folder + "/rf_report.pdf";
   const test::ToolRun info = test::run_tool({"/usr/bin/pdfinfo", pdf});
@@ -165,6 +191,11 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   for (const char* t :
        {"Resonance frequency assessment", "Recommended pace: 5.0 breaths/min", "Page 3 of 3"})
     EXPECT_NE(text.out.find(t), std::string::npos) << t << "\n" << text.out;
+  const test::ToolRun first_page =
+      test::run_tool({"/usr/bin/pdftotext", "-f", "1", "-l", "1", "-raw", pdf, "-"});
+  for (const char* t :
+       {"Breathing rates 6.5, 6, 5.5, 5, 4.5 breaths/min", "in 40 % / out 60 % of every breath"})
+    EXPECT_NE(first_page.out.find(t), std::string::npos) << t << "\n" << first_page.out;
 }
 
 // The disk fills up at the third file: the two before it stay whole, the

@@ -7,12 +7,19 @@
 #include <filesystem>
 #include <thread>
 
+#include "analysis/pipeline.h"
+#include "analysis/resonance.h"
 #include "assets/assets.h"
+#include "base/breathing.h"
 #include "base/constants.h"
+#include "base/recording.h"
 #include "engine/engine.h"
+#include "reports/export_files.h"
 #include "server/routes.h"
+#include "server/snapshot_json.h"
 #include "tests/support/http_client.h"
 #include "tests/support/kubios_export.h"
+#include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
@@ -133,6 +140,48 @@ TEST_F(Api, ReplayControlRoutes) {
       R"({"ok":true,"protocol":{"rates":[6,5],"step_s":60,"infrac":0.4},"steps":[{"bpm":6,"start_s":0,"end_s":60,"breaths":6,"reached":true,"peak_trough_hr":)"))
       << rf;
   EXPECT_NE(rf.find(R"("recommended_bpm":)"), std::string::npos);
+}
+
+// One assessment, three readers: /rf_result, the export's table and corvane-analyze on the
+// saved recording give the table score_rf gives for the same samples, byte for byte.
+TEST_F(Api, AnAssessmentReadsTheSameThroughTheRouteTheExportAndTheAnalyzer) {
+  ASSERT_EQ(get("/start_replay?file=Sample%201.txt&speed=0&name=Rf&protocol=rf&rates=6,5.5&step_s="
+                "60&infrac=0.45"),
+            R"({"ok":true})");
+  EXPECT_EQ(get("/seek?frac=1"), R"({"ok":true})");
+  ASSERT_TRUE(test::wait_until(
+      [&] { return get("/status").find(R"("running":false)") != std::string::npos; }, 5s));
+  const std::string route = get("/rf_result");
+  const std::string save = get("/save");
+  const std::size_t at = save.find(R"("file":")");
+  ASSERT_NE(at, std::string::npos) << save;
+  const std::string saved =
+      data / ("recordings/" + save.substr(at + 8, save.find('"', at + 8) - at - 8));
+
+  const std::vector<double> samples = read_recording(test::slurp(saved));
+  const RecordingAnalysis a =
+      analyze_recording(EcgSamples{samples}, BreathingSettings{}.cycle_seconds());
+  const RfResult want = score_rf(RfProtocol{{6, 5.5}, 60, 0.45}, a.rr, a.hr, a.duration_seconds);
+  ASSERT_TRUE(std::isfinite(want.recommended_bpm));
+  const std::string json = rf_result_json(want);
+  EXPECT_EQ(route, R"({"ok":true,)" + json.substr(1));
+
+  EXPECT_EQ(get("/export"), R"({"ok":true,"status":"exporting"})");
+  const std::string exported = wait_while("/export_status", R"("exporting")");
+  const std::size_t folder = exported.find(R"("folder":")");
+  ASSERT_NE(folder, std::string::npos) << exported;
+  const std::string dir =
+      exported.substr(folder + 10, exported.find('"', folder + 10) - folder - 10);
+  std::string table;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    if (e.path().filename().string().ends_with("_RF.csv")) table = test::slurp(e.path());
+  EXPECT_EQ(table, rf_csv(want));
+
+  test::ChildProcess analyzer({CVN_ANALYZE_BINARY, "--protocol", "rf", "--rates", "6,5.5",
+                               "--step-s", "60", "--infrac", "0.45", saved},
+                              {"PATH=/usr/bin:/bin"});
+  ASSERT_EQ(analyzer.wait_exit(60000), 0) << analyzer.err();
+  EXPECT_NE(analyzer.out().find(",\"rf\":" + json + ","), std::string::npos);
 }
 
 // The replay it starts (label, name, length) is the browser test's.
