@@ -138,7 +138,10 @@ void prepare_data_folder(const Folders& f) {
   }
 
   for (const char* name : {"Sample 1.txt", "Sample 2.txt"}) {
-    if (auto bytes = find_asset(name)) write_file(samples + "/" + name, *bytes);
+    if (auto bytes = find_asset(name)) {
+      // The program runs without them; the user only misses the examples.
+      if (const Status s = write_file(samples + "/" + name, *bytes); !s.ok()) logLine(s.message());
+    }
   }
 }
 

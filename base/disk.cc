@@ -15,19 +15,14 @@ class SystemDisk : public Disk {
   std::optional<std::string> read(const std::string& path) override { return read_file(path); }
 
   Status write(const std::string& path, std::string_view bytes) override {
-    std::string error = write_file_checked(path, bytes);
-    if (error.empty()) return {};
+    Status written = write_file(path, bytes);
     // A truncated file that looks whole is worse than none.
-    std::remove(path.c_str());
-    return Status::error(std::move(error));
+    if (!written.ok()) std::remove(path.c_str());
+    return written;
   }
 
   Status write_atomic(const std::string& path, std::string_view bytes) override {
-    errno = 0;
-    if (write_file_atomic(path, bytes)) return {};
-    const int err = errno;
-    return Status::error("Could not write " + path + ": " +
-                         (err ? std::strerror(err) : "write failed"));
+    return write_file_atomic(path, bytes);
   }
 
   Status remove(const std::string& path) override {

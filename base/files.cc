@@ -8,10 +8,18 @@
 namespace cvn {
 
 namespace {
+
 struct FileCloser {
   void operator()(std::FILE* f) const { std::fclose(f); }
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// The failure of a write to `path`, in the system's words when it gave any.
+Status write_failure(const std::string& path, int err) {
+  return Status::error("Could not write " + path + ": " +
+                       (err ? std::strerror(err) : "write failed"));
+}
+
 }  // namespace
 
 std::optional<std::string> read_file(const std::string& path) {
@@ -29,11 +37,7 @@ std::optional<std::string> read_file(const std::string& path) {
   return out;
 }
 
-bool write_file(const std::string& path, std::string_view bytes) {
-  return write_file_checked(path, bytes).empty();
-}
-
-std::string write_file_checked(const std::string& path, std::string_view bytes) {
+Status write_file(const std::string& path, std::string_view bytes) {
   errno = 0;
   File f(std::fopen(path.c_str(), "wb"));
   bool ok = f != nullptr;
@@ -42,11 +46,11 @@ std::string write_file_checked(const std::string& path, std::string_view bytes) 
   // A full disk often shows only when the buffered rest is flushed.
   if (ok) ok = std::fclose(f.release()) == 0;
   if (ok) return {};
-  const int err = errno;
-  return "Could not write " + path + ": " + (err ? std::strerror(err) : "write failed");
+  return write_failure(path, errno);
 }
 
-bool write_file_atomic(const std::string& path, std::string_view bytes) {
+Status write_file_atomic(const std::string& path, std::string_view bytes) {
+  errno = 0;
   // Same folder, so the rename never crosses volumes; an ending that no
   // listing picks up, so a crash mid-write leaves nothing that looks real.
   const std::string temp = path + ".tmp";
@@ -59,8 +63,10 @@ bool write_file_atomic(const std::string& path, std::string_view bytes) {
   ok = ok && sync_file(f.get());
   if (f) ok = std::fclose(f.release()) == 0 && ok;
   ok = ok && replace_file(temp, path);
-  if (!ok) std::remove(temp.c_str());
-  return ok;
+  if (ok) return {};
+  const int err = errno;
+  std::remove(temp.c_str());
+  return write_failure(path, err);
 }
 
 }  // namespace cvn

@@ -27,7 +27,8 @@ std::string make_study(int count) {
     while (ecg.size() < 5 * 60 * 130) ecg.insert(ecg.end(), one.begin() + p * 97, one.end());
     ecg.resize(5 * 60 * 130);
     fs::create_directories(root + "/person" + std::to_string(p));
-    cvn::write_file(root + "/person" + std::to_string(p) + "/rest.txt", cvn::format_recording(ecg));
+    (void)cvn::write_file(root + "/person" + std::to_string(p) + "/rest.txt",
+                          cvn::format_recording(ecg));
   }
   return root;
 }

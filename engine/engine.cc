@@ -6,6 +6,7 @@
 
 #include "analysis/pipeline.h"
 #include "base/files.h"
+#include "base/log.h"
 #include "engine/import.h"
 #include "engine/sidecar.h"
 
@@ -100,7 +101,8 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   }
   r.file = "imported_" + name + "_" + file_time_stamp(clock_.wall()) + ".csv";
   const std::string path = data_folder_ + "/recordings/" + r.file;
-  if (!write_file_atomic(path, format_recording(samples))) {
+  if (const Status s = write_file_atomic(path, format_recording(samples)); !s.ok()) {
+    logLine(s.message());
     r.note = "Could not save the imported recording in " + data_folder_ + "/recordings.";
     r.file.clear();
     return r;

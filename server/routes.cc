@@ -239,7 +239,7 @@ Response batch_upload(const ServerContext& c, const Request& r) {
   const fs::path path = fs::path(c.engine->upload_folder()) / fs::path(rel);
   std::error_code ec;
   fs::create_directories(path.parent_path(), ec);
-  if (!write_file_checked(path.string(), r.body).empty()) return Response::json(R"({"ok":false})");
+  if (!write_file(path.string(), r.body).ok()) return Response::json(R"({"ok":false})");
   return ok();
 }
 

@@ -294,7 +294,7 @@ int main(int argc, char** argv) {
          {std::pair{"tfr3.png", &png3}, std::pair{"tfr10.png", &png10}}) {
       const std::string path = o.png_dir + "/" + name;
       const std::string_view data(reinterpret_cast<const char*>(bytes->data()), bytes->size());
-      if (bytes->empty() || !cvn::write_file(path, data))
+      if (bytes->empty() || !cvn::write_file(path, data).ok())
         return fail(kExitIo, "cannot write " + path);
     }
     timings.emplace_back("write_png", watch.lap());

@@ -14,13 +14,13 @@ namespace {
 TEST(AtomicWrite, ReplacesWholeOrLeavesTheOldFile) {
   test::TempDir dir;
   const std::string path = dir / "rec.csv";
-  ASSERT_TRUE(write_file_atomic(path, "old\nold\n"));
-  ASSERT_TRUE(write_file_atomic(path, "new\n"));
+  ASSERT_TRUE(write_file_atomic(path, "old\nold\n").ok());
+  ASSERT_TRUE(write_file_atomic(path, "new\n").ok());
   EXPECT_EQ(test::slurp(path), "new\n");
 
   std::filesystem::create_directory(dir / "busy.csv");  // no rename replaces a folder
-  EXPECT_FALSE(write_file_atomic(dir / "busy.csv", "x\n"));
-  EXPECT_FALSE(write_file_atomic(dir / "missing/x.csv", "x\n"));
+  EXPECT_FALSE(write_file_atomic(dir / "busy.csv", "x\n").ok());
+  EXPECT_FALSE(write_file_atomic(dir / "missing/x.csv", "x\n").ok());
   std::vector<std::string> left;
   for (const auto& e : std::filesystem::directory_iterator(dir.path()))
     left.push_back(e.path().filename().string());

@@ -93,8 +93,8 @@ TEST(EdfFile, EdflibReadsSamplesAndEveryAnnotation) {
   test::TempDir dir;
   const Written w = example();
   const std::vector<std::uint8_t> bytes = edf_file(w.rec);
-  ASSERT_EQ(write_file_checked(dir / "x.edf",
-                               {reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+  ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
+                .message(),
             "");
   edf_hdr_struct hdr{};
   ASSERT_EQ(edfopen_file_readonly((dir / "x.edf").c_str(), &hdr, EDFLIB_READ_ALL_ANNOTATIONS), 0)
@@ -127,8 +127,8 @@ TEST(EdfFile, MneReadsTheSameSamplesAndAnnotations) {
   test::TempDir dir;
   const Written w = example();
   const std::vector<std::uint8_t> bytes = edf_file(w.rec);
-  ASSERT_EQ(write_file_checked(dir / "x.edf",
-                               {reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+  ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
+                .message(),
             "");
   test::ToolRun r =
       run_tool({python, std::string(CVN_SOURCE_DIR) + "/tests/reports/read_edf.py", dir / "x.edf"},

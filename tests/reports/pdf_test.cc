@@ -133,13 +133,13 @@ class ReportPdf : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     dir_ = new test::TempDir;
-    ASSERT_EQ(write_file_checked(report(), recording_report_pdf(example_report())), "");
-    ASSERT_EQ(write_file_checked(summary(), summary_report_pdf(example_summary())), "");
+    ASSERT_EQ(write_file(report(), recording_report_pdf(example_report())).message(), "");
+    ASSERT_EQ(write_file(summary(), summary_report_pdf(example_summary())).message(), "");
     RecordingReport no_logo = example_report();
     no_logo.logo = {};  // one object fewer
-    ASSERT_EQ(write_file_checked(*dir_ / "no_logo.pdf", recording_report_pdf(no_logo)), "");
-    ASSERT_EQ(write_file_checked(short_report_file(), recording_report_pdf(short_report())), "");
-    ASSERT_EQ(write_file_checked(rf_report_file(), recording_report_pdf(rf_report())), "");
+    ASSERT_EQ(write_file(*dir_ / "no_logo.pdf", recording_report_pdf(no_logo)).message(), "");
+    ASSERT_EQ(write_file(short_report_file(), recording_report_pdf(short_report())).message(), "");
+    ASSERT_EQ(write_file(rf_report_file(), recording_report_pdf(rf_report())).message(), "");
   }
   static void TearDownTestSuite() { delete dir_; }
   void SetUp() override {
@@ -309,7 +309,7 @@ TEST_F(ReportPdf, AssessmentPageReadsAsRows) {
   RecordingReport none = rf_report();
   none.rf->recommended_bpm = NAN;
   const std::string file = *dir_ / "rf_none.pdf";
-  ASSERT_EQ(write_file_checked(file, recording_report_pdf(none)), "");
+  ASSERT_EQ(write_file(file, recording_report_pdf(none)).message(), "");
   const std::string said = layout_text(file);
   EXPECT_NE(said.find("No recommendation"), std::string::npos);
   EXPECT_EQ(said.find("Recommended pace"), std::string::npos);
@@ -348,7 +348,7 @@ TEST_F(ReportPdf, SummaryOfTwelvePersonsBreaksPages) {
   for (int i = 0; i < 40; ++i) s.persons[2].entries.push_back(recording("more.txt", 30));
   const std::string pdf = summary_report_pdf(s);
   const std::string file = *dir_ / "twelve.pdf";
-  ASSERT_EQ(write_file_checked(file, pdf), "");
+  ASSERT_EQ(write_file(file, pdf).message(), "");
   EXPECT_EQ(run_tool({"/usr/bin/qpdf", "--check", file}).status, 0);
   const std::regex maps(R"(/XObject << /Logo 5 0 R /ImA (\d+) 0 R /ImB (\d+) 0 R >>)");
   std::set<std::string> images;  // object numbers, distinct across pages

@@ -28,7 +28,7 @@ std::string slurp(const std::string& path) {
 bool spit(const std::string& path, const std::string& bytes) {
   std::error_code ec;
   fs::create_directories(fs::path(path).parent_path(), ec);
-  return write_file(path, bytes);
+  return write_file(path, bytes).ok();
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
