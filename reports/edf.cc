@@ -33,6 +33,13 @@ std::string text(const char* fmt, long long v) {
   return buf;
 }
 
+// A physical limit in at most 8 characters: "-32767", "327.67".
+std::string number(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.8g", v);
+  return std::string(buf).substr(0, 8);
+}
+
 // The annotation text of every record: the record's time-keeping entry, then
 // the markers due in it.
 std::vector<std::string> annotation_texts(std::vector<EdfAnnotation> marks, std::size_t records) {
@@ -64,6 +71,21 @@ std::vector<std::string> annotation_texts(std::vector<EdfAnnotation> marks, std:
 }
 
 }  // namespace
+
+EdfSignal edf_ecg_signal() {
+  return {"ECG",
+          "Polar H10 chest strap",
+          "uV",
+          "HP:5Hz LP:49Hz",
+          -kEdfDigitalLimit,
+          kEdfDigitalLimit,
+          -kEdfDigitalLimit,
+          kEdfDigitalLimit};
+}
+
+EdfSignal edf_heart_rate_signal() {
+  return {"HR", "Beat-to-beat intervals", "bpm", "2s Hann smoothing", 0, 327.67, 0, 32767};
+}
 
 std::vector<std::uint8_t> edf_file(const EdfRecording& rec) {
   const std::size_t n = rec.samples.size();
@@ -108,28 +130,33 @@ std::vector<std::uint8_t> edf_file(const EdfRecording& rec) {
   field(out, std::to_string(kEdfRecordSeconds), 8);
   field(out, std::to_string(kSignals), 4);
 
-  // Signal fields: each field for the ECG, then for the annotations.
-  const auto both = [&](std::string_view ecg, std::string_view ann, std::size_t width) {
-    field(out, ecg, width);
+  // Signal fields: each field for the data signal, then for the annotations.
+  const EdfSignal& s = rec.signal;
+  const auto both = [&](std::string_view data, std::string_view ann, std::size_t width) {
+    field(out, data, width);
     field(out, ann, width);
   };
-  both("ECG", "EDF Annotations", 16);
-  both("Polar H10 chest strap", "", 80);
-  both("uV", "", 8);
-  both("-32767", "-1", 8);
-  both("32767", "1", 8);
-  both("-32767", "-32768", 8);
-  both("32767", "32767", 8);
-  both("HP:5Hz LP:49Hz", "", 80);
+  both(s.label, "EDF Annotations", 16);
+  both(s.transducer, "", 80);
+  both(s.dimension, "", 8);
+  both(number(s.physical_min), "-1", 8);
+  both(number(s.physical_max), "1", 8);
+  both(std::to_string(s.digital_min), "-32768", 8);
+  both(std::to_string(s.digital_max), "32767", 8);
+  both(s.prefiltering, "", 80);
   both(text("%lld", fs), std::to_string(ann_samples), 8);
   both("", "", 32);
 
+  // Exactly 1 and 0 for the ECG, so that its microvolts are stored as they are.
+  const double gain = (s.digital_max - s.digital_min) / (s.physical_max - s.physical_min);
+  const double offset = s.digital_min - s.physical_min * gain;
   for (std::size_t r = 0; r < records; ++r) {
     for (std::size_t i = 0; i < per_record; ++i) {
       const std::size_t index = r * per_record + i;
       double v = index < n ? rec.samples[index] : 0.0;
       if (std::isnan(v)) v = 0.0;
-      v = std::round(std::clamp(v, -double{kEdfDigitalLimit}, double{kEdfDigitalLimit}));
+      v = std::round(std::clamp(v * gain + offset, static_cast<double>(s.digital_min),
+                                static_cast<double>(s.digital_max)));
       put_le(out, static_cast<std::uint16_t>(static_cast<std::int16_t>(v)), 2);
     }
     const std::string& t = texts[r];

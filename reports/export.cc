@@ -119,16 +119,24 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   if (have_ecg) write("_ECG.txt", format_recording(in.samples));
   write("_HR.txt", hr_text(analysis.hr));
   write("_markers.csv", markers_csv(in.markers));
-  if (have_ecg && out.error.empty()) {
+  if (out.error.empty()) {
+    // Without an ECG (beats from a strap or an RR export) the file holds the
+    // heart rate, so that EDF readers still get the recording with its markers.
     EdfRecording edf;
-    edf.samples = in.samples;
-    edf.sample_rate = kSampleRateInt;
+    if (have_ecg) {
+      edf.samples = in.samples;
+      edf.sample_rate = kSampleRateInt;
+    } else {
+      edf.signal = edf_heart_rate_signal();
+      edf.samples = analysis.hr;
+      edf.sample_rate = static_cast<int>(std::lround(1 / kHrGridStep));
+    }
     edf.name = in.name;
     edf.start_time = start;
     for (const Marker& m : in.markers)
       edf.annotations.push_back({m.sample / kSampleRate, "Marker " + std::to_string(m.key)});
     const std::vector<std::uint8_t> bytes = edf_file(edf);
-    write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    if (!bytes.empty()) write(".edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   }
   write("_CVN_logpower.csv", logpower_csv(log_cycles, in.markers));
   write("_HRV.csv", hrv_csv(analysis.hrv));

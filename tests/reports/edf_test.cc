@@ -50,6 +50,13 @@ TEST(EdfFile, HeaderFieldsAndRecords) {
 
   r.name = "";
   EXPECT_EQ(bytes_of(r).substr(8, 10), "X X X X   ");
+  r.signal = edf_heart_rate_signal();
+  r.sample_rate = 10;
+  r.samples = {61.234};
+  f = bytes_of(r);
+  EXPECT_EQ(f.substr(256, 32), "HR              EDF Annotations ");
+  EXPECT_EQ(f.substr(256 + 192, 48), "bpm             0       -1      327.67  1       ");
+  EXPECT_EQ(f.substr(768, 2), std::string("\xEB\x17", 2)) << "6123 steps of 0.01 bpm";
   r.sample_rate = 0;
   EXPECT_TRUE(edf_file(r).empty());
   r.sample_rate = 130;
@@ -66,17 +73,27 @@ struct Written {
   std::vector<std::pair<double, std::string>> markers;  // sorted by time
 };
 
-Written example() {
+// The ECG in microvolts at 130 Hz, or (`heart_rate`) a beat recording's heart rate in bpm at
+// 10 Hz, 0.01 bpm per step, with a gap (NaN, stored as 0).
+Written example(bool heart_rate = false) {
   Written w;
   w.rec.name = "Zoë (pilot)";
   w.rec.start_time = 1740920587;
-  const int n = 130 * 5 + 17;
+  if (heart_rate) {
+    w.rec.signal = edf_heart_rate_signal();
+    w.rec.sample_rate = 10;
+  }
+  const int n = w.rec.sample_rate * 5 + 7;
   for (int i = 0; i < n; ++i) {
-    double v = 400.0 * std::sin(i * 0.1) + (i % 2 ? 0.5 : -0.5);
-    if (i == 10) v = 40000;
-    if (i == 11) v = -40000;
+    double v = heart_rate ? 70 + 12.345 * std::sin(i * 0.3)
+                          : 400.0 * std::sin(i * 0.1) + (i % 2 ? 0.5 : -0.5);
+    if (i == 10) v = heart_rate ? 400 : 40000;
+    if (i == 11) v = heart_rate ? NAN : -40000;
     w.rec.samples.push_back(v);
-    w.digital.push_back(static_cast<int>(std::round(std::clamp(v, -32767.0, 32767.0))));
+    const double step = heart_rate ? 100 * (std::isnan(v) ? 0 : v) : v;
+    const double limit = 32767;
+    w.digital.push_back(
+        static_cast<int>(std::round(std::clamp(step, heart_rate ? 0 : -limit, limit))));
   }
   w.rec.annotations = {{4.2, "Marker 2"}, {1.0, "Marker 1"}, {0.25, "Marker 9"}};
   for (int k = 0; k < 14; ++k)
@@ -86,12 +103,14 @@ Written example() {
   return w;
 }
 
-TEST(EdfFile, EdflibReadsSamplesAndEveryAnnotation) {
+class EdfReaders : public testing::TestWithParam<bool> {};
+
+TEST_P(EdfReaders, EdflibReadsSamplesAndEveryAnnotation) {
 #ifndef CVN_HAVE_EDFLIB
   GTEST_SKIP() << "EDFlib (libedf-dev) is not installed";
 #else
   test::TempDir dir;
-  const Written w = example();
+  const Written w = example(GetParam());
   const std::vector<std::uint8_t> bytes = edf_file(w.rec);
   ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
                 .message(),
@@ -103,11 +122,17 @@ TEST(EdfFile, EdflibReadsSamplesAndEveryAnnotation) {
   EXPECT_STREQ(hdr.patient_name, "Zoe (pilot)");
   ASSERT_EQ(hdr.edfsignals, 1);
   const int n = static_cast<int>(hdr.signalparam[0].smp_in_file);
-  ASSERT_EQ(n, 130 * 6);
+  ASSERT_EQ(n, w.rec.sample_rate * 6);
+  EXPECT_TRUE(
+      std::string(hdr.signalparam[0].physdimension).starts_with(w.rec.signal.dimension + " "));
   std::vector<int> digital(n);
   ASSERT_EQ(edfread_digital_samples(hdr.handle, 0, n, digital.data()), n);
   digital.resize(w.digital.size());
   EXPECT_EQ(digital, w.digital);
+  std::vector<double> physical(n);
+  ASSERT_EQ(edfseek(hdr.handle, 0, 0, EDFSEEK_SET), 0);
+  ASSERT_EQ(edfread_physical_samples(hdr.handle, 0, n, physical.data()), n);
+  EXPECT_NEAR(physical[3], w.rec.samples[3], GetParam() ? 0.005 : 0.5);
 
   ASSERT_EQ(hdr.annotations_in_file, static_cast<long long>(w.markers.size()));
   for (int i = 0; i < hdr.annotations_in_file; ++i) {
@@ -120,12 +145,12 @@ TEST(EdfFile, EdflibReadsSamplesAndEveryAnnotation) {
 #endif
 }
 
-TEST(EdfFile, MneReadsTheSameSamplesAndAnnotations) {
+TEST_P(EdfReaders, MneReadsTheSameSamplesAndAnnotations) {
   const std::string python = "/usr/bin/python3";
   if (!have_tool(python) || run_tool({python, "-c", "import mne"}).status != 0)
     GTEST_SKIP() << "python3-mne is not installed";
   test::TempDir dir;
-  const Written w = example();
+  const Written w = example(GetParam());
   const std::vector<std::uint8_t> bytes = edf_file(w.rec);
   ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
                 .message(),
@@ -135,7 +160,7 @@ TEST(EdfFile, MneReadsTheSameSamplesAndAnnotations) {
                dir.path());
   ASSERT_EQ(r.status, 0) << r.err;
   std::ostringstream want;
-  want << "samples " << 130 * 6 << "\n";
+  want << "samples " << w.rec.sample_rate * 6 << "\n";
   char line[64];
   for (const auto& [t, label] : w.markers) {
     std::snprintf(line, sizeof line, "%.3f %s\n", t, label.c_str());
@@ -143,6 +168,8 @@ TEST(EdfFile, MneReadsTheSameSamplesAndAnnotations) {
   }
   EXPECT_EQ(r.out, want.str());
 }
+
+INSTANTIATE_TEST_SUITE_P(EcgAndHeartRate, EdfReaders, testing::Bool());
 
 }  // namespace
 }  // namespace cvn

@@ -46,7 +46,8 @@ TEST(WriteExport, FilesAgreeWithTheAnalysis) {
 
   EXPECT_EQ(file("Anna_B_ECG.txt"), format_recording(in.samples));
   EXPECT_EQ(file("Anna_B_markers.csv"), markers_csv(in.markers));
-  EdfRecording edf{in.samples,
+  EdfRecording edf{edf_ecg_signal(),
+                   in.samples,
                    130,
                    in.name,
                    {{10, "Marker 2"}, {1400 / 130.0, "Marker 5"}, {200, "Marker 9"}},
@@ -107,11 +108,17 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   in.name = "kubios";
   in.summary_maps = true;
   for (int i = 0; i < 300; ++i) in.rr_seconds.push_back(0.9 + 0.1 * std::sin(i * 0.4));
-  const ExportResult r = write_export(in, dir.path());
+  ManualClock clock;
+  const ExportResult r = write_export(in, dir.path(), clock);
   ASSERT_TRUE(r.ok()) << r.error;
-  EXPECT_EQ(r.files, (std::vector<std::string>{"kubios_HR.txt", "kubios_markers.csv",
+  EXPECT_EQ(r.files, (std::vector<std::string>{"kubios_HR.txt", "kubios_markers.csv", "kubios.edf",
                                                "kubios_CVN_logpower.csv", "kubios_HRV.csv",
                                                "kubios_RR.csv", "kubios_report.pdf"}));
+  // No ECG: the EDF+ file carries the 10 Hz heart rate the report plots.
+  const RecordingAnalysis a = analyze_recording(RrSeconds{in.rr_seconds}, 16.0);
+  EdfRecording edf{edf_heart_rate_signal(), a.hr, 10, in.name, {}, clock.wall()};
+  const std::vector<std::uint8_t> edf_bytes = edf_file(edf);
+  EXPECT_EQ(test::slurp(r.folder + "/kubios.edf"), std::string(edf_bytes.begin(), edf_bytes.end()));
   EXPECT_EQ(r.summary.beats, 301u);
   EXPECT_GT(test::lines_of(test::slurp(r.folder + "/kubios_CVN_logpower.csv")).size(), 2u);
   EXPECT_FALSE(r.summary.map3.empty());
@@ -153,9 +160,9 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   in.markers = {{static_cast<int>((steps[1].start_s + 2.5 * steps[1].cycle_s) * 130), 7}};
   const ExportResult r = write_export(in, dir.path());
   ASSERT_TRUE(r.ok()) << r.error;
-  EXPECT_EQ(r.files,
-            (std::vector<std::string>{"rf_HR.txt", "rf_markers.csv", "rf_CVN_logpower.csv",
-                                      "rf_HRV.csv", "rf_RR.csv", "rf_RF.csv", "rf_report.pdf"}));
+  EXPECT_EQ(r.files, (std::vector<std::string>{"rf_HR.txt", "rf_markers.csv", "rf.edf",
+                                               "rf_CVN_logpower.csv", "rf_HRV.csv", "rf_RR.csv",
+                                               "rf_RF.csv", "rf_report.pdf"}));
   const RecordingAnalysis a =
       analyze_recording(RrSeconds{in.rr_seconds}, in.breathing.cycle_seconds());
   const RfResult want = score_rf(*in.rf, a.rr, a.hr, a.duration_seconds);
