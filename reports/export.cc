@@ -160,6 +160,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   facts.duration_seconds = summary.duration_seconds;
   facts.beats = beats;
   facts.rr_only = !have_ecg;
+  facts.beats_from_strap = !in.beat_device.empty();
   facts.markers = in.markers;
 
   RecordingReport report;
@@ -169,6 +170,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   report.markers = in.markers;
   report.cvn = cycle_values;
   report.rr_only = !have_ecg;
+  report.beat_device = in.beat_device;
   report.hrv = analysis.hrv;
   const char sex = in.breathing.sex == "F" ? 'F' : 'M';
   if (!cycles.empty()) {

@@ -32,6 +32,9 @@ struct ExportInput {
   /// RR export without ECG): the analysis then runs on these, and the ECG text
   /// and EDF+ files are left out.
   std::vector<double> rr_seconds;
+  /// The strap whose beat intervals `rr_seconds` are (a strap that sends no
+  /// ECG); empty for an RR export.
+  std::string beat_device;
   std::vector<Marker> markers;
   std::string name;             // the session's name; the folder and files use it sanitised
   BreathingSettings breathing;  // the cycle length, and the person for the reference level

@@ -297,7 +297,10 @@ std::vector<SummaryRow> summary_rows(const SummaryFacts& f) {
       frequency,
       {"Cycles recorded", cycles},
       {"Duration", duration},
-      {f.rr_only ? "Beats (from RR export)" : "R-peaks", std::to_string(f.beats)},
+      {!f.rr_only           ? "R-peaks"
+       : f.beats_from_strap ? "Beats (from the strap)"
+                            : "Beats (from RR export)",
+       std::to_string(f.beats)},
       {"Markers", marker_summary(f.markers)},
   };
 }

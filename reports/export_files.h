@@ -73,7 +73,8 @@ struct SummaryFacts {
   std::size_t cycles_with_value = 0;
   double duration_seconds = 0;
   std::size_t beats = 0;
-  bool rr_only = false;  // the beats came from an RR-interval export, not R-peak detection
+  bool rr_only = false;           // the beats came as intervals, not from R-peak detection
+  bool beats_from_strap = false;  // rr_only: from a heart-rate strap, not an RR export
   std::vector<Marker> markers;
   std::optional<RfProtocol> rf;  // an assessment: its rates replace the single rhythm's rows
 };

@@ -49,8 +49,11 @@ PdfCanvas page_one(const RecordingReport& r) {
          fit(r.name, PdfFont::kRegular, 11, kRight - kLeft - 70));
   // Said outright: without ECG nobody can re-check the beats, and the
   // heart rate is only as good as the program that wrote the intervals.
+  const std::string source = !r.rr_only              ? kEcgSource
+                             : r.beat_device.empty() ? kRrSource
+                                                     : "Source: heart beats from " + r.beat_device;
   c.text(r.rr_only ? kInk : kMuted, PdfFont::kRegular, kBodySize, kLeft, 754,
-         r.rr_only ? kRrSource : kEcgSource);
+         fit(source, PdfFont::kRegular, kBodySize, kRight - kLeft));
   c.line_width(1);
   c.line(kAccent, kLeft, 746, kRight, 746);
 

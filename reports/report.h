@@ -28,7 +28,8 @@ struct RecordingReport {
   RgbImage tfr3, tfr10;             // heat-maps (3- and 10-cycle wavelets); empty: none
   double expected_freq = 0;         // Hz, labels the green line of the heat-maps
   double duration_seconds = 0;      // the heat-maps' time axis
-  bool rr_only = false;             // from an RR-interval export: there is no ECG
+  bool rr_only = false;             // from beat intervals: there is no ECG
+  std::string beat_device;          // rr_only: the strap that sent them; empty: an RR export
   HrvIndices hrv;                   // the HRV block
   ReportLogo logo;                  // empty: no logo
   /// A resonance assessment's scores (score_rf); absent: a single rhythm.

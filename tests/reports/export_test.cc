@@ -131,6 +131,15 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
   for (const char* t : {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
     EXPECT_NE(text.out.find(t), std::string::npos) << t;
   EXPECT_EQ(text.out.find("R-peaks"), std::string::npos);
+
+  // The same beats from a strap that sends no ECG name the strap.
+  in.beat_device = "Wahoo TICKR 5E21";
+  const ExportResult strap = write_export(in, dir.path(), clock);
+  ASSERT_TRUE(strap.ok()) << strap.error;
+  const test::ToolRun strap_text =
+      test::run_tool({"/usr/bin/pdftotext", "-layout", strap.folder + "/kubios_report.pdf", "-"});
+  for (const char* t : {"Source: heart beats from Wahoo TICKR 5E21", "Beats (from the strap)"})
+    EXPECT_NE(strap_text.out.find(t), std::string::npos) << t;
 }
 
 // RR(t) = 1 - A(r) cos(2 pi (phase - 0.5)) s through the steps of `s`, the
