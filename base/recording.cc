@@ -1,4 +1,5 @@
 #include "base/recording.h"
+#include <charconv>
 
 #include <cerrno>
 #include <cmath>
@@ -38,24 +39,60 @@ bool parse_sample(std::string_view line, double* out) {
   return true;
 }
 
-}  // namespace
-
-std::vector<double> read_recording(std::string_view text) {
-  std::vector<double> out;
-  out.reserve(text.size() / 5);  // typical line: 3-4 digits and a line feed
+// Calls `on_line` with the first CSV column of every line, blanks and CR
+// trimmed; not for the empty rest after a final line feed.
+template <typename OnLine>
+void for_each_value_text(std::string_view text, OnLine on_line) {
   std::size_t start = 0;
-  while (start <= text.size()) {
+  while (start < text.size()) {
     std::size_t nl = text.find('\n', start);
     std::string_view line =
         text.substr(start, nl == std::string_view::npos ? std::string_view::npos : nl - start);
-    start = nl == std::string_view::npos ? text.size() + 1 : nl + 1;
+    start = nl == std::string_view::npos ? text.size() : nl + 1;
     line = line.substr(0, line.find(','));
     while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.remove_suffix(1);
     // Leading blanks are tolerated as the number conversion would skip them
     // ("  -12.5e1" is a sample, as exported by some tools with aligned columns).
     while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    on_line(line);
+  }
+}
+
+}  // namespace
+
+std::vector<double> read_recording(std::string_view text) {
+  std::vector<double> out;
+  out.reserve(text.size() / 5);  // typical line: 3-4 digits and a line feed
+  for_each_value_text(text, [&](std::string_view line) {
     double v;
     if (!line.empty() && parse_sample(line, &v)) out.push_back(v);
+  });
+  return out;
+}
+
+BeatText read_beats(std::string_view text) {
+  BeatText out;
+  for_each_value_text(text, [&](std::string_view line) {
+    double ms;
+    if (!line.empty() && parse_sample(line, &ms) && ms >= 0)
+      out.rr_seconds.push_back(ms / 1000);
+    else
+      ++out.skipped_lines;
+  });
+  return out;
+}
+
+std::string format_beats(const std::vector<double>& rr_seconds) {
+  std::string out;
+  out.reserve(rr_seconds.size() * 8);
+  char buf[64];
+  for (double rr : rr_seconds) {
+    // Shortest text that reads back to the same double: a strap's 1/1024 s
+    // steps survive a save and a replay exactly.
+    const auto [end, ec] = std::to_chars(buf, buf + sizeof buf, rr * 1000);
+    if (ec != std::errc()) continue;
+    out.append(buf, end);
+    out.push_back('\n');
   }
   return out;
 }

@@ -23,6 +23,25 @@ std::vector<double> read_recording(std::string_view text);
 /// One rounded integer per line (halves away from zero), "\n" endings.
 std::string format_recording(const std::vector<double>& samples);
 
+/// How the file of a beat recording ends (a strap that sends beat intervals,
+/// not ECG): "<name>_RR.txt".
+inline constexpr std::string_view kBeatsEnding = "_RR.txt";
+
+/// A beat recording: the intervals in seconds, and how many lines were not an
+/// interval (text, blank, negative) and so were left out.
+struct BeatText {
+  std::vector<double> rr_seconds;
+  std::size_t skipped_lines = 0;
+};
+
+/// One interval in milliseconds per line (first CSV column, as for samples);
+/// 0 and long intervals are kept for the beat cleaning to judge.
+BeatText read_beats(std::string_view text);
+
+/// One interval per line in milliseconds, the shortest text that reads back
+/// to the same value; a non-finite interval is left out.
+std::string format_beats(const std::vector<double>& rr_seconds);
+
 /// "X_ECG.txt" -> "X_markers.csv", "dir/Y.csv" -> "dir/Y_markers.csv".
 std::string markers_path(const std::string& recording_path);
 

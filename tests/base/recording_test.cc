@@ -32,6 +32,22 @@ TEST(RecordingFormat, RoundsHalvesAwayFromZeroAndReadsBack) {
   EXPECT_EQ(read_recording(format_recording(ints)), ints);
 }
 
+// A beat file from another tool or an old save: text, blank lines and negative values are
+// left out and counted; 0 and very long intervals stay for the beat cleaning to judge.
+// Intervals in a strap's 1/1024 s steps survive a write and a read exactly.
+TEST(BeatFile, SkipsAndCountsBadLinesAndKeepsStrapStepsExact) {
+  const BeatText read = read_beats("rr_ms\n812.5\r\n\n-3\n0\n3500,x\n  976.5625\nabc\n1e400\n");
+  EXPECT_EQ(read.rr_seconds, (std::vector<double>{0.8125, 0, 3.5, 0.9765625}));
+  EXPECT_EQ(read.skipped_lines, 5u);  // the header, the blank, -3, abc and the out-of-range
+  EXPECT_EQ(read_beats("").skipped_lines, 0u);
+
+  std::vector<double> strap;
+  for (int k = 300; k < 2000; k += 7) strap.push_back(k / 1024.0);
+  const std::string text = format_beats(strap);
+  EXPECT_TRUE(text.starts_with("292.96875\n299.8046875\n")) << text.substr(0, 40);
+  EXPECT_EQ(read_beats(text).rr_seconds, strap);
+}
+
 TEST(MarkersFile, PathRuleAndRoundTrip) {
   EXPECT_EQ(markers_path("/d/X_ECG.txt"), "/d/X_markers.csv");
   EXPECT_EQ(markers_path("/d/X.csv"), "/d/X_markers.csv");
