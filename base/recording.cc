@@ -115,7 +115,8 @@ std::string markers_path(const std::string& recording_path) {
   std::size_t dot = recording_path.rfind('.');
   std::string stem = recording_path;
   if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) stem.resize(dot);
-  if (stem.ends_with("_ECG")) stem.resize(stem.size() - 4);
+  for (const char* kind : {"_ECG", "_RR"})
+    if (stem.ends_with(kind)) stem.resize(stem.size() - std::string_view(kind).size());
   return stem + "_markers.csv";
 }
 

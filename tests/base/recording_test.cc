@@ -50,6 +50,7 @@ TEST(BeatFile, SkipsAndCountsBadLinesAndKeepsStrapStepsExact) {
 
 TEST(MarkersFile, PathRuleAndRoundTrip) {
   EXPECT_EQ(markers_path("/d/X_ECG.txt"), "/d/X_markers.csv");
+  EXPECT_EQ(markers_path("/d/X_RR.txt"), "/d/X_markers.csv");  // a beat recording
   EXPECT_EQ(markers_path("/d/X.csv"), "/d/X_markers.csv");
   EXPECT_EQ(markers_path("/d.v2/noext"), "/d.v2/noext_markers.csv");
   EXPECT_EQ(markers_path("Anna_on5_off11_M40_20250302-140307.csv"),
