@@ -144,7 +144,7 @@ TimedValue BeatNotifier::next() {
         rr_.empty() ? due_ + kIdleNotificationSeconds : std::max(due_, elapsed_ + rr_[pos_] / 2);
   due_ = out.due;
   m.heart_rate_bpm = bpm_;
-  out.value = encode_heart_rate_measurement(m, k % 2 == 1);
+  out.value = encode_heart_rate_measurement(m, k / 4 % 2 == 1);
   return out;
 }
 

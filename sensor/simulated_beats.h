@@ -24,7 +24,8 @@ struct TimedValue {
 
 /// The notifications a strap sends for `rr_seconds`, looping over them.
 /// Notification k carries kRrPattern[k % 4] intervals (0 to 3), its rate in
-/// 16 bits when k is odd, and Energy Expended when k % 5 == 4. One with
+/// 16 bits in every other run of four (so each count comes in both widths),
+/// and Energy Expended when k % 5 == 4. One with
 /// intervals is due when its last beat ends; one without, halfway to the
 /// next beat's end.
 class BeatNotifier {
