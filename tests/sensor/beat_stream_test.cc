@@ -11,9 +11,11 @@
 #include "analysis/ecg.h"
 #include "assets/assets.h"
 #include "base/recording.h"
+#include "engine/engine.h"
 #include "sensor/hrs.h"
 #include "sensor/polar_ble.h"
 #include "sensor/simulated_beats.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
 namespace cvn {
@@ -127,6 +129,20 @@ TEST(SimulatedBeats, StreamsThroughTheLinkAsAStandardStrap) {
   EXPECT_EQ(sink.statuses,
             (std::vector<std::string>{"Connecting…", "Connected. Starting heart beats…",
                                       kStatusStreamingBeats}));
+}
+
+// A live session set to beats asks the link for beats, not ECG.
+TEST(SimulatedBeats, LiveSessionSetToBeatsStreamsBeats) {
+  test::TempDir data;
+  Engine engine(data.path(), std::make_unique<PolarBle>(make_simulated_beats_strap(sample_beats()),
+                                                        test::quick_timings()));
+  SessionSettings settings;
+  settings.beats = true;
+  engine.start_live(kSimulatedBeatsAddress, std::string(kSimulatedBeatsName), settings);
+  EXPECT_TRUE(test::wait_until([&] { return engine.snapshot().bt_status == kStatusStreamingBeats; },
+                               std::chrono::seconds(5)))
+      << engine.snapshot().bt_status;
+  engine.stop();
 }
 
 }  // namespace
