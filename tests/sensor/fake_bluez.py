@@ -255,11 +255,6 @@ class Device(BluezObject):
             return False
         self.measurement.notify(bytes.fromhex(script[self.hr_sent]))
         self.hr_sent += 1
-        if self.fake.args.vanish_after_frames and self.hr_sent >= self.fake.args.vanish_after_frames:
-            self.fake.log("vanish", self.address)
-            self.link_down()
-            self.fake.unexport(self)
-            return False
         return True
 
     def on_control_write(self, value):
@@ -343,7 +338,7 @@ def main():
     parser.add_argument("--first-connect-ms", type=int, default=10,
                         help="how long the first Connect takes to succeed")
     parser.add_argument("--vanish-after-frames", type=int, default=0,
-                        help="the strap drops out of range after this many frames or values")
+                        help="the strap drops out of range after this many frames")
     parser.add_argument("--no-adapter", action="store_true", help="BlueZ runs without an adapter")
     parser.add_argument("--powered-off", action="store_true", help="the adapter is switched off")
     parser.add_argument("--refuse-notify", action="store_true", help="StartNotify always fails")
