@@ -183,8 +183,7 @@ class Device(BluezObject):
             "Alias": dbus.String(name or address.replace(":", "-")),
             "Connected": dbus.Boolean(False),
             "ServicesResolved": dbus.Boolean(False),
-            # BlueZ lists advertised services in lower case.
-            "UUIDs": dbus.Array([HRS_SERVICE.lower()] if hrs else [], signature="s"),
+            "UUIDs": dbus.Array([HRS_SERVICE] if hrs else [], signature="s"),
         }
         if name:
             props["Name"] = dbus.String(name)
