@@ -13,13 +13,11 @@ namespace cvn {
 
 namespace {
 
-constexpr const char* kStatusConnecting = "Connecting…";
 constexpr const char* kStatusNotFound =
     "Device not found. Try scanning again, or pair the H10 in Windows Bluetooth settings first.";
 constexpr const char* kStatusNoCharacteristics = "Polar ECG characteristics missing.";
 constexpr const char* kStatusStarting = "Connected. Starting ECG…";
 constexpr const char* kStatusStreaming = "Streaming ECG…";
-constexpr const char* kStatusDisconnected = "Disconnected.";
 constexpr const char* kScanStartFailed =
     "Could not start a Bluetooth scan. Make sure Bluetooth is turned on.";
 constexpr const char* kNoStraps =

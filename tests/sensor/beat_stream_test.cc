@@ -80,7 +80,9 @@ TEST(SimulatedBeats, NotificationsParseBackToTheBeatsInRealTime) {
     // Paced: never earlier than the previous one, and one with beats
     // when its last beat ends.
     EXPECT_GE(v.due, due);
-    if (!m->rr_seconds.empty()) EXPECT_NEAR(v.due, beat_end, 0.01);
+    if (!m->rr_seconds.empty()) {
+      EXPECT_NEAR(v.due, beat_end, 0.01);
+    }
     due = v.due;
   }
   EXPECT_EQ(layouts.size(), 8u);  // both rate widths with 0, 1, 2 and 3 intervals
