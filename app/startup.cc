@@ -57,7 +57,8 @@ double simulated_resonance(const char* text) {
 }
 
 // The sensor link CVN_SIMULATED_STRAP asks for: the bundled sample ("1"), a
-// modelled body ("model"), or else the platform's Bluetooth.
+// modelled body ("model"), a standard strap sending the sample's beats
+// ("beats"), or else the platform's Bluetooth.
 std::unique_ptr<BleManager> make_link() {
   const char* sim = std::getenv("CVN_SIMULATED_STRAP");
   const std::string_view mode = sim ? sim : "";
@@ -70,6 +71,8 @@ std::unique_ptr<BleManager> make_link() {
     return std::make_unique<PolarBle>(
         make_model_strap(simulated_resonance(std::getenv("CVN_SIM_RESONANCE"))), t);
   }
+  if (mode == "beats")
+    return make_simulated_beats_link(read_recording(*find_asset("Sample 1.txt")));
   std::optional<std::vector<double>> simulated_ecg;
   if (mode == "1") simulated_ecg = read_recording(*find_asset("Sample 1.txt"));
   return make_sensor_link(std::move(simulated_ecg));

@@ -70,7 +70,11 @@ void Acquisition::start_live(const std::string& address, const std::optional<std
   // The link may report a status at once, from inside connectAndStream:
   // the callbacks take only the session's own lock.
   if (ble_) ble_->set_breathing_guide(session_.guide());
-  if (ble_)
+  // No beat source in the session yet: a beats link shows its status only.
+  if (ble_ && settings.beats)
+    ble_->connect_and_stream_beats(address, nullptr,
+                                   [this](const std::string& s) { session_.set_bt_status(s); });
+  else if (ble_)
     ble_->connectAndStream(
         address, [this](const std::vector<double>& b) { session_.append_live(b); },
         [this](const std::string& s) { session_.set_bt_status(s); });

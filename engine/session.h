@@ -46,6 +46,9 @@ struct SessionSettings : BreathingSettings {
   /// The request named a protocol (free or rf). When it did not, a replay
   /// takes the one saved beside its recording.
   bool protocol_named = false;
+  /// Live: stream beat intervals over the Heart Rate Service instead of ECG
+  /// (any standard strap, or a Polar H10 set to beats only).
+  bool beats = false;
 };
 
 /// Where a resonance assessment stands, for the page.

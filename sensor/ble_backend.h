@@ -55,6 +55,13 @@ class BleConnection {
   virtual void close() = 0;
 };
 
+/// One advertisement seen by a scan.
+struct Advertisement {
+  std::uint64_t address = 0;
+  std::string name;                 // local name; empty when not (yet) sent
+  bool heart_rate_service = false;  // lists the Heart Rate Service (0x180D)
+};
+
 class BleBackend {
  public:
   virtual ~BleBackend() = default;
@@ -67,10 +74,9 @@ class BleBackend {
   /// Whether the system has a Bluetooth adapter; a failure means it cannot
   /// tell.
   virtual Status has_adapter(bool* present) = 0;
-  /// Starts an active LE scan reporting every advertisement (address and
-  /// local name, possibly empty) from any thread.
-  virtual Status start_scan(
-      std::function<void(std::uint64_t address, const std::string& name)> seen) = 0;
+  /// Starts an active LE scan reporting every advertisement from any
+  /// thread.
+  virtual Status start_scan(std::function<void(const Advertisement&)> seen) = 0;
   /// Ends the calling thread's scan; once it returns, `seen` is not called
   /// again.
   virtual void stop_scan() = 0;

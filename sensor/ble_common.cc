@@ -16,19 +16,23 @@ std::mutex& callback_lock() {
 }
 SamplesCallback g_samples;
 StatusCallback g_status;
+BeatsCallback g_beats;
 
 }  // namespace
 
-void set_sensor_callbacks(SamplesCallback on_samples, StatusCallback on_status) {
+void set_sensor_callbacks(SamplesCallback on_samples, StatusCallback on_status,
+                          BeatsCallback on_beats) {
   std::lock_guard<std::mutex> g(callback_lock());
   g_samples = std::move(on_samples);
   g_status = std::move(on_status);
+  g_beats = std::move(on_beats);
 }
 
 void clear_sensor_callbacks() {
   std::lock_guard<std::mutex> g(callback_lock());
   g_samples = nullptr;
   g_status = nullptr;
+  g_beats = nullptr;
 }
 
 void emit_status(const std::string& text) {
@@ -39,6 +43,11 @@ void emit_status(const std::string& text) {
 void emit_samples(const std::vector<double>& batch) {
   std::lock_guard<std::mutex> g(callback_lock());
   if (g_samples) g_samples(batch);
+}
+
+void emit_beats(const std::vector<double>& rr_seconds) {
+  std::lock_guard<std::mutex> g(callback_lock());
+  if (g_beats) g_beats(rr_seconds);
 }
 
 std::uint64_t parse_ble_address(const std::string& text) {

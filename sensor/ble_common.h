@@ -9,15 +9,18 @@
 
 namespace cvn {
 
-/// Replaces both callback slots (under the callback lock).
-void set_sensor_callbacks(SamplesCallback on_samples, StatusCallback on_status);
-/// Empties both slots; once this returns, no callback runs until the next
+/// Replaces the callback slots (under the callback lock).
+void set_sensor_callbacks(SamplesCallback on_samples, StatusCallback on_status,
+                          BeatsCallback on_beats = nullptr);
+/// Empties the slots; once this returns, no callback runs until the next
 /// set_sensor_callbacks.
 void clear_sensor_callbacks();
 /// Calls the status callback under the callback lock; nothing when empty.
 void emit_status(const std::string& text);
 /// Calls the samples callback under the callback lock; nothing when empty.
 void emit_samples(const std::vector<double>& batch);
+/// Calls the beats callback under the callback lock; nothing when empty.
+void emit_beats(const std::vector<double>& rr_seconds);
 
 /// "12:34:56:78:9a:BC" -> 0x123456789ABC; fields that do not parse count
 /// as 0, so a malformed address names a device that is never found.

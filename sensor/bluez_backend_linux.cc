@@ -1,6 +1,7 @@
 // The BlueZ backend: the adapter, scans, and finding a device to open a
 // link to (bluez_link_linux.cc). See bluez_linux.h.
 #include <algorithm>
+#include <cctype>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -13,6 +14,7 @@
 #include "base/log.h"
 #include "sensor/ble_common.h"
 #include "sensor/bluez_linux.h"
+#include "sensor/hrs.h"
 #include "sensor/platform_backend.h"
 
 namespace cvn {
@@ -101,13 +103,17 @@ std::optional<std::uint64_t> address_from_path(const std::string& path) {
   return parse_ble_address(address);
 }
 
+std::string lower_case(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 // ---------------------------------------------------------------------------
 // Discovery: reports devices BlueZ knows and sees while it runs.
 
 class Scanner {
  public:
-  using Seen =
-      std::function<void(const std::string& path, std::uint64_t address, const std::string& name)>;
+  using Seen = std::function<void(const std::string& path, const Advertisement& advert)>;
 
   /// Starts (or joins) discovery and reports the devices BlueZ already
   /// knows before returning. Fails when there is no adapter or discovery
@@ -133,6 +139,7 @@ class Scanner {
     std::uint64_t address = 0;
     bool has_address = false;
     std::string name;
+    bool heart_rate = false;
   };
 
   Scanner(std::shared_ptr<Client> client, Seen seen)
@@ -178,10 +185,11 @@ class Scanner {
   }
 
   // Only the advertised Name counts: BlueZ's Alias falls back to the
-  // address, which would make every unnamed device look named.
+  // address, which would make every unnamed device look named. UUIDs holds
+  // the advertised service UUIDs (and, once connected, the resolved ones),
+  // in lower case; compared without regard to case all the same.
   void report(const std::string& path, const Props& device) {
-    std::uint64_t address;
-    std::string name;
+    Advertisement advert;
     {
       std::lock_guard<std::mutex> g(mu_);
       Known& k = known_[path];
@@ -195,11 +203,14 @@ class Scanner {
         }
       }
       if (const std::string* n = text(device, "Name")) k.name = *n;
+      if (const sdbus::Strings* uuids = sdbus::strings(device, "UUIDs"))
+        k.heart_rate = std::any_of(uuids->begin(), uuids->end(), [](const std::string& u) {
+          return lower_case(u) == kHrsServiceUuid;
+        });
       if (!k.has_address) return;
-      address = k.address;
-      name = k.name;
+      advert = {k.address, k.name, k.heart_rate};
     }
-    seen_(path, address, name);
+    seen_(path, advert);
   }
 
   const std::shared_ptr<Client> client_;
@@ -236,15 +247,13 @@ class BluezBackend : public BleBackend {
 
   // A scan belongs to the thread that started it, so the warm-up's
   // stop_scan cannot end the user's scan running at the same time.
-  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(const Advertisement&)> seen) override {
     std::shared_ptr<Client> c;
     std::unique_ptr<Scanner> scanner;
     Status s = client(&c);
     if (s.ok())
       s = Scanner::start(
-          c,
-          [seen = std::move(seen)](const std::string&, std::uint64_t address,
-                                   const std::string& name) { seen(address, name); },
+          c, [seen = std::move(seen)](const std::string&, const Advertisement& a) { seen(a); },
           &scanner);
     if (!s.ok()) return named("cannot scan", s);
     std::unique_ptr<Scanner> previous;
@@ -321,8 +330,8 @@ class BluezBackend : public BleBackend {
     std::unique_ptr<Scanner> scanner;
     Status s = Scanner::start(
         client,
-        [&](const std::string& path, std::uint64_t a, const std::string&) {
-          if (a != address) return;
+        [&](const std::string& path, const Advertisement& a) {
+          if (a.address != address) return;
           std::lock_guard<std::mutex> g(mu);
           found = path;
           cv.notify_all();

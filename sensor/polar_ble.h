@@ -1,5 +1,6 @@
-// The sensor link for the Polar H10 on any Bluetooth LE stack: scanning,
-// and the connection procedure that starts its ECG stream. Every step is a
+// The sensor link on any Bluetooth LE stack: scanning, and the connection
+// procedures that start a Polar H10's ECG stream or any standard strap's
+// beat intervals. Every step is a
 // line in the diagnostic log; every user-facing message is a status text.
 #pragma once
 #include <chrono>
@@ -23,7 +24,11 @@ struct BleTimings {
   std::chrono::milliseconds retry_pause{1500};  // before discovery attempts 2..4
   std::chrono::milliseconds settings_poll{50};  // x 40: up to 2 s for the settings reply
   std::chrono::milliseconds before_start{200};  // after the settings reply
+  /// Heart rate without beat intervals this long: the strap does not send them.
+  std::chrono::milliseconds no_intervals{10000};
 };
+
+struct LinkAttempt;
 
 class PolarBle : public BleManager {
  public:
@@ -38,6 +43,8 @@ class PolarBle : public BleManager {
   ScanResult scan() override;
   void connectAndStream(const std::string& address, SamplesCallback on_samples,
                         StatusCallback on_status) override;
+  void connect_and_stream_beats(const std::string& address, BeatsCallback on_beats,
+                                StatusCallback on_status) override;
   /// Also joins the worker: every wait of the procedure ends at once on a
   /// stop (a closed link fails its calls, the pauses are cut short).
   /// REQUIRES: not called from a samples or status callback.
@@ -46,14 +53,12 @@ class PolarBle : public BleManager {
     backend_->set_breathing_guide(std::move(guide));
   }
 
-  /// Discovery attempts before giving up on the PMD service.
+  /// Discovery attempts before giving up on the service.
   static constexpr int kDiscoveryAttempts = 4;
   /// Re-checks of the settings reply before the start command goes anyway.
   static constexpr int kSettingsPolls = 40;
 
  private:
-  struct Attempt;  // one connectAndStream: its link, flags and cancellation
-
   // Cancels the current attempt and joins its worker. REQUIRES: mu_ held.
   void end_attempt();
 
@@ -61,8 +66,8 @@ class PolarBle : public BleManager {
   const std::shared_ptr<BleBackend> backend_;
   const BleTimings timings_;
   const LogSink log_;
-  std::shared_ptr<Attempt> attempt_;  // the latest, if any
-  std::jthread worker_;               // runs attempt_'s procedure
+  std::shared_ptr<LinkAttempt> attempt_;  // the latest, if any
+  std::jthread worker_;                   // runs attempt_'s procedure
   std::jthread warm_up_;
 };
 

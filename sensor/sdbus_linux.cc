@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -34,7 +35,7 @@ Status read_variant(sd_bus_message* m, Value* out) {
     return s;
   if (type != SD_BUS_TYPE_VARIANT || !contents) return Status::error("variant expected");
   const std::string sig = contents;
-  if (sig != "s" && sig != "o" && sig != "b" && sig != "ay") {
+  if (sig != "s" && sig != "o" && sig != "b" && sig != "ay" && sig != "as") {
     *out = std::monostate{};
     return check(sd_bus_message_skip(m, "v"), "skip variant");
   }
@@ -53,6 +54,16 @@ Status read_variant(sd_bus_message* m, Value* out) {
     s = check(sd_bus_message_read_array(m, 'y', &p, &n), "read bytes");
     const auto* b = static_cast<const std::uint8_t*>(p);
     *out = n ? Bytes(b, b + n) : Bytes();
+  } else if (sig == "as") {
+    char** list = nullptr;
+    s = check(sd_bus_message_read_strv(m, &list), "read strings");
+    Strings texts;
+    for (char** at = list; at && *at; ++at) {
+      texts.emplace_back(*at);
+      std::free(*at);
+    }
+    std::free(list);
+    *out = std::move(texts);
   } else {
     const char* text = nullptr;
     s = check(sd_bus_message_read_basic(m, sig[0], &text), "read string");
@@ -109,6 +120,10 @@ std::optional<bool> flag(const Props& p, const char* key) {
 const Bytes* bytes(const Props& p, const char* key) {
   auto it = p.find(key);
   return it == p.end() ? nullptr : std::get_if<Bytes>(&it->second);
+}
+const Strings* strings(const Props& p, const char* key) {
+  auto it = p.find(key);
+  return it == p.end() ? nullptr : std::get_if<Strings>(&it->second);
 }
 const Props* interface(const Interfaces& i, const char* name) {
   auto it = i.find(name);

@@ -34,7 +34,8 @@ namespace cvn::sdbus {
 
 /// The property values a caller can read; others are skipped.
 using Bytes = std::vector<std::uint8_t>;
-using Value = std::variant<std::monostate, bool, std::string, Bytes>;
+using Strings = std::vector<std::string>;
+using Value = std::variant<std::monostate, bool, std::string, Bytes, Strings>;
 using Props = std::map<std::string, Value>;
 using Interfaces = std::map<std::string, Props>;
 using Objects = std::map<std::string, Interfaces>;  // by object path, sorted
@@ -52,6 +53,7 @@ Status read_objects(sd_bus_message* m, Objects* out);
 const std::string* text(const Props& p, const char* key);
 std::optional<bool> flag(const Props& p, const char* key);
 const Bytes* bytes(const Props& p, const char* key);
+const Strings* strings(const Props& p, const char* key);
 /// The properties of interface `name`, or null.
 const Props* interface(const Interfaces& i, const char* name);
 

@@ -13,4 +13,8 @@ namespace cvn {
 std::unique_ptr<BleManager> make_sensor_link(
     std::optional<std::vector<double>> simulated_ecg = std::nullopt);
 
+/// A simulated standard strap sending the beat intervals of `ecg` (microvolts
+/// at 130 Hz), found from its R-peaks as a strap finds them.
+std::unique_ptr<BleManager> make_simulated_beats_link(const std::vector<double>& ecg);
+
 }  // namespace cvn

@@ -144,8 +144,8 @@ class SimulatedStrap : public BleBackend {
     *present = true;
     return Status();
   }
-  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
-    seen(address_, setup_.name);
+  Status start_scan(std::function<void(const Advertisement&)> seen) override {
+    seen({address_, setup_.name, false});
     return Status();
   }
   void stop_scan() override {}

@@ -32,6 +32,7 @@
 
 #include "base/log.h"
 #include "sensor/ble_common.h"
+#include "sensor/hrs.h"
 #include "sensor/platform_backend.h"
 #include "sensor/winble_text.h"
 #include "sensor/winrt_ble_abi_win32.h"
@@ -309,7 +310,7 @@ class WinLink : public BleConnection {
 struct Scan {
   std::mutex mu;  // held while reporting; stop() takes it so no report follows
   bool active = true;
-  std::function<void(std::uint64_t, const std::string&)> seen;
+  std::function<void(const Advertisement&)> seen;
   ComPtr<IBluetoothLEAdvertisementWatcher> watcher;
   EventRegistrationToken token{};
 
@@ -356,7 +357,7 @@ class WinBackend : public BleBackend {
     return Status();
   }
 
-  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(const Advertisement&)> seen) override {
     auto scan = std::make_shared<Scan>();
     scan->seen = std::move(seen);
     HString name(kAdvertisementWatcherClass);
@@ -419,6 +420,22 @@ class WinBackend : public BleBackend {
   }
 
  private:
+  // ServiceUuids holds the advertisement's 16-, 32- and 128-bit service
+  // UUIDs, all as full GUIDs in the Bluetooth base UUID.
+  static bool lists_heart_rate(IBluetoothLEAdvertisement* advertisement) {
+    ComPtr<IVector<GUID>> uuids;
+    UINT32 n = 0;
+    if (FAILED(advertisement->get_ServiceUuids(uuids.GetAddressOf())) || !uuids ||
+        FAILED(uuids->get_Size(&n)))
+      return false;
+    const GUID heart_rate = to_guid(kHrsServiceUuid);
+    for (UINT32 i = 0; i < n; ++i) {
+      GUID g;
+      if (SUCCEEDED(uuids->GetAt(i, &g)) && IsEqualGUID(g, heart_rate)) return true;
+    }
+    return false;
+  }
+
   static void report(const std::shared_ptr<Scan>& scan, IInspectable* args) {
     ComPtr<IBluetoothLEAdvertisementReceivedEventArgs> a;
     ComPtr<IBluetoothLEAdvertisement> advertisement;
@@ -427,11 +444,15 @@ class WinBackend : public BleBackend {
     if (!scan || !args || FAILED(query(args, kIidAdvertisementReceivedEventArgs, a)) ||
         FAILED(a->get_BluetoothAddress(&address)))
       return;
-    if (SUCCEEDED(a->get_Advertisement(advertisement.GetAddressOf())) && advertisement)
+    Advertisement seen;
+    seen.address = address;
+    if (SUCCEEDED(a->get_Advertisement(advertisement.GetAddressOf())) && advertisement) {
       advertisement->get_LocalName(name.put());
-    std::string text = name.utf8();
+      seen.heart_rate_service = lists_heart_rate(advertisement.Get());
+    }
+    seen.name = name.utf8();
     std::lock_guard<std::mutex> g(scan->mu);
-    if (scan->active) scan->seen(address, text);
+    if (scan->active) scan->seen(seen);
   }
 
   std::mutex mu_;

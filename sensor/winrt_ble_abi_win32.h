@@ -136,6 +136,14 @@ struct IVectorView : IInspectable {
   virtual HRESULT STDMETHODCALLTYPE get_Size(UINT32* size) = 0;
 };
 
+/// IVector<T>: only the reading methods at the head of its table are
+/// declared; the rest are never called.
+template <class T>
+struct IVector : IInspectable {
+  virtual HRESULT STDMETHODCALLTYPE GetAt(UINT32 index, T* item) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_Size(UINT32* size) = 0;
+};
+
 /// TypedEventHandler<TSender, TResult>: a delegate, so IUnknown only.
 struct ITypedEventHandler : IUnknown {
   virtual HRESULT STDMETHODCALLTYPE Invoke(IInspectable* sender, IInspectable* args) = 0;
@@ -216,6 +224,8 @@ struct IBluetoothLEAdvertisement : IInspectable {
   virtual HRESULT STDMETHODCALLTYPE get_Flags(IInspectable** value) = 0;
   virtual HRESULT STDMETHODCALLTYPE put_Flags(IInspectable* value) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_LocalName(HSTRING* value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_LocalName(HSTRING value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_ServiceUuids(IVector<GUID>** value) = 0;
 };
 
 struct IBluetoothLEAdvertisementReceivedEventArgs : IInspectable {

@@ -81,7 +81,9 @@ Response scan(const ServerContext& c, const Request&) {
   std::string body = "{\"success\":true,\"devices\":[";
   for (std::size_t i = 0; i < found.devices.size(); ++i)
     body += (i ? ",{\"name\":" : "{\"name\":") + json_text(found.devices[i].name) +
-            ",\"address\":" + json_text(found.devices[i].address) + "}";
+            ",\"address\":" + json_text(found.devices[i].address) +
+            ",\"kind\":" + (found.devices[i].kind == SensorKind::kEcg ? "\"ECG\"" : "\"beats\"") +
+            "}";
   return Response::json(body + "]}");
 }
 

@@ -33,6 +33,8 @@ SessionSettings session_settings(const Params& p) {
   s.age = std::isfinite(age) && std::fabs(age) < 1e9 ? static_cast<int>(age) : default_age;
   if (auto it = p.find("fs"); it != p.end() && !it->second.empty())
     s.import_rate = number_param(p, "fs", kSampleRate);
+  auto source = p.find("source");
+  s.beats = source != p.end() && source->second == "beats";
   return s;
 }
 

@@ -15,7 +15,8 @@ using Params = std::map<std::string, std::string>;
 /// decimal comma is accepted ("5,5" is 5.5).
 double number_param(const Params& p, const std::string& key, double fallback);
 
-/// `name`, `indur`, `outdur`, `sex`, `age` and `fs`, with their defaults.
+/// `name`, `indur`, `outdur`, `sex`, `age`, `fs` and `source` (`beats`:
+/// heart beats instead of ECG), with their defaults.
 SessionSettings session_settings(const Params& p);
 
 /// `protocol` (`free` or `rf`) and, for `rf`, `rates`, `step_s` and `infrac`

@@ -176,10 +176,40 @@ function fillDevices(list) {
   }
   for (const d of list) {
     const name = d.name || '(unknown)';
-    const o = new Option(name + ' — ' + d.address, d.address);
+    const kind = d.kind === 'ECG' ? 'ECG' : 'beats';
+    const o = new Option(name + ' — ' + d.address + ' (' + kind + ')', d.address);
     o.dataset.name = name;
+    o.dataset.kind = kind;
     sel.add(o);
   }
+  showBeatsOnly();
+}
+
+// A Polar H10 streams ECG unless the person asks for its heart beats only;
+// every other strap streams beats. The choice sits under the device list.
+function beatsOnlyBox() {
+  let box = $('beatsOnly');
+  if (box) return box;
+  const row = document.createElement('label');
+  row.id = 'beatsOnlyRow';
+  row.className = 'note';
+  box = document.createElement('input');
+  box.type = 'checkbox';
+  box.id = 'beatsOnly';
+  row.append(box, ' Heart beats only (no ECG)');
+  $('device').closest('label').after(row);
+  return box;
+}
+
+function showBeatsOnly() {
+  const opt = $('device').selectedOptions[0];
+  beatsOnlyBox().parentElement.hidden = !(opt && opt.dataset.kind === 'ECG');
+}
+
+/** `source=beats` when the chosen device is to stream heart beats. */
+function sourceParam(opt) {
+  const beats = opt.dataset.kind === 'beats' || (opt.dataset.kind === 'ECG' && beatsOnlyBox().checked);
+  return beats ? { source: 'beats' } : {};
 }
 
 async function checkBluetooth() {
@@ -205,7 +235,7 @@ async function scan() {
   const isPolar = (d) => /polar/i.test(d.name || '');
   devs.sort((a, b) => isPolar(b) - isPolar(a));
   fillDevices(devs);
-  if (devs.length) setNote(note, 'Found ' + devs.length + ' device(s). Select your Polar H10.', 'ok');
+  if (devs.length) setNote(note, 'Found ' + devs.length + ' device(s). Select your strap.', 'ok');
   else setNote(note, 'No devices found. Wear the strap (moisten the electrodes) and keep it near.');
 }
 
@@ -253,7 +283,7 @@ async function start() {
     const opt = $('device').selectedOptions[0];
     if (!opt || !opt.value) return setNote(note, 'Scan and select your Polar H10 first.', 'err');
     unlockAudio();
-    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sessionParams(), ...proto });
+    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sourceParam(opt), ...sessionParams(), ...proto });
   } else {
     const opt = $('recording').selectedOptions[0];
     if (!opt || !opt.value) return setNote(note, 'Pick or import a recording.', 'err');
@@ -281,6 +311,7 @@ export function initSetup(started) {
   document.querySelectorAll('#sourceSwitch button').forEach((b) => b.addEventListener('click', () => setSource(b.dataset.src)));
   document.querySelectorAll('#speedSwitch button').forEach((b) => b.addEventListener('click', () => setSpeed(+b.dataset.speed)));
   $('scanBtn').addEventListener('click', scan);
+  $('device').addEventListener('change', showBeatsOnly);
   document.querySelectorAll('#protocolSwitch button').forEach((b) => b.addEventListener('click', () => setProtocol(b.dataset.protocol)));
   $('rfStep').addEventListener('input', updateRf);
   $('rfInfrac').addEventListener('input', updateRf);

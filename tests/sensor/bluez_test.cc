@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <tuple>
 
 #include "base/log.h"
 #include "base/recording.h"
@@ -27,6 +28,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kStrap = "F0:13:C3:AB:CD:12";
 constexpr const char* kStrapName = "Polar H10 ABCDEF12";
+constexpr const char* kBeatStrap = "5C:31:3E:00:00:02";
 constexpr int kFrameSamples = 73;
 
 int count_lines(const std::string& text, const std::string& line) {
@@ -108,15 +110,14 @@ TEST_F(BluezTest, ScanListsTheNamedDevicesInAddressOrderAfterTenSeconds) {
   auto start = std::chrono::steady_clock::now();
   ScanResult r = ble.scan();
   auto took = std::chrono::steady_clock::now() - start;
-  std::vector<std::pair<std::string, std::string>> got;
-  for (const auto& d : r.devices) got.emplace_back(d.address, d.name);
-  // Known before the scan; named by a property change 2.4 s in, after the
-  // warm-up's own scan has ended; advertised with a name. The unnamed ones
-  // (one with only BlueZ's address alias) not.
-  EXPECT_EQ(got,
-            (std::vector<std::pair<std::string, std::string>>{{"0A:11:22:33:44:55", "Paired Band"},
-                                                              {"5C:31:3E:00:00:02", "Heart Sensor"},
-                                                              {kStrap, kStrapName}}));
+  std::vector<std::tuple<std::string, std::string, SensorKind>> got;
+  for (const auto& d : r.devices) got.emplace_back(d.address, d.name, d.kind);
+  // Named by a property change 2.4 s in, after the warm-up's own scan has
+  // ended, and advertising the Heart Rate Service; the H10 by its name. Not
+  // the paired band without the service, nor the unnamed one with it.
+  EXPECT_EQ(got, (std::vector<std::tuple<std::string, std::string, SensorKind>>{
+                     {"5C:31:3E:00:00:02", "Heart Sensor", SensorKind::kBeats},
+                     {kStrap, kStrapName, SensorKind::kEcg}}));
   EXPECT_EQ(r.error, "");
   EXPECT_GE(took, 10s);
   EXPECT_LT(took, 12s);
@@ -232,6 +233,67 @@ TEST_F(BluezTest, StrapVanishingMidStreamSaysDisconnected) {
   std::lock_guard<std::mutex> g(sink.mu);
   EXPECT_EQ(sink.samples, want);
   EXPECT_TRUE(contains(test::slurp(log_path()), "] BlueZ: connection lost\n"));
+}
+
+// Beat intervals and status texts from the Heart Rate Service, for each
+// script the fake strap can send (tests/sensor/fake_bluez.py).
+TEST_F(BluezTest, BeatsFromTheHeartRateService) {
+  struct Case {
+    const char* script;
+    const char* address;
+    std::vector<std::string> statuses;  // after "Connecting…", "Connected. Starting heart beats…"
+    std::vector<int> rr_1024ths;
+    int dropped;  // log lines for values shorter than their flags promise
+  };
+  // The user-facing texts, spelled out once here.
+  const std::string on = "Streaming heart beats…", off = "No skin contact – moisten the strap",
+                    none = "This strap does not send beat intervals";
+  const std::vector<int> script = {790, 1024, 512, 1023, 0, 3328};
+  const Case cases[] = {
+      {"beats", kBeatStrap, {on}, script, 2},
+      {"beats", kStrap, {on}, script, 2},  // an H10 set to beats only: no ECG command
+      {"no-contact", kBeatStrap, {off, on}, {790}, 0},
+      {"no-rr", kBeatStrap, {on, none, on}, {790}, 0},
+  };
+  BleTimings t = test::quick_timings();
+  t.no_intervals = 100ms;  // 40 values without intervals take 400 ms
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.script) + " from " + c.address);
+    std::filesystem::remove(dir_ / "fake.log");  // each case's calls alone
+    ASSERT_NO_FATAL_FAILURE(start_fake({"--frame-ms", "10", "--hr-script", c.script}));
+    const std::string log_before = test::slurp(log_path());
+    test::Sink sink;
+    std::vector<double> beats;  // guarded by sink.mu
+    auto on_beats = [&](const std::vector<double>& b) {
+      std::lock_guard<std::mutex> g(sink.mu);
+      beats.insert(beats.end(), b.begin(), b.end());
+    };
+    PolarBle ble(make_platform_backend(), t);
+    ble.connect_and_stream_beats(c.address, on_beats, sink.status_cb());
+    ASSERT_TRUE(test::wait_until([&] { return contains(fake_log(), "hr stream complete"); }, 20s));
+    std::vector<double> want;
+    for (int v : c.rr_1024ths) want.push_back(v / 1024.0);
+    EXPECT_TRUE(test::wait_until(
+        [&] {
+          std::lock_guard<std::mutex> g(sink.mu);
+          return beats.size() >= want.size();
+        },
+        5s));
+    ble.stop();
+    std::vector<std::string> statuses = {"Connecting…", "Connected. Starting heart beats…"};
+    statuses.insert(statuses.end(), c.statuses.begin(), c.statuses.end());
+    EXPECT_EQ(sink.status_list(), statuses);
+    std::lock_guard<std::mutex> g(sink.mu);
+    EXPECT_EQ(beats, want);
+    const std::string log = test::slurp(log_path()).substr(log_before.size());
+    EXPECT_EQ(std::ranges::count_if(test::lines_of(log),
+                                    [](const std::string& l) { return contains(l, "dropped"); }),
+              c.dropped)
+        << log;
+    const std::string calls = fake_log();
+    EXPECT_EQ(count_lines(calls, "StartNotify 00002a37-0000-1000-8000-00805f9b34fb"), 1) << calls;
+    EXPECT_FALSE(contains(calls, "WriteValue")) << calls;
+  }
 }
 
 }  // namespace

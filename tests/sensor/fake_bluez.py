@@ -6,7 +6,8 @@ behaviour it depends on: one discovery session per client (InProgress /
 Failed otherwise), devices added once discovery runs, one name arriving late,
 Connect replying before the GATT objects and ServicesResolved, and the strap
 answering the PMD settings request, then streaming a recording as 73-sample
-ECG frames. Each call is one line in the --log file; prints "ready" once it
+ECG frames; devices with the Heart Rate Service advertise it and send a
+scripted run of Heart Rate Measurement values once subscribed. Each call is one line in the --log file; prints "ready" once it
 owns the name.
 """
 import argparse
@@ -25,18 +26,36 @@ ADAPTER_PATH = "/org/bluez/hci0"
 PMD_SERVICE = "FB005C80-02E7-F387-1CAD-8ACD2D8DF0C8"
 PMD_CONTROL = "FB005C81-02E7-F387-1CAD-8ACD2D8DF0C8"
 PMD_DATA = "FB005C82-02E7-F387-1CAD-8ACD2D8DF0C8"
+HRS_SERVICE = "0000180D-0000-1000-8000-00805F9B34FB"
+HRS_MEASUREMENT = "00002A37-0000-1000-8000-00805F9B34FB"
 SAMPLES_PER_FRAME = 73  # what an H10 sends at 130 Hz
 SAMPLE_RATE = 130
 
 # The neighbourhood: address, advertised name (None: unnamed), seconds after
 # the first StartDiscovery at which it is seen (None: BlueZ knew it already),
-# the name that arrives later (seconds, name), and whether it has the PMD service.
+# the name that arrives later (seconds, name), whether it has the PMD service,
+# and whether it advertises and serves the Heart Rate Service.
 NEIGHBOURS = [
-    ("0A:11:22:33:44:55", "Paired Band", None, None, False),
-    ("22:33:44:55:66:77", None, 0.2, None, False),
-    ("5C:31:3E:00:00:02", None, 0.4, (2.0, "Heart Sensor"), False),
-    ("F0:13:C3:AB:CD:12", "Polar H10 ABCDEF12", 0.6, None, True),
+    ("0A:11:22:33:44:55", "Paired Band", None, None, False, False),
+    ("22:33:44:55:66:77", None, 0.2, None, False, True),
+    ("5C:31:3E:00:00:02", None, 0.4, (2.0, "Heart Sensor"), False, True),
+    ("F0:13:C3:AB:CD:12", "Polar H10 ABCDEF12", 0.6, None, True, True),
 ]
+
+# Heart Rate Measurement values (hex) a strap sends once subscribed, by --hr-script.
+HR_SCRIPTS = {
+    "beats": [
+        "16 4D 16 03",           # contact, 77 bpm, RR 790
+        "17 4D 00 00 04 00 02",  # 16-bit rate, RRs 1024 and 512
+        "06 48",                 # no RR this time
+        "1E 48 05 00 FF 03",     # Energy Expended, RR 1023
+        "16 48 16",              # cut inside its RR field: dropped
+        "16 48 00 00 00 0D",     # RRs 0 and 3.25 s: passed on
+        "11 48",                 # cut inside its 16-bit rate: dropped
+    ],
+    "no-contact": ["04 00", "04 00", "16 48 16 03"],  # off the skin, then back on
+    "no-rr": ["06 48"] * 40 + ["16 48 16 03"],      # rate only, then a beat at last
+}
 
 
 def bluez_error(name):
@@ -158,20 +177,22 @@ class Adapter(BluezObject):
 
 
 class Device(BluezObject):
-    def __init__(self, fake, address, name, seen_after, late_name, pmd):
+    def __init__(self, fake, address, name, seen_after, late_name, pmd, hrs):
         props = {
             "Address": dbus.String(address),
             "Alias": dbus.String(name or address.replace(":", "-")),
             "Connected": dbus.Boolean(False),
             "ServicesResolved": dbus.Boolean(False),
+            "UUIDs": dbus.Array([HRS_SERVICE] if hrs else [], signature="s"),
         }
         if name:
             props["Name"] = dbus.String(name)
         super().__init__(fake, ADAPTER_PATH + "/dev_" + address.replace(":", "_"),
                          "org.bluez.Device1", props)
-        self.address, self.pmd = address, pmd
+        self.address, self.pmd, self.hrs = address, pmd, hrs
         self.gatt = []  # exported GATT objects while connected
-        self.control = self.data = None
+        self.control = self.data = self.measurement = None
+        self.hr_sent = 0
         self.stream_pos = self.frames = self.connects = 0
         self.streaming = False
 
@@ -199,10 +220,15 @@ class Device(BluezObject):
             service = self.path + "/service0010"
             self.control = Characteristic(self.fake, service + "/char0011", PMD_CONTROL, self)
             self.data = Characteristic(self.fake, service + "/char0014", PMD_DATA, self)
-            self.gatt = [BluezObject(self.fake, service, "org.bluez.GattService1",
-                                     {"UUID": dbus.String(PMD_SERVICE)}), self.control, self.data]
-            for obj in self.gatt:
-                self.fake.export(obj)
+            self.gatt += [BluezObject(self.fake, service, "org.bluez.GattService1",
+                                      {"UUID": dbus.String(PMD_SERVICE)}), self.control, self.data]
+        if self.hrs:
+            service = self.path + "/service0020"
+            self.measurement = Characteristic(self.fake, service + "/char0021", HRS_MEASUREMENT, self)
+            self.gatt += [BluezObject(self.fake, service, "org.bluez.GattService1",
+                                      {"UUID": dbus.String(HRS_SERVICE)}), self.measurement]
+        for obj in self.gatt:
+            self.fake.export(obj)
         self.set(ServicesResolved=dbus.Boolean(True))
         return False
 
@@ -211,9 +237,24 @@ class Device(BluezObject):
         for obj in reversed(self.gatt):
             self.fake.unexport(obj)
         self.gatt = []
-        self.control = self.data = None
+        self.control = self.data = self.measurement = None
         if self.props["Connected"] or self.props["ServicesResolved"]:
             self.set(ServicesResolved=dbus.Boolean(False), Connected=dbus.Boolean(False))
+
+    def on_measurement_notifying(self):
+        self.hr_sent = 0
+        GLib.timeout_add(self.fake.args.frame_ms, self.next_heart_rate)
+
+    def next_heart_rate(self):
+        if not self.measurement or not self.measurement.props["Notifying"]:
+            return False
+        script = HR_SCRIPTS[self.fake.args.hr_script]
+        if self.hr_sent == len(script):
+            self.fake.log("hr stream complete", self.hr_sent, "values")
+            return False
+        self.measurement.notify(bytes.fromhex(script[self.hr_sent]))
+        self.hr_sent += 1
+        return True
 
     def on_control_write(self, value):
         if value == b"\x01\x00":
@@ -268,6 +309,8 @@ class Characteristic(BluezObject):
             raise Failed("Operation failed")
         self.fake.log("StartNotify", self.uuid.lower())
         self.set(Notifying=dbus.Boolean(True))
+        if self.uuid == HRS_MEASUREMENT:
+            self.device.on_measurement_notifying()
 
     @dbus.service.method("org.bluez.GattCharacteristic1")
     def StopNotify(self):
@@ -287,7 +330,10 @@ def main():
     parser.add_argument("--address", required=True, help="D-Bus address of the private bus")
     parser.add_argument("--log", help="file for one line per call")
     parser.add_argument("--recording", help="ECG recording the strap streams")
-    parser.add_argument("--frame-ms", type=int, default=20, help="pause between ECG frames")
+    parser.add_argument("--frame-ms", type=int, default=20,
+                        help="pause between ECG frames, and between heart rate values")
+    parser.add_argument("--hr-script", choices=sorted(HR_SCRIPTS), default="beats",
+                        help="the heart rate values a strap sends")
     parser.add_argument("--first-connect-ms", type=int, default=10,
                         help="how long the first Connect takes to succeed")
     parser.add_argument("--vanish-after-frames", type=int, default=0,

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <tuple>
 
 #include "assets/assets.h"
 #include "base/log.h"
@@ -28,7 +29,7 @@ using test::Sink;
 
 // What the fake stack does; tests change it before connecting.
 struct Script {
-  std::vector<std::pair<std::uint64_t, std::string>> adverts;
+  std::vector<Advertisement> adverts;
   int pmd_found_on_attempt = 1;  // 0: never
   bool characteristics = true;
   bool settings_reply = true;
@@ -97,9 +98,9 @@ struct FakeStack : BleBackend {
     *present = adapter;
     return Status();
   }
-  Status start_scan(std::function<void(std::uint64_t, const std::string&)> seen) override {
+  Status start_scan(std::function<void(const Advertisement&)> seen) override {
     if (scan_fails) return Status::error("radio off");
-    for (const auto& [a, n] : s.adverts) seen(a, n);
+    for (const Advertisement& a : s.adverts) seen(a);
     return Status();
   }
   void stop_scan() override {}
@@ -138,24 +139,34 @@ class PolarBleTest : public testing::Test {
   Sink sink;
 };
 
-TEST_F(PolarBleTest, ScanListsNamedDevicesOncePerAddressInAddressOrderOrSaysWhyNot) {
+TEST_F(PolarBleTest, ScanListsStrapsWithTheirKindOncePerAddressInAddressOrderOrSaysWhyNot) {
   PolarBle ble(stack, test::quick_timings(), logger());
   EXPECT_EQ(ble.scan().error,
-            "No named Bluetooth devices found. Wear the Polar H10 (moisten the strap) and keep it "
-            "close.");
-  stack->s.adverts = {{0xC0FFEE000002ull, "Polar H10 0000B"}, {0x000000000010ull, ""},
-                      {0xA09E1A000001ull, "Polar H10 1234"},  {0xA09E1A000001ull, ""},
-                      {0x0000000000FFull, "Watch"},           {0x000000000010ull, ""}};
+            "No heart-rate strap found. Wear the strap (moisten it) and keep it close.");
+  // A scan response brings the name without the service list, or the other
+  // way round; neither erases what came before.
+  stack->s.adverts = {{0xC0FFEE000002ull, "Polar H10 0000B", true},
+                      {0x000000000010ull, "", true},
+                      {0xA09E1A000001ull, "Polar H10 1234", false},
+                      {0xA09E1A000001ull, "", false},
+                      {0x0000000000FFull, "Watch", false},
+                      {0x000000000020ull, "Armband", true},
+                      {0x000000000020ull, "", false},
+                      {0x000000000030ull, "", true},
+                      {0x000000000030ull, "TICKR 1A2B", false},
+                      {0x000000000010ull, "", false}};
   ScanResult r = ble.scan();
-  std::vector<std::pair<std::string, std::string>> got;
-  for (const auto& d : r.devices) got.emplace_back(d.address, d.name);
-  // The later empty name of A0:... erased nothing.
-  EXPECT_EQ(got, (std::vector<std::pair<std::string, std::string>>{
-                     {"00:00:00:00:00:FF", "Watch"},
-                     {"A0:9E:1A:00:00:01", "Polar H10 1234"},
-                     {"C0:FF:EE:00:00:02", "Polar H10 0000B"}}));
+  std::vector<std::tuple<std::string, std::string, SensorKind>> got;
+  for (const auto& d : r.devices) got.emplace_back(d.address, d.name, d.kind);
+  // An H10 by its name, with or without the service listed; the others only
+  // with it; nothing without a name.
+  EXPECT_EQ(got, (std::vector<std::tuple<std::string, std::string, SensorKind>>{
+                     {"00:00:00:00:00:20", "Armband", SensorKind::kBeats},
+                     {"00:00:00:00:00:30", "TICKR 1A2B", SensorKind::kBeats},
+                     {"A0:9E:1A:00:00:01", "Polar H10 1234", SensorKind::kEcg},
+                     {"C0:FF:EE:00:00:02", "Polar H10 0000B", SensorKind::kEcg}}));
   EXPECT_EQ(r.error, "");
-  EXPECT_NE(log().find("] scan() done, 3 named device(s)\n"), std::string::npos);
+  EXPECT_NE(log().find("] scan() done, 4 strap(s) of 6 device(s)\n"), std::string::npos) << log();
   stack->scan_fails = true;
   r = ble.scan();
   EXPECT_TRUE(r.devices.empty());

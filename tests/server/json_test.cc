@@ -128,6 +128,8 @@ TEST(SessionParams, CommasDefaultsAndTruncation) {
   EXPECT_EQ(s.age, 40);
   EXPECT_EQ(s.sex, "M");
   EXPECT_FALSE(s.name);  // absent: the previous name stays
+  EXPECT_FALSE(s.beats);  // a live session streams ECG unless asked for beats
+  EXPECT_TRUE(session_settings({{"source", "beats"}}).beats);
   EXPECT_EQ(replay_options({}).speed, 2.0);
 
   std::string why;

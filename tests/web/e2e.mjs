@@ -355,8 +355,9 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   const { page, calls, done } = await openPage(1280, 800, STRAP);
   await page.click('#scanBtn');  // waits for the button to be enabled
   assert.equal(await page.isDisabled('#scanBtn'), true, 'a second scan could start during the first');
-  await waitText(page, '#scanNote', /^Found 1 device\(s\)\. Select your Polar H10\.$/, 20000);
-  assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['Polar H10 SIM00001 — A0:9E:1A:00:00:01']);
+  await waitText(page, '#scanNote', /^Found 1 device\(s\)\. Select your strap\.$/, 20000);
+  assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['Polar H10 SIM00001 — A0:9E:1A:00:00:01 (ECG)']);
+  assert.equal(await page.isVisible('#beatsOnly'), true, 'an H10 offers heart beats only');
 
   await page.fill('#name', 'LIVE01');
   await page.click('.chip >> text=10 s cycle');
@@ -365,6 +366,7 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   const start = calls('/start_live')[0].searchParams;
   assert.deepEqual(['address', 'device', 'name', 'indur', 'outdur'].map((k) => start.get(k)),
     ['A0:9E:1A:00:00:01', 'Polar H10 SIM00001', 'LIVE01', '2', '8']);
+  assert.equal(start.get('source'), null, 'an H10 streams ECG unless asked for beats only');
   assert.equal(await page.isDisabled('#scrubber'), true);
   await waitText(page, '#hrVal', /^\d{2,3}\.\d$/, 15000);
   assert.ok(await countInk(page, '#ecg', 'dark') > 400, 'the ECG scope is blank');
