@@ -72,6 +72,7 @@ RecordingSummary compute(const std::string& path) {
   const std::vector<double> ecg = read_recording(*text);
   text.reset();
   const Reading r = reading_of(path, file);
+  // The rhythm as recorded, else the setup screen's default.
   BreathingSettings breathing;
   if (r.sidecar.person && r.sidecar.person->indur > 0) {
     breathing.indur = r.sidecar.person->indur;
@@ -104,7 +105,18 @@ std::vector<HistoryFile> History::list_folder() {
     const std::string path = it->path().string();
     const Reading r = reading_of(path, file);
     HistoryFile f;
-    f.name = r.sidecar.person ? r.sidecar.person->name : r.from_name.name;
+    const RecordingName& n = r.from_name;
+    f.name = n.name;
+    f.sex = n.sex;
+    f.age = n.age;
+    f.indur = n.indur;
+    f.outdur = n.outdur;
+    if (const std::optional<SessionPerson>& p = r.sidecar.person) {
+      f.name = p->name;
+      if (!p->sex.empty()) f.sex = p->sex;
+      if (p->age >= 0) f.age = p->age;
+      if (p->indur > 0) f.indur = p->indur, f.outdur = p->outdur;
+    }
     f.date = r.from_name.date.empty() ? file_date(path) : r.from_name.date;
     f.file = std::move(file);
     out.push_back(std::move(f));
@@ -130,8 +142,7 @@ std::optional<PersonHistory> History::person(const std::string& name) {
   std::vector<Task> missing;
   for (const HistoryFile& f : it->files) {
     HistoryRow& row = out.rows.emplace_back();
-    row.file = f.file;
-    row.date = f.date;
+    row.file = f;
     const std::string path = folder_ + "/" + f.file;
     const std::optional<SummaryKey> now = key_of(path);
     if (!now) {  // gone or unreadable since the listing

@@ -30,8 +30,7 @@ struct PersonCount {
 };
 
 struct HistoryRow {
-  std::string file;  // in the recordings folder
-  std::string date;  // "YYYY-mm-dd HH:MM:SS"; the file's time when its name has none
+  HistoryFile file;  // in the recordings folder; its date is the file's time when its name has none
   bool pending = false;
   RecordingSummary summary;  // meaningful unless pending
 };

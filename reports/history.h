@@ -55,6 +55,11 @@ struct HistoryFile {
   std::string file;  // its name in the folder
   std::string name;  // whose: the sidecar's, or the file name's
   std::string date;  // as RecordingName::date
+  /// How it was breathed and by whom, for a replay as it was recorded:
+  /// unknown parts empty, -1 or 0, as in RecordingName.
+  std::string sex;
+  int age = -1;
+  double indur = 0, outdur = 0;
 };
 
 struct PersonFiles {

@@ -8,8 +8,18 @@ namespace cvn {
 
 namespace {
 
+// Unknown parts as null, so that a replay leaves them to the page.
+std::string text_or_null(const std::string& s) {
+  return s.empty() ? "null" : json_text(s);
+}
+
 std::string row_json(const HistoryRow& row) {
-  std::string out = "{\"file\":" + json_text(row.file) + ",\"date\":" + json_text(row.date) +
+  const HistoryFile& f = row.file;
+  std::string out = "{\"file\":" + json_text(f.file) + ",\"date\":" + json_text(f.date) +
+                    ",\"sex\":" + text_or_null(f.sex) +
+                    ",\"age\":" + (f.age >= 0 ? std::to_string(f.age) : "null") +
+                    ",\"indur\":" + (f.indur > 0 ? json_number(f.indur) : "null") +
+                    ",\"outdur\":" + (f.outdur > 0 ? json_number(f.outdur) : "null") +
                     ",\"pending\":" + (row.pending ? "true" : "false");
   if (row.pending) return out + "}";
   const RecordingSummary& s = row.summary;

@@ -80,13 +80,13 @@ TEST_F(HistoryTest, TwoPeopleTheirRowsADamagedFileAndAStaleCache) {
   const std::optional<PersonHistory> anna = settled(history, "Anna_Berg");
   ASSERT_TRUE(anna);
   ASSERT_EQ(anna->rows.size(), 2u);
-  EXPECT_EQ(anna->rows[0].date, "2025-03-01 09:00:00");
-  EXPECT_EQ(anna->rows[1].file, "Anna_Berg_on5_off11_F30_20250101-090000.csv");
+  EXPECT_EQ(anna->rows[0].file.date, "2025-03-01 09:00:00");
+  EXPECT_EQ(anna->rows[1].file.file, "Anna_Berg_on5_off11_F30_20250101-090000.csv");
   for (const HistoryRow& r : anna->rows) {
-    EXPECT_EQ(r.summary.error, "") << r.file;
-    EXPECT_NEAR(r.summary.duration_s, 34320 / 130.0, 1) << r.file;
-    EXPECT_TRUE(std::isfinite(r.summary.cvn_mean) && r.summary.cvn_mean != 999) << r.file;
-    EXPECT_GT(r.summary.rmssd, 0) << r.file;
+    EXPECT_EQ(r.summary.error, "") << r.file.file;
+    EXPECT_NEAR(r.summary.duration_s, 34320 / 130.0, 1) << r.file.file;
+    EXPECT_TRUE(std::isfinite(r.summary.cvn_mean) && r.summary.cvn_mean != 999) << r.file.file;
+    EXPECT_GT(r.summary.rmssd, 0) << r.file.file;
     EXPECT_EQ(r.summary.protocol, "free");
   }
   // The same recording twice gives the same numbers.
@@ -95,7 +95,7 @@ TEST_F(HistoryTest, TwoPeopleTheirRowsADamagedFileAndAStaleCache) {
   const std::optional<PersonHistory> ben = settled(history, "Ben");
   ASSERT_TRUE(ben);
   ASSERT_EQ(ben->rows.size(), 2u);
-  EXPECT_EQ(ben->rows[0].file, "Ben_on5_off11_M50_20250202-080000.csv");
+  EXPECT_EQ(ben->rows[0].file.file, "Ben_on5_off11_M50_20250202-080000.csv");
   EXPECT_EQ(ben->rows[0].summary.error, "Not a recording: no samples in it.");
   EXPECT_EQ(ben->rows[1].summary.error, "");
   EXPECT_NEAR(ben->rows[1].summary.duration_s, 34320 / 260.0, 1);

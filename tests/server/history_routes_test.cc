@@ -45,10 +45,11 @@ TEST_F(HistoryRoutes, PeopleAndTheirRowsAsTheyFillIn) {
       10s))
       << ben;
   EXPECT_EQ(
-      ben, R"({"ok":true,"name":"Ben","rows":[{"file":"Ben_on5_off11_M50_20250202-080000.csv",)"
-           R"("date":"2025-02-02 08:00:00","pending":false,"duration_s":null,"protocol":"free",)"
-           R"("cvn_mean":null,"peak_trough_hr":null,"rmssd":null,"lf_hf":null,)"
-           R"("recommended_bpm":null,"error":"Not a recording: no samples in it."}],"pending":0})");
+      ben,
+      R"({"ok":true,"name":"Ben","rows":[{"file":"Ben_on5_off11_M50_20250202-080000.csv",)"
+      R"("date":"2025-02-02 08:00:00","sex":"M","age":50,"indur":5,"outdur":11,"pending":false,"duration_s":null,"protocol":"free",)"
+      R"("cvn_mean":null,"peak_trough_hr":null,"rmssd":null,"lf_hf":null,)"
+      R"("recommended_bpm":null,"error":"Not a recording: no samples in it."}],"pending":0})");
   std::string anna;
   ASSERT_TRUE(test::wait_until(
       [&] {
