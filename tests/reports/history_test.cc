@@ -2,6 +2,8 @@
 // summary cache's text: read back, refused when stale or damaged.
 #include "reports/history.h"
 
+#include "reports/report.h"
+
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -82,6 +84,27 @@ TEST(History, SummaryCacheReadsBackOnlyForItsOwnRecording) {
       {std::string("\0\xff\n", 3), key},
   };
   for (const auto& [t, k] : refused) EXPECT_FALSE(read_summary(t, k)) << t;
+}
+
+// A trend needs two points: one recording, or one beside a failed one,
+// draws none.
+TEST(History, BatchSummaryDrawsATrendOnlyFromTwoRecordingsOn) {
+  SummaryEntry ok;
+  ok.file = "Anna_on5_off11_F30_20250301-090000.csv";
+  ok.cvn_mean = 7.5;
+  ok.hrv.rmssd = 30;
+  SummaryEntry failed;
+  failed.file = "broken.csv";
+  failed.error = "Not a recording: no samples in it.";
+  const std::pair<std::vector<SummaryEntry>, bool> cases[] = {
+      {{ok}, false}, {{ok, failed}, false}, {{failed, ok, ok}, true}};
+  for (const auto& [entries, trend] : cases) {
+    SummaryReport r;
+    r.persons.push_back({"Anna", entries});
+    const std::string pdf = summary_report_pdf(r);
+    EXPECT_EQ(pdf.find("(Trend)") != std::string::npos, trend) << entries.size();
+    EXPECT_EQ(pdf.find("(2025-03-01)") != std::string::npos, trend) << entries.size();
+  }
 }
 
 }  // namespace
