@@ -185,8 +185,8 @@ function renderRows(enterLive) {
       for (const text of rowCells(row)) cell(text);
       const td = cell('', 'actions');
       const when = row.date || row.file;
-      td.append(actionButton('Replay', 'Replay the recording of ' + when, () => open(enterLive, row, 2)),
-        actionButton('Export', 'Export the recording of ' + when, () => open(enterLive, row, 0, true)));
+      td.append(actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2)),
+        actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true)));
     }
     body.appendChild(tr);
   }
@@ -198,7 +198,7 @@ function renderRows(enterLive) {
 
 // Replays a row's recording on the live screen; for an export, the whole
 // recording at once (paused at its end) and the live screen's own export.
-async function open(enterLive, row, speed, exportIt = false) {
+async function openRow(enterLive, row, speed, exportIt = false) {
   const r = await api('/start_replay', replayParams(row, speed));
   if (!r.data || !r.data.ok) {
     $('historyNote').textContent = 'Could not open ' + row.file + '.';
@@ -282,7 +282,7 @@ function showTip(e) {
   const row = best.p.row;
   tip.textContent = `${row.date} · mean CVN ${fixed(row.cvn_mean, 2)} · RMSSD ${fixed(row.rmssd, 1)} ms`;
   tip.hidden = false;
-  tip.style.left = Math.min(best.x + 10, box.width - tip.offsetWidth - 4) + 'px';
+  tip.style.left = Math.max(0, Math.min(best.x + 10, box.width - tip.offsetWidth - 4)) + 'px';
   tip.style.top = Math.max(0, best.y - tip.offsetHeight - 8) + 'px';
 }
 
@@ -304,6 +304,7 @@ export function initHistory(enterLive) {
   new ResizeObserver((entries) => {
     const r = entries[entries.length - 1].contentRect;
     chartSize = { w: r.width, h: r.height };
+    $('historyTip').hidden = true;  // its point has moved
     redraw();
   }).observe(canvas);
   canvas.addEventListener('mousemove', showTip);

@@ -472,7 +472,7 @@ test('history: two people, one person\'s rows and trend, reached and used by key
   assert.equal(await anna.evaluate((b) => getComputedStyle(b).outlineStyle), 'solid', 'no visible focus');
   await page.keyboard.press('Enter');
   await page.waitForFunction(() => document.querySelectorAll('#historyRows tr').length === 2 &&
-    !document.querySelector('#historyRows tr.pending'), null, { timeout: 15000 });
+    !document.querySelector('#historyRows tr.pending'), null, { timeout: 30000 });
   assert.equal(await text(page, '#historyName'), 'Hist Anna');
   const rows = await page.$$eval('#historyRows tr', (l) => l.map((r) => [...r.cells].slice(0, 8).map((c) => c.textContent)));
   for (const cells of rows) {
@@ -489,6 +489,12 @@ test('history: two people, one person\'s rows and trend, reached and used by key
   }
   assert.match(tip, /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d · mean CVN \d+\.\d\d · RMSSD \d+\.\d ms$/);
   await shot(page, 'history-1366.png');
+  await checkLayouts(page, '#history');
+  for (const width of [360, 768, 1024, 1280, 1366, 1920]) {
+    await page.setViewportSize({ width, height: 850 });
+    assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), width, `a horizontal scroll bar at ${width} px`);
+  }
+  await page.setViewportSize({ width: 1366, height: 850 });
 
   // The first row's Replay button, by keyboard from the person's button.
   const replay = page.locator('#historyRows tr:first-child button', { hasText: 'Replay' });
