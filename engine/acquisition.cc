@@ -89,7 +89,7 @@ void Acquisition::open_journal() {
                      session_stem(in.name, in.breathing.indur, in.breathing.outdur,
                                   in.breathing.sex, in.breathing.age, in.start_time) +
                      std::string(kJournalEnding),
-                 c.session, in.rf ? sidecar_text({in.rf}) : std::string());
+                 c.session, sidecar_text(session_sidecar(in)));
 }
 
 void Acquisition::pump_journal(bool sync_now) {
@@ -176,9 +176,10 @@ SaveResult Acquisition::save() {
   // The header-only file is written too, so a replay finds "no markers"
   // rather than a missing file.
   bool markers_written = disk_.write_atomic(markers_path(path), markers_csv(in.markers)).ok();
-  // An assessment's schedule goes beside it, so a replay or an export later
-  // scores the same steps.
-  if (in.rf) markers_written &= disk_.write_atomic(sidecar_path(path), sidecar_text({in.rf})).ok();
+  // The person and an assessment's schedule go beside it, so that the
+  // person's history finds it and a replay or an export later scores the
+  // same steps.
+  markers_written &= disk_.write_atomic(sidecar_path(path), sidecar_text(session_sidecar(in))).ok();
   session_.set_saved_as(c.session, file);
   // The journal goes once no data can be lost with it: this save holds the
   // whole live session (it was stopped, so nothing more can arrive), or a

@@ -18,7 +18,8 @@ Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& 
       clock_(clock),
       session_(clock),
       acquisition_(session_, ble_.get(), clock, data_folder_ + "/recordings"),
-      jobs_(session_, data_folder_ + "/exports", clock) {}
+      jobs_(session_, data_folder_ + "/exports", clock),
+      history_(data_folder_ + "/recordings") {}
 
 Engine::~Engine() = default;
 
@@ -29,14 +30,11 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& reques
   SessionSettings settings = requested;
   if (!settings.protocol_named) {
     if (std::optional<std::string> side = read_file(sidecar_path(path))) {
-      std::string error;
-      if (std::optional<SessionSidecar> sidecar = read_sidecar(*side, &error)) {
-        settings.rf = sidecar->rf;
-      } else {
-        if (note)
-          *note = "The saved breathing protocol could not be read (" + error +
-                  "); this replay runs as a single rhythm.";
-      }
+      const SessionSidecar sidecar = read_sidecar(*side);
+      settings.rf = sidecar.rf;
+      if (note && !sidecar.protocol_error.empty())
+        *note = "The saved breathing protocol could not be read (" + sidecar.protocol_error +
+                "); this replay runs as a single rhythm.";
     }
   }
   std::vector<double> samples = read_recording(*text);
@@ -112,6 +110,11 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   // What plays is what the file holds: its whole numbers.
   for (double& v : samples) v = std::round(v);
   start_replay_of(std::move(samples), {}, r.file, settings, o);
+  // Who it is, as the session now names them (a request without a name
+  // keeps the previous one), so that the person's history finds it. The
+  // replay has played nothing yet, so the copy is small; the recording
+  // plays whether or not this lands.
+  write_file_atomic(sidecar_path(path), sidecar_text(session_sidecar(session_.copy().input)));
   return r;
 }
 

@@ -15,6 +15,7 @@
 
 #include "base/clock.h"
 #include "engine/acquisition.h"
+#include "engine/history.h"
 #include "engine/jobs.h"
 #include "engine/session.h"
 #include "reports/report_logo.h"
@@ -115,6 +116,9 @@ class Engine {
 
   bool running() const { return session_.running(); }
 
+  /// The people of the recordings folder and their recordings' summaries.
+  History& history() { return history_; }
+
  private:
   void start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
                        const std::string& file, const SessionSettings& settings,
@@ -128,6 +132,7 @@ class Engine {
   SessionState session_;
   Acquisition acquisition_;
   Jobs jobs_;
+  History history_;
 };
 
 }  // namespace cvn

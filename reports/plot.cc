@@ -350,6 +350,62 @@ void rate_plot(PdfCanvas& c, const Box& b, std::vector<RatePoint> points, PdfCol
   c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
 }
 
+void trend_plot(PdfCanvas& c, const Box& b, const std::vector<TrendPoint>& points,
+                const TrendSeries& left, const TrendSeries& right) {
+  double lo[2] = {INFINITY, INFINITY}, hi[2] = {-INFINITY, -INFINITY};
+  for (const TrendPoint& p : points)
+    for (int k = 0; k < 2; ++k)
+      if (const double v = k ? p.right : p.left; std::isfinite(v))
+        lo[k] = std::min(lo[k], v), hi[k] = std::max(hi[k], v);
+  if (lo[0] > hi[0] && lo[1] > hi[1])
+    return empty_plot(c, b, "(no recording of this person gave these values)");
+  const Axis la = lo[0] <= hi[0] ? nice_axis(lo[0], hi[0], 4, true) : nice_axis(0, 1, 4, true);
+  const Axis ra = lo[1] <= hi[1] ? nice_axis(lo[1], hi[1], 4, true) : nice_axis(0, 1, 4, true);
+  Axis xa;
+  xa.lo = -0.5;
+  xa.hi = static_cast<double>(points.size()) - 0.5;
+  std::vector<std::string> labels;
+  double label_end = -INFINITY;
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    xa.ticks.push_back(static_cast<double>(i));
+    // Dates closer than their labels are wide keep their tick, not the label.
+    const double w = text_width(PdfFont::kRegular, kTickSize, points[i].label);
+    const double x = xa.at(static_cast<double>(i), b.x, b.w);
+    labels.push_back(x - w / 2 < label_end ? std::string() : points[i].label);
+    if (!labels.back().empty()) label_end = x + w / 2 + 3;
+  }
+  x_axis(c, b, xa, "Recordings by date", false, &labels);
+  y_axis(c, b, la, left.title, true);
+  double widest = 0;
+  const std::vector<std::string> right_labels = tick_labels(ra);
+  for (std::size_t i = 0; i < ra.ticks.size(); ++i) {
+    const double y = ra.at(ra.ticks[i], b.y, b.h);
+    c.line(kFrame, b.x + b.w, y, b.x + b.w + kTickLength, y);
+    c.text(kInk, PdfFont::kRegular, kTickSize, b.x + b.w + kTickLength + 2, y - 2.8,
+           right_labels[i]);
+    widest = std::max(widest, text_width(PdfFont::kRegular, kTickSize, right_labels[i]));
+  }
+  c.vertical_text(kInk, 9, b.x + b.w + kTickLength + 12 + widest,
+                  b.y + b.h / 2 - text_width(PdfFont::kRegular, 9, right.title) / 2, right.title);
+  for (int k = 1; k >= 0; --k) {  // the left series on top
+    const Axis& ya = k ? ra : la;
+    std::string path;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      const double v = k ? points[i].right : points[i].left;
+      const bool joined = i > 0 && std::isfinite(k ? points[i - 1].right : points[i - 1].left);
+      if (!std::isfinite(v)) continue;
+      const double x = xa.at(static_cast<double>(i), b.x, b.w), y = ya.at(v, b.y, b.h);
+      path += pdf_number(x) + " " + pdf_number(y) + (joined ? " l\n" : " m\n");
+      c.fill_rect(k ? right.colour : left.colour, x - 2.25, y - 2.25, 4.5, 4.5);
+    }
+    c.stroke_colour(k ? right.colour : left.colour);
+    c.line_width(1.2);
+    c.raw(path + "S\n");
+  }
+  c.line_width(0.7);
+  c.stroke_rect(kFrame, b.x, b.y, b.w, b.h);
+}
+
 void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double duration_seconds,
               double expected_freq) {
   if (!have) {

@@ -59,6 +59,23 @@ struct RatePoint {
 void rate_plot(PdfCanvas& c, const Box& b, std::vector<RatePoint> points, PdfColor colour,
                const std::string& y_title, double marked, const std::string& why_empty);
 
+/// One recording of a person's trend: the label under its tick (its date)
+/// and its two values, NaN for none.
+struct TrendPoint {
+  std::string label;
+  double left, right;
+};
+/// A value of the trend: its axis title and colour.
+struct TrendSeries {
+  std::string title;
+  PdfColor colour;
+};
+/// The recordings evenly across in the order given, `left` values on the
+/// left axis and `right` ones on a right axis, each a line (broken where a
+/// value is missing) with a dot per value. With no value at all, a note.
+void trend_plot(PdfCanvas& c, const Box& b, const std::vector<TrendPoint>& points,
+                const TrendSeries& left, const TrendSeries& right);
+
 /// The picture `image` (a resource of the page) with its axes; `have` false
 /// draws why it is missing instead. `expected_freq` 0: no label.
 void heat_map(PdfCanvas& c, const Box& b, const char* image, bool have, double duration_seconds,

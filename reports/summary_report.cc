@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "reports/export_files.h"
+#include "reports/history.h"
 #include "reports/plot.h"
 #include "reports/report.h"
 #include "reports/report_page.h"
@@ -44,6 +45,10 @@ constexpr int kMaxErrorLines = 4;  // longer texts end in "..."
 constexpr double kPlotHeight = 150;
 constexpr double kMinPlotHeight = 90;
 constexpr double kPlotFrame = 24 + 36;  // heading above, tick labels and title below
+constexpr double kTrendHeight = 110;
+constexpr PdfColor kTrendCvn{0.26, 0.34, 0.78};  // the History view's colours
+constexpr PdfColor kTrendRmssd{0.07, 0.59, 0.42};
+constexpr double kTrendLabelWidth = 56;  // a date label at most, in tick type
 constexpr double kMapHeight = 92;
 constexpr double kMapBlock = 40 + 2 * (18 + kMapHeight + 30);
 // Table columns: the file after its colour sample, then by left or right edge.
@@ -154,6 +159,7 @@ class SummaryWriter {
     cvn_plot(c(), {kPlotLeft, y_ - 24 - height, kRight - kPlotLeft, height}, series, false,
              "(no recording of this person gave a cycle value)");
     y_ -= kPlotFrame + height;
+    trend(p);
 
     if (!shown) return;
     if (!fits(kMapBlock)) new_page(p, true);
@@ -293,6 +299,37 @@ class SummaryWriter {
       c().text(kMuted, PdfFont::kRegular, 8, right + 2.5, y, item.unit);
       x = right + 2.5 + text_width(PdfFont::kRegular, 8, item.unit) + 16;
     }
+  }
+
+  // Mean CVN and RMSSD of the person's recordings by date, as the History
+  // view shows them: whether the practice changes something over weeks.
+  void trend(const SummaryPerson& p) {
+    struct Dated {
+      std::string date;
+      const SummaryEntry* e;
+    };
+    std::vector<Dated> dated;
+    for (const SummaryEntry& e : p.entries)
+      if (e.error.empty()) dated.push_back({parse_recording_name(e.file).date, &e});
+    if (dated.size() < 2) return;
+    // Undated recordings keep their file order after the dated ones.
+    std::stable_sort(dated.begin(), dated.end(), [](const Dated& a, const Dated& b) {
+      return !a.date.empty() && (b.date.empty() || a.date < b.date);
+    });
+    std::vector<TrendPoint> points;
+    for (const Dated& d : dated) {
+      const std::string stem = d.e->file.substr(0, d.e->file.rfind('.'));
+      points.push_back({d.date.empty() ? fit(stem, PdfFont::kRegular, 8, kTrendLabelWidth)
+                                       : d.date.substr(0, 10),
+                        d.e->cvn_mean, d.e->hrv.rmssd});
+    }
+    if (!fits(kPlotFrame + kTrendHeight)) new_page(p, true);
+    heading(c(), y_ - 14, "Trend", "");
+    text_right(c(), kMuted, PdfFont::kRegular, 8, kRight, y_ - 14,
+               "one point per recording, oldest left: mean CVN (blue), RMSSD (green)");
+    trend_plot(c(), {kPlotLeft, y_ - 24 - kTrendHeight, kRight - kPlotLeft - 40, kTrendHeight},
+               points, {"Mean CVN (logpower)", kTrendCvn}, {"RMSSD (ms)", kTrendRmssd});
+    y_ -= kPlotFrame + kTrendHeight;
   }
 
   void maps(const SummaryEntry& e, bool others) {

@@ -11,6 +11,7 @@
 #include "base/recording.h"
 #include "engine/engine.h"
 #include "sensor/ble_manager.h"
+#include "server/history_routes.h"
 #include "server/json.h"
 #include "server/session_params.h"
 #include "server/snapshot_json.h"
@@ -311,6 +312,8 @@ constexpr Route kRoutes[] = {
     {"/batch_upload", batch_upload},
     {"/batch_run", batch_run},
     {"/import", import},
+    {"/people", people_route},
+    {"/history", history_route},
     {"/stream", nullptr, stream},
 };
 

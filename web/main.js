@@ -3,6 +3,7 @@
 
 import { api } from './api.js';
 import { loadConfig } from './config.js';
+import { initHistory } from './history.js';
 import { initJobs } from './jobs.js';
 import { enterLive, initLive, lastSnapshot } from './live.js';
 import { initSetup, refreshSetup, useRate } from './setup.js';
@@ -25,6 +26,7 @@ initSetup(enterLive);
 initLive(refreshSetup, useRate);
 initJobs();
 initAbout();
+initHistory(enterLive);
 
 api('/status').then((r) => {
   const s = r.data;

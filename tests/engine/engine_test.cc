@@ -131,7 +131,8 @@ TEST_F(EngineTest, AnAssessmentFollowsItsStepsStopsAfterTheLastAndKeepsItsSchedu
   ASSERT_EQ(saved.error, "");
   const std::string path = data / ("recordings/" + saved.file);
   EXPECT_EQ(slurp(sidecar_path(path)),
-            "# Corvane Live session 1\nprotocol=rf\nrates=10,9\nstep_s=60\ninfrac=0.5\n");
+            "# Corvane Live session 1\nprotocol=rf\nrates=10,9\nstep_s=60\ninfrac=0.5\n"
+            "name=Rf\nsex=M\nage=40\nindur=5\noutdur=11\n");
   ASSERT_TRUE(engine.start_replay(path, {}, kPaused));
   ASSERT_TRUE(engine.snapshot().rf);
   EXPECT_EQ(engine.snapshot().rf->protocol.rates, (std::vector<double>{10, 9}));

@@ -454,3 +454,56 @@ test('resonance assessment: the steps table checks its fields, the live step bar
   assert.ok(Math.abs(indur + outdur - 60 / rec) < 0.02 && Math.abs(indur - 24 / rec) < 0.01, `${indur} / ${outdur} for ${rec}`);
   await done();
 });
+
+test('history: two people, one person\'s rows and trend, reached and used by keyboard, a replay from a row', async () => {
+  const ecg = fs.readFileSync(new URL('../../assets/Sample 2.txt', import.meta.url));
+  for (const [fname, name, sex, age] of [['h1.txt', 'Hist Anna', 'F', 31], ['h2.txt', 'Hist Anna', 'F', 31], ['h3.txt', 'Hist Carl', 'M', 52]]) {
+    const r = await fetch(BASE + `import?${new URLSearchParams({ fname, name, sex, age, speed: 0 })}`, { method: 'POST', body: ecg });
+    assert.equal((await r.json()).ok, true, fname);
+  }
+  const { page, done } = await openPage(1366, 850);
+  await page.focus('#historyBtn');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#history', { state: 'visible' });
+  assert.equal(await page.isHidden('#setup'), true);
+  const people = await page.$$eval('#historyPeople button', (l) => l.map((b) => b.textContent));
+  assert.ok(people.includes('Hist Anna2') && people.includes('Hist Carl1'), people.join());  // name, then count
+
+  const anna = page.locator('#historyPeople button', { hasText: 'Hist Anna' });
+  await anna.focus();
+  assert.equal(await anna.evaluate((b) => getComputedStyle(b).outlineStyle), 'solid', 'no visible focus');
+  await page.keyboard.press('Enter');
+  await page.waitForFunction(() => document.querySelectorAll('#historyRows tr').length === 2 &&
+    !document.querySelector('#historyRows tr.pending'), null, { timeout: 30000 });
+  assert.equal(await text(page, '#historyName'), 'Hist Anna');
+  const rows = await page.$$eval('#historyRows tr', (l) => l.map((r) => [...r.cells].slice(0, 8).map((c) => c.textContent)));
+  for (const cells of rows) {
+    assert.match(cells[0], /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$/);
+    assert.deepEqual(cells.slice(1, 3), ['3:04', 'Single rhythm']);
+    for (const v of cells.slice(3, 7)) assert.match(v, /^-?\d+\.\d+$/, cells.join(' | '));
+  }
+  // Hovering a point names its recording: down the middle, where both recordings of one moment sit.
+  const box = await page.locator('#historyChart').boundingBox();
+  let tip = '';
+  for (let y = box.y + 10; y < box.y + box.height - 30 && !tip; y += 6) {
+    await page.mouse.move(box.x + box.width / 2, y);
+    tip = await page.$eval('#historyTip', (t) => (t.hidden ? '' : t.textContent));
+  }
+  assert.match(tip, /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d · mean CVN \d+\.\d\d · RMSSD \d+\.\d ms$/);
+  await shot(page, 'history-1366.png');
+  await checkLayouts(page, '#history');
+  for (const width of [360, 768, 1024, 1280, 1366, 1920]) {
+    await page.setViewportSize({ width, height: 850 });
+    assert.equal(await page.evaluate(() => document.documentElement.scrollWidth), width, `a horizontal scroll bar at ${width} px`);
+  }
+  await page.setViewportSize({ width: 1366, height: 850 });
+
+  // The first row's Replay button, by keyboard from the person's button.
+  const replay = page.locator('#historyRows tr:first-child button', { hasText: 'Replay' });
+  await replay.focus();
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#live', { state: 'visible' });
+  await waitText(page, '#liveTitle', /Hist Anna$/);
+  assert.equal(await page.isHidden('#history'), true);
+  await done();
+});
