@@ -37,7 +37,7 @@ const std::string& person_folder() {
       char name[64];
       std::snprintf(name, sizeof name, "Bench_on5_off11_M40_2025%02d%02d-090000.csv", 1 + i / 28,
                     1 + i % 28);
-      cvn::write_file(dir + "/" + name, cvn::format_recording(ecg));
+      (void)cvn::write_file(dir + "/" + name, cvn::format_recording(ecg));
     }
     return dir;
   }();

@@ -114,7 +114,10 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   // keeps the previous one), so that the person's history finds it. The
   // replay has played nothing yet, so the copy is small; the recording
   // plays whether or not this lands.
-  write_file_atomic(sidecar_path(path), sidecar_text(session_sidecar(session_.copy().input)));
+  if (const Status s = write_file_atomic(sidecar_path(path),
+                                         sidecar_text(session_sidecar(session_.copy().input)));
+      !s.ok())
+    logLine(s.message());
   return r;
 }
 

@@ -202,7 +202,7 @@ void History::work(std::stop_token stop) {
       s.error = std::string("Could not analyse it: ") + e.what();  // out of memory
     }
     // A cache that cannot be written costs a recomputation next time, no more.
-    write_file_atomic(summary_path(task.path), summary_text(s, task.key));
+    (void)write_file_atomic(summary_path(task.path), summary_text(s, task.key));
     std::lock_guard<std::mutex> g(mu_);
     known_[task.path] = {task.key, std::move(s)};
     if (auto q = queued_.find(task.path); q != queued_.end() && q->second == task.key)

@@ -43,10 +43,10 @@ TEST(History, FileNamesSayWhoAndWhen) {
 
 TEST(History, OnePersonUnderEitherSpellingNewestFirst) {
   const std::vector<PersonFiles> people = group_by_person({
-      {"old.csv", "Anna_Berg", "2025-01-01 09:00:00"},
-      {"b.csv", "Ben", ""},
-      {"new.csv", "Anna Berg", "2025-03-01 09:00:00"},
-      {"a.csv", "Ben", "2025-02-01 09:00:00"},
+      {"old.csv", "Anna_Berg", "2025-01-01 09:00:00", ""},
+      {"b.csv", "Ben", "", ""},
+      {"new.csv", "Anna Berg", "2025-03-01 09:00:00", ""},
+      {"a.csv", "Ben", "2025-02-01 09:00:00", ""},
   });
   ASSERT_EQ(people.size(), 2u);
   EXPECT_EQ(people[0].name, "Anna Berg");  // as the newest recording names her
