@@ -265,10 +265,10 @@ async function start() {
     const why = r.data && (r.data.reason || r.data.error);
     return setNote(note, why ? 'Could not start: ' + String(why).replace(/\.$/, '') + '.' : 'Could not start the session.', 'err');
   }
-  onStarted(speed);
+  onStarted();
 }
 
-/** Wires the screen; `started(speed)` runs when a session has begun. */
+/** Wires the screen; `started()` runs when a session has begun. */
 export function initSetup(started) {
   onStarted = started;
   $('indur').addEventListener('input', updateCycle);
@@ -290,7 +290,7 @@ export function initSetup(started) {
     rfRates.push(rateText(Number.isFinite(last) ? Math.max(kRf.minRate, last - 0.5) : kRf.rates.at(-1)));
     buildRfRows();
   });
-  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: (v) => onStarted(v), refresh: loadRecordings });
+  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: () => onStarted(), refresh: loadRecordings });
   $('startBtn').addEventListener('click', start);
   setProtocol('free');
   buildRfRows();
