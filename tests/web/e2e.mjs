@@ -7,7 +7,10 @@ import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
+import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
+
+const kAxe = createRequire(import.meta.url).resolve('axe-core/axe.min.js');
 
 const { CVN_URL: BASE, CVN_STRAP_URL: STRAP, CVN_ARTIFACTS: ARTIFACTS = os.tmpdir() } = process.env;
 if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
@@ -75,11 +78,24 @@ const countInk = (page, sel, kind, fromX = 0) => page.$eval(sel, (c, [kind, from
   return n;
 }, [kind, fromX]);
 
-// At each supported size no two visible cards of the screen overlap.
+// No rule of impact "serious" or "critical" broken on what the page shows now.
+async function checkAxe(page, what) {
+  if (!(await page.evaluate(() => 'axe' in window))) await page.addScriptTag({ path: kAxe });
+  const found = await page.evaluate(() => window.axe.run(document, { resultTypes: ['violations'] }));
+  const bad = found.violations.filter((v) => v.impact === 'serious' || v.impact === 'critical')
+    .map((v) => `${v.id} (${v.impact}): ${v.nodes.slice(0, 3).map((n) => n.target.join(' ')).join(', ')}`);
+  assert.deepEqual(bad, [], `accessibility of ${what}`);
+}
+
+// At each supported size (a phone to a wide screen) the screen needs no
+// sideways scrolling, no two visible cards of it overlap, and it breaks no
+// serious accessibility rule.
 async function checkLayouts(page, screen, { tag = '', fullPage = false } = {}) {
-  for (const [width, height] of [[1280, 720], [1366, 850], [1920, 1080]]) {
+  for (const [width, height] of [[360, 780], [768, 1024], [1024, 768], [1280, 720], [1366, 850], [1920, 1080]]) {
     await page.setViewportSize({ width, height });
-    await page.waitForTimeout(300);
+    await page.waitForTimeout(150);
+    const [scrollWidth, innerWidth] = await page.evaluate(() => [document.documentElement.scrollWidth, window.innerWidth]);
+    assert.ok(scrollWidth <= innerWidth, `at ${width}×${height} ${screen} is ${scrollWidth} px wide`);
     const boxes = await page.$$eval(screen + ' .card', (cards) => cards.filter((c) => c.offsetParent)
       .map((c) => ({ name: c.id || c.className, r: c.getBoundingClientRect().toJSON() })));
     for (const [i, { name: an, r: a }] of boxes.entries()) {
@@ -90,6 +106,27 @@ async function checkLayouts(page, screen, { tag = '', fullPage = false } = {}) {
     }
     await shot(page, `${screen.slice(1)}${tag}-${width}.png`, fullPage);
   }
+  await checkAxe(page, screen + tag);
+}
+
+// Tab from the top reaches every visible control of `screen`, each drawn
+// with a focus ring (an outline or a shadow) while it has the focus.
+async function checkKeyboard(page, screen) {
+  await page.evaluate(() => document.activeElement?.blur());
+  const want = await page.$$eval(`${screen} :is(button, input, select, [tabindex])`, (l) =>
+    l.filter((e) => e.offsetParent && !e.disabled && e.tabIndex >= 0).map((e) => e.id || e.getAttribute('aria-label') || e.textContent.trim()));
+  const seen = new Map();
+  for (let i = 0; i < want.length + 8; i++) {
+    await page.keyboard.press('Tab');
+    const [name, ring] = await page.evaluate(() => {
+      const e = document.activeElement, st = getComputedStyle(e);
+      return [e.id || e.getAttribute('aria-label') || e.textContent.trim(),
+        (st.outlineStyle !== 'none' && parseFloat(st.outlineWidth) > 0) || st.boxShadow !== 'none'];
+    });
+    seen.set(name, ring);
+  }
+  assert.deepEqual(want.filter((n) => !seen.has(n)), [], `not reached by Tab on ${screen}`);
+  assert.deepEqual(want.filter((n) => seen.get(n) === false), [], `no visible focus on ${screen}`);
 }
 
 // "Compute TFR" ends with both heat-maps shown: 1200 columns at most, one pixel row per frequency (320).
@@ -104,13 +141,13 @@ async function computeTfr(page) {
   }
 }
 
-async function startReplay(page, file, { name = '', sex = 'M', age = '40' } = {}) {
+async function startReplay(page, file, { name = '', sex = 'M', age = '40', speed = '8×' } = {}) {
   await page.fill('#name', name);
   await page.selectOption('#sex', sex);
   await page.fill('#age', age);
   await page.click('#sourceSwitch >> text=Open a recording');
   await page.selectOption('#recording', { label: file });
-  await page.click('#speedSwitch >> text=8×');
+  await page.click('#speedSwitch >> text=' + speed);
   await page.click('#startBtn');
   await page.waitForSelector('#live', { state: 'visible' });
 }
@@ -126,6 +163,12 @@ test('setup: no Bluetooth, start without a device, layouts, About', async () => 
   assert.equal(await page.isHidden('#live'), true);
   await page.click('#sourceSwitch >> text=Open a recording');
   await checkLayouts(page, '#setup');
+  await page.setViewportSize({ width: 1024, height: 768 });
+  await checkKeyboard(page, '#setup');
+  // Toggles are used by keyboard alone and say which one is chosen.
+  await page.focus('#speedSwitch button[data-speed="4"]');
+  await page.keyboard.press('Enter');
+  assert.equal(await page.getAttribute('#speedSwitch button[data-speed="4"]', 'aria-pressed'), 'true');
   await page.click('#aboutBtn');
   await waitText(page, '#about[open] #aboutVersion', /^1\.0\.0$/);
   await page.click('#aboutClose');
@@ -168,6 +211,8 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   await waitText(page, '#markerLine .mk', /^3\d+\.\d s$/);
   assert.deepEqual(calls('/mark').map((u) => u.searchParams.get('key')), ['3']);
   await checkLayouts(page, '#live');
+  await page.setViewportSize({ width: 1920, height: 1080 });
+  await checkKeyboard(page, '#live');
 
   // Clicking the middle of the scrubber seeks to about half of 264 s; the pacer follows.
   const box = await page.locator('#scrubber').boundingBox();
@@ -195,6 +240,33 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^NIJ000123.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_HRV\.csv|_RR\.csv|_report\.pdf)$/, '$1'));
   assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_HRV.csv', '_RR.csv', '_markers.csv', '_report.pdf']);
   assert.equal(await page.isEnabled('#saveBtn'), true);
+  // The stream says when a job ends; its route is read once for the result, not polled.
+  assert.ok(calls('/export_status').length <= 2 && calls('/tfr_status').length <= 2,
+    `${calls('/export_status').length} export and ${calls('/tfr_status').length} TFR status requests`);
+  await checkLayouts(page, '#live', { tag: '-results', fullPage: true });
+  await done();
+});
+
+// A reloaded page shows what the page before it showed, and a recording
+// opened without a name exports under its own name without the extension.
+test('reload during a replay at 4×: the same state; the export is named after the recording', async () => {
+  const { page, calls, done } = await openPage(1366, 850);
+  await startReplay(page, 'Sample 2.txt', { speed: '4×' });
+  await waitText(page, '#runState', /^Playing 4×$/);
+  await waitText(page, '#cdText', /^CVN in \d+ s$/);
+  await page.reload();
+  await page.waitForSelector('#live', { state: 'visible' });
+  await waitText(page, '#runState', /^Playing 4×$/);
+  // The countdown spans the program's two cycles of 16 s, read from the snapshot.
+  await waitText(page, '#cdText', /^CVN in \d+ s$/);
+  const [left, elapsed] = [parseInt((await text(page, '#cdText')).slice(7), 10), parseFloat(await text(page, '#elapsedVal'))];
+  assert.ok(Math.abs(left - (32 - elapsed)) <= 1.5, `${left} s left at ${elapsed} s`);
+  await page.click('#saveBtn');
+  await page.waitForSelector('#exportBox[data-state="done"]', { timeout: 30000 });
+  assert.match(await text(page, '#exportFolder'), /[\\/]Sample_2(-\d+)?_export$/);
+  const files = await listed(page, '#exportFiles');
+  assert.ok(files.length === 8 && files.every((f) => f.startsWith('Sample_2') && !f.includes('.txt_')), files.join(' | '));
+  assert.ok(calls('/export_status').length <= 2, calls('/export_status').length + ' export status requests');
   await done();
 });
 
@@ -347,6 +419,7 @@ test('batch: two persons and a bad file, uploaded, reports and the error listed'
   const reports = await listed(page, '#flowReports');
   assert.ok(reports.length === 4 && /^Study_\d{8}-\d{6}_summary_report\.pdf$/.test(reports[0]), reports.join(' | '));
   assert.deepEqual(await listed(page, '#flowFailedList'), ['Ben/notes.txt — Not a recording: no samples in it.']);
+  assert.equal(calls('/batch_status').length, 1, 'the batch is followed on the stream, not polled');
   await shot(page, 'batch-done-1366.png');
   await done();
 });
