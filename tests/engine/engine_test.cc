@@ -306,18 +306,6 @@ TEST(EngineJobs, OldTfrDoesNotLandInANewSession) {
   EXPECT_TRUE(engine.tfr().tfr3_uri.empty());
 }
 
-// A replay opened without a name exports under the recording's name, and its
-// snapshot says the speed chosen (a reloaded page reads it there).
-TEST(SessionState, ReplayWithoutANameExportsUnderTheRecordingsStem) {
-  ManualClock clock;
-  SessionState state(clock);
-  state.begin_replay(std::vector<double>(1300, 1.0), {}, "Sample 1.txt", {}, 4.0);
-  EXPECT_EQ(state.copy().input.name, "Sample 1");
-  EXPECT_EQ(state.snapshot().replay_speed, 4.0);
-  state.begin_live("Live \xE2\x80\x94 H10", {});
-  EXPECT_EQ(state.snapshot().replay_speed, 0.0);
-}
-
 // The first seconds of a new session must not show the heart rate and score
 // of the person before: an analysis that began in the old session is dropped
 // when it comes back.
