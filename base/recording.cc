@@ -188,6 +188,13 @@ std::string sanitize_file_name(std::string_view name, std::string_view fallback)
   return out.substr(first, last - first + 1);
 }
 
+std::string_view without_recording_extension(std::string_view name) {
+  if (name.size() <= 4 || name[name.size() - 4] != '.') return name;
+  std::string ext(name.substr(name.size() - 3));
+  for (char& c : ext) c = static_cast<char>(c | 0x20);  // ASCII letters to lower case
+  return ext == "txt" || ext == "csv" ? name.substr(0, name.size() - 4) : name;
+}
+
 std::string short_number(double v) {
   std::ostringstream s;
   s << v;

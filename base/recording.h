@@ -61,6 +61,10 @@ std::string marker_keys_between(const std::vector<Marker>& markers, double from_
 /// `fallback` when nothing is left.
 std::string sanitize_file_name(std::string_view name, std::string_view fallback = "recording");
 
+/// `name` without a recording's extension (".txt" or ".csv", any case):
+/// "Sample 1.txt" -> "Sample 1"; other names as they are.
+std::string_view without_recording_extension(std::string_view name);
+
 /// Shortest general form of a period: 5 -> "5", 5.5 -> "5.5".
 std::string short_number(double v);
 

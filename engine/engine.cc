@@ -133,6 +133,7 @@ std::optional<RfResult> Engine::rf_result() {
 Snapshot Engine::snapshot() {
   Snapshot s = session_.snapshot();
   std::tie(s.tfr, s.export_job) = jobs_.states();
+  s.batch = jobs_.batch_progress();
   return s;
 }
 

@@ -98,6 +98,11 @@ std::pair<JobState, JobState> Jobs::states() {
   return {tfr_.state, export_.state};
 }
 
+BatchState Jobs::batch_progress() {
+  std::lock_guard<std::mutex> g(mu_);
+  return batch_;
+}
+
 ExportStatus Jobs::export_status() {
   std::lock_guard<std::mutex> g(mu_);
   return export_;

@@ -26,10 +26,7 @@ struct ExportStatus {
   ExportResult result;  // meaningful once the job has ended
 };
 
-struct BatchStatus {
-  JobState state = JobState::kIdle;
-  int total = 0, done = 0;
-  std::string message;   // "Scanning…", "Processing 3 / 10 — Anna", how it ended
+struct BatchStatus : BatchState {
   BatchOutcome outcome;  // meaningful once the batch has ended
 };
 
@@ -73,6 +70,8 @@ class Jobs {
   /// The TFR and export states alone, for the snapshot taken 20 times a
   /// second (tfr() copies the pictures).
   std::pair<JobState, JobState> states();
+  /// The batch's progress without its outcome, for the same snapshot.
+  BatchState batch_progress();
 
   /// The logo the PDF reports carry.
   void set_report_logo(ReportLogo logo);

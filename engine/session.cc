@@ -202,7 +202,8 @@ SessionCopy SessionState::copy() {
   ExportInput& in = c.input;
   in.samples = samples_locked();
   in.markers = markers_;
-  in.name = name_id_.empty() ? source_label_ : name_id_;
+  // Without a name the exports are named after the recording, not its file.
+  in.name = name_id_.empty() ? std::string(without_recording_extension(source_label_)) : name_id_;
   in.breathing = breathing_;
   in.rf = rf_;
   in.start_time = session_start_;
@@ -264,6 +265,7 @@ Snapshot SessionState::snapshot() {
   s.bt_status = bt_status_;
   s.samples = sample_count();
   s.replay_total = replay_total_;
+  if (mode_ == Mode::kReplay) s.replay_speed = replay_speed_;
   s.hr = hr_;
   s.cvn = cvn_;
   s.rr_count = rr_count_;

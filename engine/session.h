@@ -35,6 +35,13 @@ enum class Mode { kIdle, kLive, kReplay };
 /// The life of a background job (TFR, export, batch).
 enum class JobState { kIdle, kRunning, kDone, kError };
 
+/// How far a batch has come: what the page shows while it runs.
+struct BatchState {
+  JobState state = JobState::kIdle;
+  int total = 0, done = 0;
+  std::string message;  // "Scanning…", "Processing 3 / 10 — Anna", how it ended
+};
+
 /// Who is breathing and how: what the page's setup screen sends.
 struct SessionSettings : BreathingSettings {
   std::optional<std::string> name;  // absent: the previous name stays
@@ -67,6 +74,7 @@ struct Snapshot {
   std::string name_id, source_label, bt_status;
   std::int64_t samples = 0;       // received (live) or played (replay)
   std::int32_t replay_total = 0;  // replay only
+  double replay_speed = 0;        // replay only: session seconds per wall second
   double hr = 0, cvn = 0;         // NaN when not known yet
   std::int32_t rr_count = 0;
   std::vector<double> scope;  // the ECG the scope shows, at most kScopeSamples
@@ -79,6 +87,7 @@ struct Snapshot {
   int age = 40;
   std::optional<RfPosition> rf;  // absent: a single-rhythm session
   JobState tfr = JobState::kIdle, export_job = JobState::kIdle;
+  BatchState batch;
   std::string saved_as;  // empty: not saved
   std::vector<Marker> markers;
 };

@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "analysis/hrv.h"
+#include "analysis/live_score.h"
 #include "base/constants.h"
 #include "server/json.h"
 
@@ -195,7 +196,14 @@ std::string snapshot_with(const Snapshot& s, const std::string& hr_json,
   }
   j += "],\"app_version\":\"";
   j += kAppVersion;
-  j += "\"}";
+  j += "\",\"replay_speed\":" + (replay ? json_number(s.replay_speed) : std::string("null"));
+  j += ",\"scope_samples\":" + std::to_string(kScopeSamples);
+  j += ",\"countdown_cycles\":" + std::to_string(kLiveScoreCycles);
+  j += ",\"batch\":{\"status\":\"";
+  j += job_text(s.batch.state, "running");
+  j += "\",\"total\":" + std::to_string(s.batch.total) +
+       ",\"done\":" + std::to_string(s.batch.done) + ",\"msg\":" + json_text(s.batch.message) +
+       "}}";
   return j;
 }
 

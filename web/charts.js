@@ -2,7 +2,6 @@
 // time. The scale and tick arithmetic is pure and exported for the tests; the
 // drawing functions take a 2D context and a layout.
 
-import { config } from './config.js';
 import { clockText } from './format.js';
 import { breathsBetween, rfSchedule } from './rf.js';
 
@@ -100,8 +99,11 @@ export function fitCanvas(canvas, size, minW, minH) {
 
 // ---------- ECG scope ----------
 
-/** Draws the scope; `emptyText` shows when there is no trace. */
-export function drawScope(canvas, size, ecg, emptyText) {
+/**
+ * Draws the scope: `ecg` is the trace, `width` the most samples the program
+ * sends (the snapshot's scope_samples); `emptyText` shows when there is no trace.
+ */
+export function drawScope(canvas, size, ecg, width, emptyText) {
   const c = fitCanvas(canvas, size, 4, 4);
   if (!c) return;
   const { ctx, w, h } = c;
@@ -124,9 +126,9 @@ export function drawScope(canvas, size, ecg, emptyText) {
   if (!(range > 0)) { range = 1; lo -= 0.5; }
   lo -= range * kScopeHeadroom;
   range *= 1 + 2 * kScopeHeadroom;
-  // Always as wide as the most the program sends (config.scope_samples), so a
-  // shorter trace starts at the left and grows to the right like a sweep.
-  const dx = w / (config.scope_samples - 1);
+  // Always as wide as the most the program sends, so a shorter trace starts
+  // at the left and grows to the right like a sweep.
+  const dx = w / (Math.max(width, ecg.length) - 1);
   ctx.strokeStyle = colours.scope;
   ctx.lineWidth = 1.6;
   ctx.lineJoin = 'round';

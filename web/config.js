@@ -1,7 +1,7 @@
 // The program's limits, read once from /config before the page starts: the
-// page applies them (the scope's width, the shortest breathing period, the
-// import rate range, the largest file) but keeps no copies that could fall
-// out of step with the program's.
+// page applies them (the shortest breathing period, the import rate range,
+// the largest file) but keeps no copies that could fall out of step with the
+// program's. The scope's width comes with each snapshot.
 
 import { api } from './api.js';
 

@@ -6,9 +6,9 @@ import { playCue, tone } from './audio.js';
 import { cueCrossed, rfSchedule } from './rf.js';
 import { $, setText } from './ui.js';
 
-// The score needs two whole cycles of data. Tones at 2 and 1 s left, and a
-// higher one when it starts, let the user keep their eyes on the pacer.
-const kCountdownCycles = 2;
+// The score needs the snapshot's countdown_cycles whole cycles of data. Tones
+// at 2 and 1 s left, and a higher one when it starts, let the user keep their
+// eyes on the pacer.
 const kTickTone = [660, 0.12];   // Hz, seconds
 const kStartTone = [880, 0.25];
 const kBarHideMs = 1200;
@@ -28,8 +28,8 @@ export function createCountdown() {
       setFill('0');
     },
     update(s) {
-      if (!(s.cycle_seconds > 0)) return;
-      const need = kCountdownCycles * s.cycle_seconds;
+      if (!(s.cycle_seconds > 0 && s.countdown_cycles > 0)) return;
+      const need = s.countdown_cycles * s.cycle_seconds;
       const el = s.elapsed || 0;
       const left = need - el;
       if (left > 0) {

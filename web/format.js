@@ -59,10 +59,11 @@ export function metaText(s) {
     ' s · Cycle ' + s.cycle_seconds + 's · Expected ' + s.expected_freq + ' Hz';
 }
 
-/** The run state pill: the strap's status while live, the speed in replay. */
-export function runStateText(s, replaySpeed) {
+/** The run state pill: the strap's status while live, the snapshot's speed in replay. */
+export function runStateText(s) {
   if (!s.running) return 'Stopped';
-  return s.mode === 'live' ? (s.bt_status || 'Recording') : 'Playing ' + replaySpeed + '×';
+  if (s.mode === 'live') return s.bt_status || 'Recording';
+  return s.replay_speed > 0 ? 'Playing ' + s.replay_speed + '×' : 'Playing';
 }
 
 // The HRV indices of the snapshot's "hrv", grouped as the card's table lists

@@ -2,7 +2,7 @@
 // happen with the chosen files, sends nothing until the user agrees, then
 // uploads, follows the program's batch and lists the reports it wrote.
 
-import { api } from './api.js';
+import { api, openStream } from './api.js';
 import { unlockAudio } from './audio.js';
 import { config } from './config.js';
 import {
@@ -11,18 +11,15 @@ import {
 } from './importplan.js';
 import { $, setText } from './ui.js';
 
-const kBatchPollMs = 500;
-const kRetryMs = 1500;        // after a status request that got no answer
-const kIdlePolls = 20;        // a batch still "idle" after this many polls did not start
 const kSkippedShown = 12;     // skipped files listed by name; the rest are counted
 const kPersonsShown = 8;      // persons named in the summary; the rest are counted
 
-let ctx = null;               // {sessionParams(), protocolParams(), fixProtocol, speed(), started(speed), refresh()}
+let ctx = null;               // {sessionParams(), protocolParams(), fixProtocol, speed(), started(), refresh()}
 let run = 0;                  // every flow has a number; late answers of an old one are dropped
 let phase = 'idle';           // confirm, upload, process, end
 let go = null;                // what the primary button does in "confirm"
 let cancelled = false;
-let pollTimer = 0;
+let closeStream = null;       // the snapshot stream a running batch is followed on
 
 // ---------- the dialog ----------
 
@@ -73,7 +70,7 @@ function setSkipped(skipped) {
 
 /** A fresh dialog for a new flow. */
 function openDialog(title) {
-  clearTimeout(pollTimer);
+  stopFollowing();
   run++;
   cancelled = false;
   setPhase('idle');
@@ -149,30 +146,39 @@ function refusal(r, what) {
 
 // ---------- following the batch ----------
 
+function stopFollowing() {
+  if (closeStream) closeStream();
+  closeStream = null;
+}
+
+// The snapshot stream carries the batch's progress. Once it says the batch
+// is no longer running, /batch_status is asked once for the outcome: it also
+// settles a snapshot taken before this batch had started, which still shows
+// the last one's end.
 function follow(id) {
-  let idle = 0;
-  const poll = (delay) => {
-    clearTimeout(pollTimer);
-    pollTimer = setTimeout(async () => {
-      const r = await api('/batch_status');
-      if (id !== run) return;
-      const d = r.data;
-      if (!d) {
-        progress('Waiting for the program to answer…', null);
-        return poll(kRetryMs);
-      }
-      if (d.status === 'running') {
-        progress(d.msg || 'Processing…', d.total ? d.done / d.total : null);
-        return poll(kBatchPollMs);
-      }
-      if (d.status === 'done') return finished(d);
-      if (d.status === 'error') return fail(d.msg || 'The batch failed without saying why.');
-      if (++idle > kIdlePolls) return fail('The batch did not start.');
-      poll(kBatchPollMs);
-    }, delay);
+  let asking = false;
+  const ask = async () => {
+    asking = true;
+    const r = await api('/batch_status');
+    asking = false;
+    if (id !== run) return;
+    const d = r.data;
+    if (!d || d.status === 'running') return;
+    stopFollowing();
+    if (d.status === 'done') return finished(d);
+    if (d.status === 'error') return fail(d.msg || 'The batch failed without saying why.');
+    fail('The batch did not start.');
   };
   setPhase('process');
-  poll(kBatchPollMs);
+  stopFollowing();
+  closeStream = openStream((s) => {
+    if (id !== run || asking) return;
+    const b = s.batch;
+    if (!b || b.status !== 'running') return ask();
+    progress(b.msg || 'Processing…', b.total ? b.done / b.total : null);
+  }, () => {
+    if (id === run) progress('Waiting for the program to answer…', null);
+  });
 }
 
 function finished(d) {
@@ -246,7 +252,7 @@ async function sendFile(id, file) {
   setPhase('idle');
   importNote('');
   dialog().close();
-  ctx.started(speed);
+  ctx.started();
 }
 
 // ---------- Import folder and Batch process ----------
@@ -362,7 +368,7 @@ function secondary() {
  * Wires the three buttons. `c` gives the session fields (`sessionParams()`),
  * the breathing protocol's (`protocolParams()`, null while its settings are
  * wrong, `fixProtocol` saying so),
- * the replay speed (`speed()`), what starts the live screen (`started(speed)`)
+ * the replay speed (`speed()`), what starts the live screen (`started()`)
  * and what reloads the recording list (`refresh()`).
  */
 export function initImports(c) {

@@ -11,7 +11,7 @@ import { drawScope, drawTrend } from './charts.js';
 import { createCoupling, createCountdown, createStepCue } from './cues.js';
 import { clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, titleText } from './format.js';
 import { initHrvCard, renderHrv } from './hrv.js';
-import { noticeExport, resetJobs } from './jobs.js';
+import { followJobs, resetJobs } from './jobs.js';
 import { createPacerView } from './pacer.js';
 import { rfSchedule } from './rf.js';
 import { createRfResult, createRfSteps } from './rfview.js';
@@ -24,7 +24,6 @@ const kScrubSteps = 1000;   // the scrubber's range
 let shown = false;
 let closeStream = null;
 let last = null;            // the last snapshot
-let replaySpeed = 2;
 let lost = false;
 let frameId = 0;
 const dirty = { text: false, scope: false, chart: false, markers: false };
@@ -54,7 +53,7 @@ function onSnapshot(s) {
     rfRan = false;
     rfResult.load();
   }
-  noticeExport(s);
+  followJobs(s);
   dirty.text = true;
   dirty.scope ||= ch.scope;
   dirty.chart ||= ch.chart;
@@ -77,7 +76,7 @@ function frame(ts) {
   if (!last) return;
   if (dirty.text) renderTexts(last);
   if (dirty.markers) renderMarkers(last.markers || []);
-  if (dirty.scope) drawScope($('ecg'), canvasSize($('ecg')), last.ecg, last.mode === 'live' && last.running ? 'Waiting for ECG…' : 'No ECG');
+  if (dirty.scope) drawScope($('ecg'), canvasSize($('ecg')), last.ecg, last.scope_samples, last.mode === 'live' && last.running ? 'Waiting for ECG…' : 'No ECG');
   if (dirty.chart) drawTrend($('chart'), canvasSize($('chart')), last);
   dirty.text = dirty.scope = dirty.chart = dirty.markers = false;
 }
@@ -119,7 +118,7 @@ function renderTexts(s) {
   setText($('liveMeta'), metaText(s));
   const st = $('runState');
   if (!lost) {
-    setText(st, runStateText(s, replaySpeed));
+    setText(st, runStateText(s));
     st.classList.toggle('stopped', !s.running);
   }
   setDisabled($('stopBtn'), !s.running);
@@ -207,14 +206,16 @@ function resetScreen() {
   renderHrv(null, false);
 }
 
-/** Shows the screen for a session that runs at `speed` (replay) and follows its stream. */
-export function enterLive(speed) {
-  replaySpeed = speed;
+/** Shows the screen and follows the session's stream, which says all it shows. */
+export function enterLive() {
   resetScreen();
   $('setup').hidden = true;
   $('live').hidden = false;
   shown = true;
   window.scrollTo(0, 0);
+  // The button that started the session is hidden now: the keyboard goes on
+  // from the top of this screen, and a screen reader reads its title.
+  $('liveTitle').focus({ preventScroll: true });
   if (closeStream) closeStream();
   closeStream = openStream(onSnapshot, () => {
     lost = true;
@@ -233,6 +234,7 @@ function leaveLive() {
   resetJobs();
   $('live').hidden = true;
   $('setup').hidden = false;
+  $('setupTitle').focus({ preventScroll: true });
 }
 
 // ---------- controls ----------

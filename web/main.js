@@ -32,7 +32,6 @@ api('/status').then((r) => {
   const s = r.data;
   if (!s) return;
   if (s.app_version) $('aboutVersion').textContent = s.app_version;
-  // A reload during a session goes straight back to it. The replay speed is
-  // not in the snapshot; the default is the best guess.
-  if (s.running) enterLive(2);
+  // A reload during a session goes straight back to it.
+  if (s.running) enterLive();
 });

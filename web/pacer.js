@@ -161,7 +161,10 @@ export function createPacerView(els) {
       put('arc', (pose.progress * 100).toFixed(2), (v) => els.arc.setAttribute('stroke-dasharray', v + ' 100'));
       put('inhale', pose.inhale, (v) => {
         els.arc.setAttribute('stroke', v ? '#11898a' : '#5b7fb0');
-        els.cue.textContent = v ? 'Breathe in' : 'Breathe out';
+        // The cue is a polite live region: it is written only when its
+        // words change, so a screen reader hears each phase once.
+        const words = v ? 'Breathe in' : 'Breathe out';
+        if (els.cue.textContent !== words) els.cue.textContent = words;
         els.cue.classList.toggle('out', !v);
       });
       put('sub', s.running ? pose.left + ' s' : 'Stopped', (v) => { els.cueSub.textContent = v; });

@@ -8,7 +8,7 @@ import { breathingPeriod, clockText, cycleText, round2 } from './format.js';
 import { initImports } from './imports.js';
 import { importRate } from './importplan.js';
 import { kRf, paceFromRate, readRfSettings, rateText, rfParams, rfSchedule } from './rf.js';
-import { $, setNote, setText } from './ui.js';
+import { $, setNote, setPressed, setText } from './ui.js';
 
 let source = 'live';
 let speed = 2;
@@ -37,7 +37,7 @@ function updateCycle() {
   const i = breathingPeriod($('indur').value, 5), o = breathingPeriod($('outdur').value, 11);
   $('cyclePill').textContent = cycleText(i, o);
   document.querySelectorAll('.chip').forEach((c) => {
-    c.classList.toggle('on', +c.dataset.in === i && +c.dataset.out === o);
+    setPressed(c, +c.dataset.in === i && +c.dataset.out === o);
   });
 }
 
@@ -45,7 +45,7 @@ function updateCycle() {
 
 function setProtocol(p) {
   protocol = p;
-  document.querySelectorAll('#protocolSwitch button').forEach((b) => b.classList.toggle('on', b.dataset.protocol === p));
+  document.querySelectorAll('#protocolSwitch button').forEach((b) => setPressed(b, b.dataset.protocol === p));
   $('freePanel').hidden = p !== 'free';
   $('rfPanel').hidden = p !== 'rf';
   setNote($('startNote'), '');
@@ -156,7 +156,7 @@ export function useRate(bpm, infrac) {
 
 function setSource(s) {
   source = s;
-  document.querySelectorAll('#sourceSwitch button').forEach((b) => b.classList.toggle('on', b.dataset.src === s));
+  document.querySelectorAll('#sourceSwitch button').forEach((b) => setPressed(b, b.dataset.src === s));
   $('livePanel').hidden = s !== 'live';
   $('replayPanel').hidden = s !== 'replay';
   setNote($('startNote'), '');
@@ -164,7 +164,7 @@ function setSource(s) {
 
 function setSpeed(v) {
   speed = v;
-  document.querySelectorAll('#speedSwitch button').forEach((b) => b.classList.toggle('on', +b.dataset.speed === v));
+  document.querySelectorAll('#speedSwitch button').forEach((b) => setPressed(b, +b.dataset.speed === v));
 }
 
 function fillDevices(list) {
@@ -295,10 +295,10 @@ async function start() {
     const why = r.data && (r.data.reason || r.data.error);
     return setNote(note, why ? 'Could not start: ' + String(why).replace(/\.$/, '') + '.' : 'Could not start the session.', 'err');
   }
-  onStarted(speed);
+  onStarted();
 }
 
-/** Wires the screen; `started(speed)` runs when a session has begun. */
+/** Wires the screen; `started()` runs when a session has begun. */
 export function initSetup(started) {
   onStarted = started;
   $('indur').addEventListener('input', updateCycle);
@@ -321,7 +321,7 @@ export function initSetup(started) {
     rfRates.push(rateText(Number.isFinite(last) ? Math.max(kRf.minRate, last - 0.5) : kRf.rates.at(-1)));
     buildRfRows();
   });
-  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: (v) => onStarted(v), refresh: loadRecordings });
+  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: () => onStarted(), refresh: loadRecordings });
   $('startBtn').addEventListener('click', start);
   setProtocol('free');
   buildRfRows();

@@ -7,6 +7,12 @@ export function setText(el, text) {
   if (el.textContent !== text) el.textContent = text;
 }
 
+/** Marks a toggle button as chosen or not, for the eye and for screen readers. */
+export function setPressed(button, on) {
+  button.classList.toggle('on', on);
+  button.setAttribute('aria-pressed', String(on));
+}
+
 /** A one-line note: plain, 'err' or 'ok'. */
 export function setNote(el, text, kind) {
   setText(el, text || '');

@@ -92,6 +92,11 @@ TEST(FileNames, SanitisingAndNumbers) {
   EXPECT_EQ(short_number(5.0), "5");
   EXPECT_EQ(short_number(5.5), "5.5");
   EXPECT_EQ(short_number(1.95), "1.95");
+  // Exports are named after the recording, not its file.
+  EXPECT_EQ(without_recording_extension("Sample 1.txt"), "Sample 1");
+  EXPECT_EQ(without_recording_extension("a.CSV"), "a");
+  EXPECT_EQ(without_recording_extension(".txt"), ".txt");
+  EXPECT_EQ(without_recording_extension("v1.2"), "v1.2");
 }
 
 }  // namespace

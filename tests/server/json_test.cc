@@ -51,7 +51,8 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
       R"("cvn":null,"rr_count":0,"hrv":null,"ecg":[],"hr_series":[],"cvn_series":[],)"
       R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
       R"("protocol":"free","rf":null,"tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
-      R"("app_version":"1.0.0"})");
+      R"("app_version":"1.0.0","replay_speed":null,"scope_samples":780,"countdown_cycles":2,)"
+      R"("batch":{"status":"idle","total":0,"done":0,"msg":""}})");
 }
 
 TEST(Snapshot, RoundingProgressSeriesAndMarkers) {

@@ -7,7 +7,9 @@ import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
+import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
+const kAxe = createRequire(import.meta.url).resolve('axe-core/axe.min.js');
 
 const { CVN_URL: BASE, CVN_STRAP_URL: STRAP, CVN_ARTIFACTS: ARTIFACTS = os.tmpdir() } = process.env;
 if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
@@ -75,11 +77,13 @@ const countInk = (page, sel, kind, fromX = 0) => page.$eval(sel, (c, [kind, from
   return n;
 }, [kind, fromX]);
 
-// At each supported size no two visible cards of the screen overlap.
+// From a phone to a wide screen: no sideways scrolling, no overlapping cards, no serious axe-core fault.
 async function checkLayouts(page, screen, { tag = '', fullPage = false } = {}) {
-  for (const [width, height] of [[1280, 720], [1366, 850], [1920, 1080]]) {
+  for (const [width, height] of [[360, 780], [768, 1024], [1024, 768], [1280, 720], [1366, 850], [1920, 1080]]) {
     await page.setViewportSize({ width, height });
-    await page.waitForTimeout(300);
+    await page.waitForTimeout(150);
+    const [scrollWidth, innerWidth] = await page.evaluate(() => [document.documentElement.scrollWidth, window.innerWidth]);
+    assert.ok(scrollWidth <= innerWidth, `at ${width}×${height} ${screen} is ${scrollWidth} px wide`);
     const boxes = await page.$$eval(screen + ' .card', (cards) => cards.filter((c) => c.offsetParent)
       .map((c) => ({ name: c.id || c.className, r: c.getBoundingClientRect().toJSON() })));
     for (const [i, { name: an, r: a }] of boxes.entries()) {
@@ -90,6 +94,9 @@ async function checkLayouts(page, screen, { tag = '', fullPage = false } = {}) {
     }
     await shot(page, `${screen.slice(1)}${tag}-${width}.png`, fullPage);
   }
+  if (!(await page.evaluate(() => 'axe' in window))) await page.addScriptTag({ path: kAxe });
+  const { violations } = await page.evaluate(() => window.axe.run(document, { resultTypes: ['violations'] }));
+  assert.deepEqual(violations.filter((v) => ['serious', 'critical'].includes(v.impact)).map((v) => `${v.id}: ${v.nodes.map((n) => n.target).join(', ')}`), [], screen + tag);
 }
 
 // "Compute TFR" ends with both heat-maps shown: 1200 columns at most, one pixel row per frequency (320).
@@ -104,13 +111,13 @@ async function computeTfr(page) {
   }
 }
 
-async function startReplay(page, file, { name = '', sex = 'M', age = '40' } = {}) {
+async function startReplay(page, file, { name = '', sex = 'M', age = '40', speed = '8×' } = {}) {
   await page.fill('#name', name);
   await page.selectOption('#sex', sex);
   await page.fill('#age', age);
   await page.click('#sourceSwitch >> text=Open a recording');
   await page.selectOption('#recording', { label: file });
-  await page.click('#speedSwitch >> text=8×');
+  await page.click('#speedSwitch >> text=' + speed);
   await page.click('#startBtn');
   await page.waitForSelector('#live', { state: 'visible' });
 }
@@ -195,6 +202,22 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   const ends = (await listed(page, '#exportFiles')).map((f) => f.replace(/^NIJ000123.*?(_ECG\.txt|_HR\.txt|_markers\.csv|\.edf|_CVN_logpower\.csv|_HRV\.csv|_RR\.csv|_report\.pdf)$/, '$1'));
   assert.deepEqual(ends.sort(), ['.edf', '_CVN_logpower.csv', '_ECG.txt', '_HR.txt', '_HRV.csv', '_RR.csv', '_markers.csv', '_report.pdf']);
   assert.equal(await page.isEnabled('#saveBtn'), true);
+  assert.ok(calls('/export_status').length <= 2 && calls('/tfr_status').length <= 2, 'jobs are followed on the stream, not polled');
+  await checkLayouts(page, '#live', { tag: '-results', fullPage: true });
+  await done();
+});
+
+// A reloaded page shows what it showed before; a nameless replay exports under the recording's name.
+test('reload during a replay at 4×: the same state; the export is named after the recording', async () => {
+  const { page, done } = await openPage(1366, 850);
+  await startReplay(page, 'Sample 2.txt', { speed: '4×' });
+  await waitText(page, '#runState', /^Playing 4×$/);
+  await page.reload();
+  await waitText(page, '#runState', /^Playing 4×$/);
+  await page.click('#saveBtn');
+  await page.waitForSelector('#exportBox[data-state="done"]', { timeout: 30000 });
+  assert.match(await text(page, '#exportFolder'), /[\\/]Sample_2(-\d+)?_export$/);
+  assert.ok((await listed(page, '#exportFiles')).every((f) => /^Sample_2[_.]/.test(f)), await text(page, '#exportFiles'));
   await done();
 });
 
@@ -347,6 +370,7 @@ test('batch: two persons and a bad file, uploaded, reports and the error listed'
   const reports = await listed(page, '#flowReports');
   assert.ok(reports.length === 4 && /^Study_\d{8}-\d{6}_summary_report\.pdf$/.test(reports[0]), reports.join(' | '));
   assert.deepEqual(await listed(page, '#flowFailedList'), ['Ben/notes.txt — Not a recording: no samples in it.']);
+  assert.equal(calls('/batch_status').length, 1, 'the batch is followed on the stream, not polled');
   await shot(page, 'batch-done-1366.png');
   await done();
 });

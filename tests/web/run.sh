@@ -13,7 +13,7 @@ python="$(command -v /usr/bin/python3 python3 | head -1)"  # the system one has 
 for tool in "$CHROMIUM" node npm dbus-daemon "$python"; do
   command -v "$tool" >/dev/null || { echo "web tests: $tool is needed (tools/deps.sh)" >&2; exit 1; }
 done
-[[ -d "$here/node_modules/playwright-core" ]] || (cd "$here" && npm ci --no-audit --no-fund --loglevel=error)
+[[ -d "$here/node_modules/playwright-core" && -d "$here/node_modules/axe-core" ]] || (cd "$here" && npm ci --no-audit --no-fund --loglevel=error)
 mkdir -p "$CVN_ARTIFACTS"
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/cvn-web.XXXXXX")"
