@@ -36,10 +36,12 @@ std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_
   for (double& v : filtered) v = -v;
   std::vector<int32_t> inverted = detect_peaks(filtered, sample_rate, min_distance);
 
-  if (plausible_intervals(inverted, sample_rate) > plausible_intervals(upright, sample_rate)) {
-    return inverted;
-  }
-  return upright;
+  return inverted_polarity_wins(upright, inverted, sample_rate) ? inverted : upright;
+}
+
+bool inverted_polarity_wins(const std::vector<int32_t>& upright,
+                            const std::vector<int32_t>& inverted, double sample_rate) {
+  return plausible_intervals(inverted, sample_rate) > plausible_intervals(upright, sample_rate);
 }
 
 std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate) {

@@ -1,7 +1,9 @@
 // Peak finding on sampled series: local maxima, prominences, the R-peak
 // candidate selection of one polarity, and prominence-based artefact removal.
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace cvn {
@@ -24,6 +26,30 @@ struct PeakProminence {
 /// REQUIRES: every index lies in [0, signal.size()).
 std::vector<PeakProminence> peak_prominences(const std::vector<double>& signal,
                                              const std::vector<int32_t>& peaks, int window);
+
+/// The local stages of detect_peaks: what each R-peak candidate depends on
+/// lies within a few samples of it, unlike the screens that follow.
+struct PeakCandidates {
+  /// local_maxima of the signal, ascending.
+  std::vector<int32_t> maxima;
+  /// The maxima thinned to at least `min_distance` samples apart (tallest
+  /// first, the later one first among equals), ascending ...
+  std::vector<int32_t> positions;
+  /// ... and the prominence of each, searched a quarter second each way.
+  std::vector<double> prominences;
+};
+
+/// detect_peaks up to its screens; see there.
+PeakCandidates peak_candidates(const std::vector<double>& signal, double sample_rate,
+                               double min_distance);
+
+/// The screens of detect_peaks over candidates from a signal of `signal_size`
+/// samples with the given mean and population SD; `heights` holds the
+/// signal's value at each candidate.
+std::vector<int32_t> screen_peaks(std::span<const int32_t> positions,
+                                  std::span<const double> prominences,
+                                  std::span<const double> heights, double signal_mean,
+                                  double signal_sd, std::size_t signal_size, double sample_rate);
 
 /// R-peak candidates of one polarity in a band-passed ECG, ascending: local
 /// maxima thinned to at least `min_distance` samples apart (tallest first),
