@@ -18,8 +18,7 @@ constexpr double kVoteMaxInterval = 1.5;
 std::size_t plausible_intervals(const std::vector<int32_t>& peaks, double sample_rate) {
   std::size_t count = 0;
   for (std::size_t k = 1; k < peaks.size(); ++k) {
-    const double interval = static_cast<double>(peaks[k] - peaks[k - 1]) / sample_rate;
-    if (interval >= kVoteMinInterval && interval <= kVoteMaxInterval) ++count;
+    if (counts_for_polarity(peaks[k - 1], peaks[k], sample_rate)) ++count;
   }
   return count;
 }
@@ -36,12 +35,15 @@ std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_
   for (double& v : filtered) v = -v;
   std::vector<int32_t> inverted = detect_peaks(filtered, sample_rate, min_distance);
 
-  return inverted_polarity_wins(upright, inverted, sample_rate) ? inverted : upright;
+  if (plausible_intervals(inverted, sample_rate) > plausible_intervals(upright, sample_rate)) {
+    return inverted;
+  }
+  return upright;
 }
 
-bool inverted_polarity_wins(const std::vector<int32_t>& upright,
-                            const std::vector<int32_t>& inverted, double sample_rate) {
-  return plausible_intervals(inverted, sample_rate) > plausible_intervals(upright, sample_rate);
+bool counts_for_polarity(int32_t from, int32_t to, double sample_rate) {
+  const double interval = static_cast<double>(to - from) / sample_rate;
+  return interval >= kVoteMinInterval && interval <= kVoteMaxInterval;
 }
 
 std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate) {

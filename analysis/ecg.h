@@ -20,10 +20,9 @@ inline constexpr int kMaxHeartRate = 300;
 std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_rate,
                                   int max_heart_rate);
 
-/// find_r_peaks' choice between the peaks of the upright and of the negated
-/// band-passed ECG: true when the negated one wins.
-bool inverted_polarity_wins(const std::vector<int32_t>& upright,
-                            const std::vector<int32_t>& inverted, double sample_rate);
+/// Whether find_r_peaks' polarity vote counts the interval between peaks at
+/// samples `from` and `to` (a plausible resting rhythm).
+bool counts_for_polarity(int32_t from, int32_t to, double sample_rate);
 
 /// Intervals between consecutive peaks in seconds, as found (not cleaned).
 /// Empty for fewer than two peaks.

@@ -34,8 +34,8 @@ StepState unit_step_state(const Biquad& q, double upstream_gain) {
 // of them per sample lets the CPU overlap the chains. The arithmetic per
 // section is the same for any K.
 template <int K>
-void run_sections(const Biquad* q, double* z0_io, double* z1_io, double* data,
-                  std::ptrdiff_t count, std::ptrdiff_t stride) {
+void run_sections(const Biquad* q, double* z0_io, double* z1_io, double* data, std::ptrdiff_t count,
+                  std::ptrdiff_t stride) {
   double z0[K], z1[K];
   for (int s = 0; s < K; ++s) {
     z0[s] = z0_io[s];
@@ -83,7 +83,6 @@ void sos_pass_run(std::span<const Biquad> sections, SosState& state, double* dat
   for (; s < sections.size(); ++s)
     run_sections<1>(&sections[s], &state.z0[s], &state.z1[s], data, count, stride);
 }
-
 
 std::vector<double> sos_filtfilt(const std::vector<double>& signal,
                                  std::span<const Biquad> sections, int pad_length) {

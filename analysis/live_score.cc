@@ -62,7 +62,7 @@ double score_of_fit(double r) {
 }  // namespace
 
 void live_score_beats(const std::vector<double>& rr, std::vector<double>& time,
-                   std::vector<double>& interval_ms) {
+                      std::vector<double>& interval_ms) {
   time.reserve(rr.size());
   interval_ms.reserve(rr.size());
   double sum_ms = 0.0;
@@ -75,14 +75,13 @@ void live_score_beats(const std::vector<double>& rr, std::vector<double>& time,
   }
 }
 
-
 double live_score_interval_at(const std::vector<double>& time,
                               const std::vector<double>& interval_ms, double t) {
   if (time.empty() || t < time.front() || t > time.back()) return kNaN;
   if (t == time.back()) return interval_ms.back();
   // time[k] <= t < time[k + 1]
-  const auto k = static_cast<std::size_t>(std::upper_bound(time.begin(), time.end(), t) -
-                                          time.begin() - 1);
+  const auto k =
+      static_cast<std::size_t>(std::upper_bound(time.begin(), time.end(), t) - time.begin() - 1);
   const double slope = (interval_ms[k + 1] - interval_ms[k]) / (time[k + 1] - time[k]);
   return slope * (t - time[k]) + interval_ms[k];
 }
@@ -179,9 +178,9 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
     const std::size_t valid_end = std::min(i, end_valid);
     if (begin >= valid_end) continue;  // no interval in the window
     window_sums.move_to(begin, i);
-    scores[i] = live_score_of_window(
-        value, sine, cosine, begin, valid_end, i,
-        {window_sums.s, window_sums.c, window_sums.ss, window_sums.cc});
+    scores[i] =
+        live_score_of_window(value, sine, cosine, begin, valid_end, i,
+                             {window_sums.s, window_sums.c, window_sums.ss, window_sums.cc});
   }
   return scores;
 }

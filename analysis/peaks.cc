@@ -147,29 +147,50 @@ PeakCandidates peak_candidates(const std::vector<double>& signal, double sample_
   return c;
 }
 
-std::vector<int32_t> screen_peaks(std::span<const int32_t> positions,
-                                  std::span<const double> prominences,
-                                  std::span<const double> heights, double signal_mean,
-                                  double signal_sd, std::size_t signal_size, double sample_rate) {
+double prominence_threshold(double signal_mean, double signal_sd) {
+  return signal_mean + kAbsoluteThresholdSd * signal_sd;
+}
+
+double required_peaks(std::size_t signal_size, double sample_rate) {
+  return std::ceil(static_cast<double>(signal_size) / (kMinSecondsPerBeat * sample_rate));
+}
+
+bool robust_prominence_passes(double prominence, double median, double mad) {
+  const double score = std::abs(kMadToSd * (prominence - median) / mad);
+  return score > kMinRobustScore && score < kMaxRobustScore;
+}
+
+bool amplitude_passes(double height, double height_mean, double height_sd) {
+  const double z = (height - height_mean) / height_sd;
+  return z >= kMinAmplitudeZ && z < kMaxAmplitudeZ;
+}
+
+namespace {
+
+// The screens of detect_peaks over candidates from a signal of `signal_size`
+// samples with the given mean and population SD; `heights` holds the signal's
+// value at each candidate.
+std::vector<int32_t> screen_peaks(const PeakCandidates& c, const std::vector<double>& heights,
+                                  double signal_mean, double signal_sd, std::size_t signal_size,
+                                  double sample_rate) {
+  const std::vector<int32_t>& positions = c.positions;
+  const std::vector<double>& prominences = c.prominences;
   if (positions.empty()) return {};
-  const double threshold = signal_mean + kAbsoluteThresholdSd * signal_sd;
-  const double required =
-      std::ceil(static_cast<double>(signal_size) / (kMinSecondsPerBeat * sample_rate));
+  const double threshold = prominence_threshold(signal_mean, signal_sd);
   std::vector<std::size_t> kept;
   kept.reserve(positions.size());
   for (std::size_t k = 0; k < positions.size(); ++k) {
     if (prominences[k] > threshold) kept.push_back(k);
   }
 
-  if (!(static_cast<double>(kept.size()) >= required)) {
+  if (!(static_cast<double>(kept.size()) >= required_peaks(signal_size, sample_rate))) {
     kept.clear();
     std::vector<double> values(prominences.begin(), prominences.end());
     const double m = median(values);
     for (double& v : values) v = std::abs(v - m);
     const double d = median(values);
     for (std::size_t k = 0; k < positions.size(); ++k) {
-      const double score = std::abs(kMadToSd * (prominences[k] - m) / d);
-      if (score > kMinRobustScore && score < kMaxRobustScore) kept.push_back(k);
+      if (robust_prominence_passes(prominences[k], m, d)) kept.push_back(k);
     }
   }
 
@@ -180,19 +201,20 @@ std::vector<int32_t> screen_peaks(std::span<const int32_t> positions,
   std::vector<int32_t> peaks;
   peaks.reserve(kept.size());
   for (std::size_t k = 0; k < kept.size(); ++k) {
-    const double z = (kept_heights[k] - height_mean) / height_sd;
-    if (z >= kMinAmplitudeZ && z < kMaxAmplitudeZ) peaks.push_back(positions[kept[k]]);
+    if (amplitude_passes(kept_heights[k], height_mean, height_sd))
+      peaks.push_back(positions[kept[k]]);
   }
   return peaks;
 }
+
+}  // namespace
 
 std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double sample_rate,
                                   double min_distance) {
   const PeakCandidates c = peak_candidates(signal, sample_rate, min_distance);
   std::vector<double> heights(c.positions.size());
   for (std::size_t k = 0; k < c.positions.size(); ++k) heights[k] = signal[c.positions[k]];
-  return screen_peaks(c.positions, c.prominences, heights, mean(signal), population_std(signal),
-                      signal.size(), sample_rate);
+  return screen_peaks(c, heights, mean(signal), population_std(signal), signal.size(), sample_rate);
 }
 
 std::vector<double> remove_artefacts(const std::vector<double>& series, int prominence_window,

@@ -3,7 +3,6 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <vector>
 
 namespace cvn {
@@ -39,17 +38,22 @@ struct PeakCandidates {
   std::vector<double> prominences;
 };
 
+/// detect_peaks' first screen: the absolute prominence threshold of a signal
+/// with this mean and population SD ...
+double prominence_threshold(double signal_mean, double signal_sd);
+/// ... which decides unless fewer than this many candidates pass it, one per
+/// 3 s of a signal of `signal_size` samples ...
+double required_peaks(std::size_t signal_size, double sample_rate);
+/// ... and otherwise the robust outlier score against the median and the
+/// median absolute deviation of all candidates' prominences.
+bool robust_prominence_passes(double prominence, double median, double mad);
+/// The second screen: a kept candidate's height against the mean and the
+/// population SD of all kept heights.
+bool amplitude_passes(double height, double height_mean, double height_sd);
+
 /// detect_peaks up to its screens; see there.
 PeakCandidates peak_candidates(const std::vector<double>& signal, double sample_rate,
                                double min_distance);
-
-/// The screens of detect_peaks over candidates from a signal of `signal_size`
-/// samples with the given mean and population SD; `heights` holds the
-/// signal's value at each candidate.
-std::vector<int32_t> screen_peaks(std::span<const int32_t> positions,
-                                  std::span<const double> prominences,
-                                  std::span<const double> heights, double signal_mean,
-                                  double signal_sd, std::size_t signal_size, double sample_rate);
 
 /// R-peak candidates of one polarity in a band-passed ECG, ascending: local
 /// maxima thinned to at least `min_distance` samples apart (tallest first),
