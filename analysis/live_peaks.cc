@@ -5,6 +5,7 @@
 
 #include "analysis/ecg.h"
 #include "analysis/numeric.h"
+#include "analysis/order_statistics.h"
 #include "analysis/peaks.h"
 #include "base/constants.h"
 
@@ -15,68 +16,6 @@ namespace {
 // find_r_peaks' minimum distance between two R-peaks, in samples.
 const double kMinDistance = std::floor(60.0 * kSampleRate / kMaxHeartRate);
 const auto kDistance = static_cast<int64_t>(kMinDistance);
-
-// The k-th smallest (from 0) of two ascending sequences together, read
-// through a(i) and b(j): O(log) reads.
-// REQUIRES: k < na + nb.
-template <class A, class B>
-double kth_of_two(const A& a, std::size_t na, const B& b, std::size_t nb, std::size_t k) {
-  // i values come from a and k + 1 - i from b; the least i whose next value
-  // from a is not below the last one taken from b.
-  std::size_t lo = k + 1 > nb ? k + 1 - nb : 0;
-  std::size_t hi = std::min(k + 1, na);
-  while (lo < hi) {
-    const std::size_t i = (lo + hi) / 2;
-    const std::size_t j = k + 1 - i;
-    if (j > 0 && a(i) < b(j - 1)) {
-      lo = i + 1;
-    } else {
-      hi = i;
-    }
-  }
-  const std::size_t j = k + 1 - lo;
-  if (lo == 0) return b(j - 1);
-  if (j == 0) return a(lo - 1);
-  return std::max(a(lo - 1), b(j - 1));
-}
-
-// median() of the values of two ascending sequences together, and median()
-// of their absolute deviations from it, without merging them: the
-// deviations ascend outwards from the median on either side, so they too
-// form two ascending sequences.
-void median_and_deviation(const std::vector<double>& a, const std::vector<double>& b,
-                          double* median, double* deviation) {
-  const std::size_t count = a.size() + b.size();
-  *median = *deviation = std::nan("");
-  if (count == 0) return;
-  auto from_a = [&](std::size_t i) { return a[i]; };
-  auto from_b = [&](std::size_t j) { return b[j]; };
-  auto value = [&](std::size_t k) { return kth_of_two(from_a, a.size(), from_b, b.size(), k); };
-  const std::size_t half = count / 2;
-  const double upper = value(half);
-  const double m = count % 2 == 1 ? upper : (value(half - 1) + upper) / 2.0;
-  const std::size_t split =
-      static_cast<std::size_t>(std::lower_bound(a.begin(), a.end(), m) - a.begin()) +
-      static_cast<std::size_t>(std::lower_bound(b.begin(), b.end(), m) - b.begin());
-  auto below = [&](std::size_t t) { return std::abs(value(split - 1 - t) - m); };
-  auto above = [&](std::size_t t) { return std::abs(value(split + t) - m); };
-  auto deviation_at = [&](std::size_t k) {
-    return kth_of_two(below, split, above, count - split, k);
-  };
-  const double d_upper = deviation_at(half);
-  *median = m;
-  *deviation = count % 2 == 1 ? d_upper : (deviation_at(half - 1) + d_upper) / 2.0;
-}
-
-// Final prominences wait in a short sorted list and join the long one in
-// batches, so that adding one does not move the long one each time.
-constexpr std::size_t kRecentMerge = 512;
-
-// Whether any value of an ascending sequence lies in [lo, hi].
-bool any_within(const std::vector<double>& sorted, double lo, double hi) {
-  auto at = std::lower_bound(sorted.begin(), sorted.end(), lo);
-  return at != sorted.end() && *at <= hi;
-}
 
 }  // namespace
 
@@ -101,7 +40,9 @@ void LivePeaks::feed(std::span<const double> samples) {
   std::size_t plausible[2] = {0, 0};
   std::vector<int32_t> upright = screen(0, mean, sd, &plausible[0]);
   std::vector<int32_t> inverted = screen(1, -mean, sd, &plausible[1]);
-  peaks_ = plausible[1] > plausible[0] ? std::move(inverted) : std::move(upright);
+  const int winner = plausible[1] > plausible[0] ? 1 : 0;
+  peaks_ = winner == 1 ? std::move(inverted) : std::move(upright);
+  settled_peaks_ = screens_[winner].peaks.size();
 }
 
 // ecg_bandpass' repair, done as samples arrive: a gap between finite samples
@@ -237,32 +178,22 @@ std::vector<int32_t> LivePeaks::screen(int polarity, double mean, double sd,
   const PolarityCandidates& c = candidates_[polarity];
   PolarityScreen& s = screens_[polarity];
   const std::size_t fresh = s.decided;
-  for (std::size_t k = fresh; k < c.final_count; ++k) {
-    s.recent.insert(std::upper_bound(s.recent.begin(), s.recent.end(), c.prominences[k]),
-                    c.prominences[k]);
-  }
-  if (s.recent.size() >= kRecentMerge) {
-    const auto middle = static_cast<std::ptrdiff_t>(s.sorted.size());
-    s.sorted.insert(s.sorted.end(), s.recent.begin(), s.recent.end());
-    std::inplace_merge(s.sorted.begin(), s.sorted.begin() + middle, s.sorted.end());
-    s.recent.clear();
-  }
+  for (std::size_t k = fresh; k < c.final_count; ++k) s.prominences.add(c.prominences[k]);
   // The recent final prominences and the provisional ones: a short list.
-  std::vector<double> pending(s.recent);
+  std::vector<double> pending(s.prominences.recent);
   pending.insert(pending.end(), c.prominences.begin() + static_cast<std::ptrdiff_t>(c.final_count),
                  c.prominences.end());
   std::sort(pending.begin(), pending.end());
-  auto moved_over = [&](double lo, double hi) {
-    return any_within(s.sorted, lo, hi) || any_within(s.recent, lo, hi);
-  };
+  auto moved_over = [&](double lo, double hi) { return s.prominences.any_within(lo, hi); };
 
   const double threshold = prominence_threshold(mean, sd);
   const auto above = static_cast<double>(
-      (s.sorted.end() - std::upper_bound(s.sorted.begin(), s.sorted.end(), threshold)) +
+      (s.prominences.sorted.end() -
+       std::upper_bound(s.prominences.sorted.begin(), s.prominences.sorted.end(), threshold)) +
       (pending.end() - std::upper_bound(pending.begin(), pending.end(), threshold)));
   const bool robust = !(above >= required_peaks(raw_.size(), kSampleRate));
   double m = 0.0, d = 0.0;
-  if (robust) median_and_deviation(s.sorted, pending, &m, &d);
+  if (robust) median_and_deviation(s.prominences.sorted, pending, &m, &d);
 
   bool rescan = !s.valid || robust != s.robust;
   if (!rescan && !robust) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "analysis/filter.h"
+#include "analysis/order_statistics.h"
 
 namespace cvn {
 
@@ -44,9 +45,7 @@ struct PolarityCandidates {
 /// the decisions on final candidates are redone only when the screens'
 /// bounds have moved across one of them.
 struct PolarityScreen {
-  // The final candidates' prominences, ascending: most in `sorted`, the
-  // latest in `recent`.
-  std::vector<double> sorted, recent;
+  SortedValues prominences;                  // of the final candidates
   std::vector<unsigned char> kept;           // per final candidate: passed the first screen
   std::size_t decided = 0;                   // final candidates with a decision
   double kept_sum = 0.0, kept_sum_sq = 0.0;  // their heights, in order
@@ -76,6 +75,9 @@ class LivePeaks {
   std::size_t sample_count() const { return raw_.size(); }
   /// find_r_peaks of everything fed so far.
   const std::vector<int32_t>& peaks() const { return peaks_; }
+  /// How many of peaks() come from final candidates: they change only when
+  /// a screen's bound moves over one of them.
+  std::size_t settled_peaks() const { return settled_peaks_; }
   /// The band-passed ECG so far (ecg_bandpass of everything fed).
   const std::vector<double>& filtered() const { return filtered_; }
   /// Samples of filtered() that are final.
@@ -102,6 +104,7 @@ class LivePeaks {
   PolarityCandidates candidates_[2];
   PolarityScreen screens_[2];
   std::vector<int32_t> peaks_;
+  std::size_t settled_peaks_ = 0;
   std::vector<double> scratch_;
 };
 
