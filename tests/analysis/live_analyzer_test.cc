@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -87,7 +88,8 @@ void expect_matches_whole(const LiveAnalyzer& live, const Series& ecg, double cy
 struct Case {
   const char* name;
   Series ecg;
-  bool spikes = false;  // the heart rate has spikes to remove
+  bool replaces = false;  // clean_rr replaces intervals
+  bool spikes = false;    // the heart rate has spikes to remove
 };
 
 // A steady 60 bpm of narrow pulses in a little noise, one beat early by 20
@@ -127,9 +129,9 @@ std::vector<Case> cases() {
   for (std::size_t i = 150000; i < 150400; ++i) rough[i] += noise(rng);
   std::fill(rough.end() - 250, rough.end(), std::numeric_limits<double>::quiet_NaN());
   return {{"sample, 30 min", tiled("Sample 1.txt", 30)},
-          {"second sample, 20 min", tiled("Sample 2.txt", 20)},
-          {"lost, flat and noisy stretches", rough},
-          {"steady rhythm, one early beat", steady_with_early_beat(15), true}};
+          {"second sample, 20 min", tiled("Sample 2.txt", 20), true},
+          {"lost, flat and noisy stretches", rough, true},
+          {"steady rhythm, one early beat", steady_with_early_beat(15), false, true}};
 }
 
 TEST(LiveAnalyzer, FedInPiecesMatchesTheWholeRecording) {
@@ -139,12 +141,23 @@ TEST(LiveAnalyzer, FedInPiecesMatchesTheWholeRecording) {
     feed_in_pieces(live, c.ecg, 16.0);
     ASSERT_EQ(live.sample_count(), c.ecg.size());
     expect_matches_whole(live, c.ecg, 16.0);
-    std::size_t replaced = 0;
-    for (auto m : live.corrected()) replaced += m;
-    std::size_t nan_scores = 0;
-    for (double v : live.scores()) nan_scores += std::isnan(v);
-    if (c.spikes) EXPECT_TRUE(has_blanks(live)) << "the case should exercise the spike removal";
+    // What each case is there for.
+    const bool replaced = std::count(live.corrected().begin(), live.corrected().end(), 1) > 0;
+    EXPECT_EQ(replaced, c.replaces);
+    EXPECT_EQ(has_blanks(live), c.spikes);
   }
+}
+
+// A resonance assessment changes the cycle at each step; the score series is
+// then that of the new cycle throughout, as live_cvn_scores gives it.
+TEST(LiveAnalyzer, ANewCycleLengthRescoresTheWholeSeries) {
+  const Series ecg = tiled("Sample 1.txt", 6);
+  LiveAnalyzer live;
+  const Series first(ecg.begin(), ecg.begin() + 4 * 60 * 130);
+  feed_in_pieces(live, first, 16.0);
+  live.feed(std::span<const double>(ecg).subspan(first.size()), 10.0);
+  EXPECT_EQ(live.scores_changed_from(), 0u);
+  expect_matches_whole(live, ecg, 10.0);
 }
 
 }  // namespace
