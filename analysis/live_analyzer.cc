@@ -9,29 +9,18 @@
 #include "analysis/numeric.h"
 #include "analysis/order_statistics.h"
 #include "analysis/peaks.h"
+#include "analysis/rr.h"
 #include "base/constants.h"
 
 namespace cvn {
 
 namespace {
 
-// clean_rr's rules (analysis/rr.h): statistics over the plausible intervals,
-// and the limit of the robust score for a steady or a variable rhythm.
-constexpr double kMinPlausibleRr = 0.2;
-constexpr double kMaxPlausibleRr = 2.0;
-constexpr double kSteadyVariance = 0.01;
-constexpr double kSteadyLimit = 5.0;
-constexpr double kVariableLimit = 3.0;
-
 // The Hann window of hann_smooth reaches 5 points back and 4 ahead.
 constexpr std::size_t kSmoothReach = 5;
 // A spike's score must reach kHrArtefactMinProminence SD; points a little
 // closer to the mean are looked at too, for the rounding of the bound.
 constexpr double kSpikeSearchSd = kHrArtefactMinProminence * (1.0 - 1e-9);
-
-bool plausible(double r) {
-  return r > kMinPlausibleRr && r < kMaxPlausibleRr;
-}
 
 // The values of an ascending sequence inside (kMinPlausibleRr, kMaxPlausibleRr).
 std::span<const double> plausible_part(const std::vector<double>& sorted) {
@@ -90,7 +79,7 @@ std::size_t LiveAnalyzer::clean(std::size_t changed) {
   for (; settled_ < settle; ++settled_) {
     const double r = intervals_[settled_];
     settled_values_.add(r);
-    if (!plausible(r)) continue;
+    if (!plausible_rr(r)) continue;
     settled_sum_ += r;
     settled_sum_sq_ += r * r;
     ++settled_plausible_;
@@ -100,7 +89,7 @@ std::size_t LiveAnalyzer::clean(std::size_t changed) {
   double sum = settled_sum_, sum_sq = settled_sum_sq_;
   std::size_t count = settled_plausible_;
   for (double r : pending) {
-    if (!plausible(r)) continue;
+    if (!plausible_rr(r)) continue;
     sum += r;
     sum_sq += r * r;
     ++count;
@@ -115,11 +104,8 @@ std::size_t LiveAnalyzer::clean(std::size_t changed) {
   median_and_deviation(plausible_part(settled_values_.sorted), small, &m, &d);
   const double mean = sum / static_cast<double>(count);
   const double variance = sum_sq / static_cast<double>(count) - mean * mean;
-  const double limit = variance <= kSteadyVariance ? kSteadyLimit : kVariableLimit;
-
-  auto is_outlier = [&](double r) {
-    return !std::isfinite(r) || std::abs(kMadToSd * (r - m) / d) > limit;
-  };
+  const double limit = rr_outlier_limit(variance);
+  auto is_outlier = [&](double r) { return rr_outlier(r, m, d, limit); };
   // An outlier lies beyond median ± limit · MAD / kMadToSd; a verdict can
   // change only for an interval between an old and a new bound.
   bool rescan = !rules_valid_ || limit != limit_ || !(d > 0.0) || !(mad_ > 0.0);
@@ -135,13 +121,23 @@ std::size_t LiveAnalyzer::clean(std::size_t changed) {
   mad_ = d;
   limit_ = limit;
 
-  std::size_t first_change = rescan ? 0 : std::min(changed, outlier_.size());
-  const std::size_t from = first_change;
-  for (std::size_t i = from; i < outlier_.size(); ++i) outliers_ -= outlier_[i];
-  outlier_.resize(from);
+  // Verdicts are redone for every interval not settled (their values are
+  // not among settled_values_), and for all after a rescan; the cleaned
+  // series changes from the first interval or verdict that differs.
+  const std::size_t from = rescan ? 0 : std::min({changed, outlier_.size(), settled_});
+  std::size_t first_change = std::min(changed, outlier_.size());
+  for (std::size_t i = n; i < outlier_.size(); ++i) outliers_ -= outlier_[i];
+  outlier_.resize(std::min(outlier_.size(), n));
   for (std::size_t i = from; i < n; ++i) {
-    outlier_.push_back(d == 0.0 ? 0 : is_outlier(intervals_[i]));
-    outliers_ += outlier_.back();
+    const unsigned char verdict = d == 0.0 ? 0 : is_outlier(intervals_[i]);
+    if (i == outlier_.size()) {
+      outlier_.push_back(0);
+    } else if (outlier_[i] != verdict) {
+      first_change = std::min(first_change, i);
+    }
+    outliers_ += verdict;
+    outliers_ -= outlier_[i];
+    outlier_[i] = verdict;
   }
 
   // clean_rr returns its input when nothing (or everything) is an outlier.

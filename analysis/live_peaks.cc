@@ -14,7 +14,7 @@ namespace cvn {
 namespace {
 
 // find_r_peaks' minimum distance between two R-peaks, in samples.
-const double kMinDistance = std::floor(60.0 * kSampleRate / kMaxHeartRate);
+const double kMinDistance = min_peak_distance(kSampleRate, kMaxHeartRate);
 const auto kDistance = static_cast<int64_t>(kMinDistance);
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <random>
 #include <string>
 
+#include "analysis/ecg.h"
 #include "analysis/filter.h"
 #include "analysis/heart_rate.h"
 #include "analysis/live_score.h"
@@ -78,7 +79,8 @@ void expect_matches_whole(const LiveAnalyzer& live, const Series& ecg, double cy
   for (int polarity = 0; polarity < 2; ++polarity) {
     if (polarity == 1)
       for (double& v : filtered) v = -v;
-    const PeakCandidates c = peak_candidates(filtered, kSampleRate, 26.0);
+    const PeakCandidates c =
+        peak_candidates(filtered, kSampleRate, min_peak_distance(kSampleRate, kMaxHeartRate));
     const PolarityCandidates& mine = live.detector().candidates(polarity);
     ASSERT_EQ(mine.positions, c.positions) << "polarity " << polarity;
     expect_close(mine.prominences, c.prominences, 1e-9, "prominence");
