@@ -17,7 +17,7 @@ namespace cvn {
 /// that is final itself (finite). The backward pass of the zero-phase filter
 /// starts at the recording's end; its slowest pole has radius 0.918 (the last
 /// section of kEcgBandPass), so a different start has shrunk to 0.918^650 ≈
-/// 7e-25 of its size here: below the rounding of a double, with room for the
+/// 1e-24 of its size here: below the rounding of a double, with room for the
 /// cascade's four sections feeding each other. Five seconds of ECG.
 inline constexpr std::size_t kFilterSettleSamples = 650;
 

@@ -181,9 +181,9 @@ AnalysisInput SessionState::analysis_input(std::uint64_t session, std::size_t fr
   PacerPosition p;
   const BreathingSettings b = breathing_now(&p);
   const auto count = static_cast<std::size_t>(sample_count());
-  // An assessment's live score follows the step's breath, not a rounded sum.
   if (session != session_ || from > count) from = 0;
   const std::vector<double>& all = mode_ == Mode::kReplay ? replay_samples_ : live_samples_;
+  // An assessment's live score follows the step's breath, not a rounded sum.
   AnalysisInput in{{}, from, schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
   if (mode_ == Mode::kReplay || mode_ == Mode::kLive)
     in.samples.assign(all.begin() + static_cast<std::ptrdiff_t>(from),
