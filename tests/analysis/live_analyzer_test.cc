@@ -130,10 +130,13 @@ std::vector<Case> cases() {
   std::normal_distribution<double> noise(0.0, 900.0);
   for (std::size_t i = 150000; i < 150400; ++i) rough[i] += noise(rng);
   std::fill(rough.end() - 250, rough.end(), std::numeric_limits<double>::quiet_NaN());
+  Series late = tiled("Sample 1.txt", 5);
+  std::fill(late.begin(), late.begin() + 100, std::numeric_limits<double>::quiet_NaN());
   return {{"sample, 30 min", tiled("Sample 1.txt", 30)},
           {"second sample, 20 min", tiled("Sample 2.txt", 20), true},
           {"lost, flat and noisy stretches", rough, true},
-          {"steady rhythm, one early beat", steady_with_early_beat(15), false, true}};
+          {"steady rhythm, one early beat", steady_with_early_beat(15), false, true},
+          {"nothing in the first 100 samples", late}};
 }
 
 TEST(LiveAnalyzer, FedInPiecesMatchesTheWholeRecording) {
