@@ -18,8 +18,7 @@ constexpr double kVoteMaxInterval = 1.5;
 std::size_t plausible_intervals(const std::vector<int32_t>& peaks, double sample_rate) {
   std::size_t count = 0;
   for (std::size_t k = 1; k < peaks.size(); ++k) {
-    const double interval = static_cast<double>(peaks[k] - peaks[k - 1]) / sample_rate;
-    if (interval >= kVoteMinInterval && interval <= kVoteMaxInterval) ++count;
+    if (counts_for_polarity(peaks[k - 1], peaks[k], sample_rate)) ++count;
   }
   return count;
 }
@@ -30,7 +29,7 @@ std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_
                                   int max_heart_rate) {
   if (!(sample_rate > 0.0) || !std::isfinite(sample_rate) || max_heart_rate <= 0) return {};
   std::vector<double> filtered = ecg_bandpass(ecg);
-  const double min_distance = std::floor(60.0 * sample_rate / max_heart_rate);
+  const double min_distance = min_peak_distance(sample_rate, max_heart_rate);
 
   std::vector<int32_t> upright = detect_peaks(filtered, sample_rate, min_distance);
   for (double& v : filtered) v = -v;
@@ -40,6 +39,15 @@ std::vector<int32_t> find_r_peaks(const std::vector<double>& ecg, double sample_
     return inverted;
   }
   return upright;
+}
+
+double min_peak_distance(double sample_rate, int max_heart_rate) {
+  return std::floor(60.0 * sample_rate / max_heart_rate);
+}
+
+bool counts_for_polarity(int32_t from, int32_t to, double sample_rate) {
+  const double interval = static_cast<double>(to - from) / sample_rate;
+  return interval >= kVoteMinInterval && interval <= kVoteMaxInterval;
 }
 
 std::vector<double> peak_intervals(const std::vector<int32_t>& peaks, double sample_rate) {

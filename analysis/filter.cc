@@ -11,10 +11,6 @@ namespace cvn {
 
 namespace {
 
-// Padding long enough for the start-up transient of a 4-section cascade:
-// three times the 9 taps of the combined 8th-order filter.
-constexpr int kEcgPadLength = 6 * static_cast<int>(kEcgBandPass.size()) + 3;
-
 // Transposed direct form II state of one section after a unit step has been
 // applied forever, scaled by the DC gain of the sections before it (a
 // band-pass has DC gain 0, so every section after the first starts at rest).
@@ -33,16 +29,17 @@ StepState unit_step_state(const Biquad& q, double upstream_gain) {
 }
 
 // Runs `K` consecutive sections over `count` samples starting at `data`,
-// stepping by `stride` (+1 forward, -1 backward), in place. Each section's
-// recursion is a serial chain; running K of them per sample lets the CPU
-// overlap the chains. The arithmetic per section is the same for any K.
+// stepping by `stride` (+1 forward, -1 backward), in place, from and back into
+// the states `z0`, `z1`. Each section's recursion is a serial chain; running K
+// of them per sample lets the CPU overlap the chains. The arithmetic per
+// section is the same for any K.
 template <int K>
-void run_sections(const Biquad* q, const StepState* start, double x0, double* data,
-                  std::ptrdiff_t count, std::ptrdiff_t stride) {
+void run_sections(const Biquad* q, double* z0_io, double* z1_io, double* data, std::ptrdiff_t count,
+                  std::ptrdiff_t stride) {
   double z0[K], z1[K];
   for (int s = 0; s < K; ++s) {
-    z0[s] = start[s].z0 * x0;
-    z1[s] = start[s].z1 * x0;
+    z0[s] = z0_io[s];
+    z1[s] = z1_io[s];
   }
   double* p = data;
   for (std::ptrdiff_t i = 0; i < count; ++i, p += stride) {
@@ -55,29 +52,37 @@ void run_sections(const Biquad* q, const StepState* start, double x0, double* da
     }
     *p = x;
   }
-}
-
-// One pass of the whole cascade; every section starts from its step state
-// scaled by the pass's first input sample.
-void run_pass(std::span<const Biquad> sections, std::vector<StepState>& start, double* data,
-              std::ptrdiff_t count, std::ptrdiff_t stride) {
-  const double x0 = data[0];
-  double upstream_gain = 1.0;
-  for (std::size_t s = 0; s < sections.size(); ++s) {
-    const Biquad& q = sections[s];
-    start[s] = unit_step_state(q, upstream_gain);
-    upstream_gain *= (q.b0 + q.b1 + q.b2) / (1.0 + q.a1 + q.a2);
+  for (int s = 0; s < K; ++s) {
+    z0_io[s] = z0[s];
+    z1_io[s] = z1[s];
   }
-  constexpr int kGroup = 4;  // the ECG band-pass in one sweep
-  std::size_t s = 0;
-  for (; s + kGroup <= sections.size(); s += kGroup) {
-    run_sections<kGroup>(&sections[s], &start[s], x0, data, count, stride);
-  }
-  for (; s < sections.size(); ++s)
-    run_sections<1>(&sections[s], &start[s], x0, data, count, stride);
 }
 
 }  // namespace
+
+SosState sos_pass_start(std::span<const Biquad> sections, double x0) {
+  SosState state{std::vector<double>(sections.size()), std::vector<double>(sections.size())};
+  double upstream_gain = 1.0;
+  for (std::size_t s = 0; s < sections.size(); ++s) {
+    const Biquad& q = sections[s];
+    const StepState start = unit_step_state(q, upstream_gain);
+    state.z0[s] = start.z0 * x0;
+    state.z1[s] = start.z1 * x0;
+    upstream_gain *= (q.b0 + q.b1 + q.b2) / (1.0 + q.a1 + q.a2);
+  }
+  return state;
+}
+
+void sos_pass_run(std::span<const Biquad> sections, SosState& state, double* data,
+                  std::ptrdiff_t count, std::ptrdiff_t stride) {
+  constexpr int kGroup = 4;  // the ECG band-pass in one sweep
+  std::size_t s = 0;
+  for (; s + kGroup <= sections.size(); s += kGroup) {
+    run_sections<kGroup>(&sections[s], &state.z0[s], &state.z1[s], data, count, stride);
+  }
+  for (; s < sections.size(); ++s)
+    run_sections<1>(&sections[s], &state.z0[s], &state.z1[s], data, count, stride);
+}
 
 std::vector<double> sos_filtfilt(const std::vector<double>& signal,
                                  std::span<const Biquad> sections, int pad_length) {
@@ -95,9 +100,10 @@ std::vector<double> sos_filtfilt(const std::vector<double>& signal,
   std::copy(signal.begin(), signal.end(), ext.begin() + static_cast<std::ptrdiff_t>(pad));
 
   const auto len = static_cast<std::ptrdiff_t>(ext.size());
-  std::vector<StepState> start(sections.size());
-  run_pass(sections, start, ext.data(), len, 1);
-  run_pass(sections, start, ext.data() + len - 1, len, -1);
+  SosState forward = sos_pass_start(sections, ext.front());
+  sos_pass_run(sections, forward, ext.data(), len, 1);
+  SosState backward = sos_pass_start(sections, ext.back());
+  sos_pass_run(sections, backward, ext.data() + len - 1, len, -1);
 
   return std::vector<double>(ext.begin() + static_cast<std::ptrdiff_t>(pad),
                              ext.begin() + static_cast<std::ptrdiff_t>(pad + n));

@@ -1,6 +1,7 @@
 // Zero-phase band-pass filtering of the 130 Hz ECG.
 #pragma once
 #include <array>
+#include <cstddef>
 #include <span>
 #include <vector>
 
@@ -20,6 +21,26 @@ inline constexpr std::array<Biquad, 4> kEcgBandPass = {{
     {1.0, 0.0, -1.0, -1.5616015099547143, 0.6175958376867865},
     {1.0, 0.0, -1.0, -1.7886122465967813, 0.843498386699437},
 }};
+
+/// Odd padding of the ECG band-pass at each end: three times the 9 taps of
+/// the combined 8th-order filter, long enough for its start-up transient.
+inline constexpr int kEcgPadLength = 6 * static_cast<int>(kEcgBandPass.size()) + 3;
+
+/// One pass through a cascade that goes on as samples arrive: the transposed
+/// direct form II state, two numbers per section.
+struct SosState {
+  std::vector<double> z0, z1;
+};
+
+/// The state a pass of sos_filtfilt starts in when its first input is `x0`:
+/// every section in its steady state for a step of that height.
+SosState sos_pass_start(std::span<const Biquad> sections, double x0);
+
+/// Runs `count` samples from `data` (stepping by `stride`, +1 or -1) through
+/// the cascade in place, carrying `state` on. The arithmetic is sos_filtfilt's,
+/// so a pass split into pieces gives the same numbers as one run.
+void sos_pass_run(std::span<const Biquad> sections, SosState& state, double* data,
+                  std::ptrdiff_t count, std::ptrdiff_t stride);
 
 /// Forward-backward (zero-phase) filtering through `sections`. The signal is
 /// extended at both ends by odd reflection of `pad_length` samples (at most

@@ -18,12 +18,6 @@ constexpr double kGridEndTolerance = 1e-12;
 constexpr int kHannTaps = 10;
 // Points mirrored onto each end before smoothing, without the end point.
 constexpr int kMirrorPoints = 10;
-// Shortest grid that can be mirrored with kMirrorPoints on each side.
-constexpr std::size_t kMinSmoothedGrid = 12;
-// Spikes are judged against the surrounding 5 s (50 grid points) ...
-constexpr int kArtefactWindow = 50;
-// ... and must rise 4 SD of the whole series above their bases.
-constexpr double kArtefactMinProminence = 4.0;
 
 std::array<double, kHannTaps> normalised_hann() {
   std::array<double, kHannTaps> w{};
@@ -36,9 +30,11 @@ std::array<double, kHannTaps> normalised_hann() {
   return w;
 }
 
+}  // namespace
+
 // Centred convolution of the mirror-extended series with the Hann window;
 // output i is sum_j extended[j] * w[i + 4 - j], ends of the extension dropped.
-std::vector<double> smooth(const std::vector<double>& grid) {
+std::vector<double> hann_smooth(const std::vector<double>& grid) {
   const std::size_t n = grid.size();
   std::vector<double> ext(n + 2 * kMirrorPoints);
   for (int k = 0; k < kMirrorPoints; ++k) {
@@ -61,7 +57,17 @@ std::vector<double> smooth(const std::vector<double>& grid) {
   return out;
 }
 
-}  // namespace
+double rate_at(const std::vector<double>& beat_time, const std::vector<double>& rate, double t) {
+  if (!(t > beat_time.front())) return rate.front();
+  if (!(t < beat_time.back())) return rate.back();
+  // beat_time[j] <= t < beat_time[j + 1]. As t lies strictly between the
+  // first and last beat times, j and j + 1 stay in range even if bad
+  // intervals left the times unsorted.
+  const std::size_t j = static_cast<std::size_t>(
+      std::upper_bound(beat_time.begin(), beat_time.end(), t) - beat_time.begin() - 1);
+  const double slope = (rate[j + 1] - rate[j]) / (beat_time[j + 1] - beat_time[j]);
+  return slope * (t - beat_time[j]) + rate[j];
+}
 
 std::vector<double> time_grid(std::size_t sample_count, double sample_rate, double step) {
   if (!(sample_rate > 0.0) || !std::isfinite(sample_rate) || !(step > 0.0) ||
@@ -101,23 +107,9 @@ std::vector<double> regular_hr(const std::vector<double>& rr, std::size_t sample
   for (std::size_t k = 0; k < rr.size(); ++k) beat_time[k + 1] = beat_time[k] + rr[k];
 
   std::vector<double> hr = time_grid(sample_count, sample_rate, kHrGridStep);
-  for (double& t : hr) {
-    if (!(t > beat_time.front())) {
-      t = rate.front();
-    } else if (!(t < beat_time.back())) {
-      t = rate.back();
-    } else {
-      // beat_time[j] <= t < beat_time[j + 1]. As t lies strictly between the
-      // first and last beat times, j and j + 1 stay in range even if bad
-      // intervals left the times unsorted.
-      const std::size_t j = static_cast<std::size_t>(
-          std::upper_bound(beat_time.begin(), beat_time.end(), t) - beat_time.begin() - 1);
-      const double slope = (rate[j + 1] - rate[j]) / (beat_time[j + 1] - beat_time[j]);
-      t = slope * (t - beat_time[j]) + rate[j];
-    }
-  }
+  for (double& t : hr) t = rate_at(beat_time, rate, t);
   if (hr.size() < kMinSmoothedGrid) return hr;
-  return remove_artefacts(smooth(hr), kArtefactWindow, kArtefactMinProminence);
+  return remove_artefacts(hann_smooth(hr), kHrArtefactWindow, kHrArtefactMinProminence);
 }
 
 }  // namespace cvn

@@ -21,6 +21,24 @@ std::vector<double> time_grid(std::size_t sample_count, double sample_rate, doub
 /// one included, has a rate. Empty when `rr` is empty.
 std::vector<double> beat_rates(const std::vector<double>& rr);
 
+/// A grid shorter than this is too short to mirror for smoothing.
+inline constexpr std::size_t kMinSmoothedGrid = 12;
+/// Spikes are judged against the surrounding 5 s (50 grid points) ...
+inline constexpr int kHrArtefactWindow = 50;
+/// ... and must rise 4 SD of the whole series above their bases.
+inline constexpr double kHrArtefactMinProminence = 4.0;
+
+/// The rate at time `t` linearly interpolated between beats (regular_hr's
+/// rule): the first rate up to the first beat, the last from the last beat.
+/// REQUIRES: `beat_time` and `rate` of the same nonzero length.
+double rate_at(const std::vector<double>& beat_time, const std::vector<double>& rate, double t);
+
+/// regular_hr's smoothing of its grid values: an 8-point Hann window over the
+/// series mirror-extended by 10 points at each end. Output p depends on the
+/// points p - 5 .. p + 4 only (and the mirror near the ends).
+/// REQUIRES: at least kMinSmoothedGrid points.
+std::vector<double> hann_smooth(const std::vector<double>& grid);
+
 /// Heart rate in beats per minute (60 / RR) on the kHrGridStep grid of
 /// time_grid: interpolated between beat times (the first beat at 0 s),
 /// smoothed by an 8-point Hann window over a mirror-extended series, and

@@ -59,10 +59,10 @@ double score_of_fit(double r) {
   return r > kNeutralFit ? (r - kNeutralFit) / (1.0 - kNeutralFit) : r / kNeutralFit - 1.0;
 }
 
-// Beat times (s) and their intervals (ms), up to the first interval that is
-// not a positive finite number or that makes the time overflow.
-void beats_from_rr(const std::vector<double>& rr, std::vector<double>& time,
-                   std::vector<double>& interval_ms) {
+}  // namespace
+
+void live_score_beats(const std::vector<double>& rr, std::vector<double>& time,
+                      std::vector<double>& interval_ms) {
   time.reserve(rr.size());
   interval_ms.reserve(rr.size());
   double sum_ms = 0.0;
@@ -75,7 +75,56 @@ void beats_from_rr(const std::vector<double>& rr, std::vector<double>& time,
   }
 }
 
-}  // namespace
+double live_score_interval_at(const std::vector<double>& time,
+                              const std::vector<double>& interval_ms, double t) {
+  if (time.empty() || t < time.front() || t > time.back()) return kNaN;
+  if (t == time.back()) return interval_ms.back();
+  // time[k] <= t < time[k + 1]
+  const auto k =
+      static_cast<std::size_t>(std::upper_bound(time.begin(), time.end(), t) - time.begin() - 1);
+  const double slope = (interval_ms[k + 1] - interval_ms[k]) / (time[k + 1] - time[k]);
+  return slope * (t - time[k]) + interval_ms[k];
+}
+
+double live_score_of_window(const std::vector<double>& value, const std::vector<double>& sine,
+                            const std::vector<double>& cosine, std::size_t begin,
+                            std::size_t valid_end, std::size_t i, const RegressorTotals& totals) {
+  // Intervals are taken relative to the window's first one: an exactly
+  // constant window then sums to exact zeros (and scores NaN), and the
+  // one-pass sums keep their precision.
+  const double ref = value[begin];
+  double sum_d = 0.0, sum_dd = 0.0, sum_sd = 0.0, sum_cd = 0.0;
+  for (std::size_t j = begin; j < valid_end; ++j) {
+    const double d = value[j] - ref;
+    sum_d += d;
+    sum_dd += d * d;
+    sum_sd += sine[j] * d;
+    sum_cd += cosine[j] * d;
+  }
+  // Past the last beat the intervals are missing; only the last windows.
+  double sum_s_valid = totals.s;
+  double sum_c_valid = totals.c;
+  if (valid_end < i) {
+    sum_s_valid = sum_c_valid = 0.0;
+    for (std::size_t j = begin; j < valid_end; ++j) {
+      sum_s_valid += sine[j];
+      sum_c_valid += cosine[j];
+    }
+  }
+  // With h = d - mean(d) on valid points and 0 elsewhere, sum(h) = 0, so
+  // the centring of the regressors drops out of the cross sums.
+  const double count = static_cast<double>(valid_end - begin);
+  const double points = static_cast<double>(i - begin);
+  const double mean_d = sum_d / count;
+  const double hh = sum_dd - mean_d * sum_d;
+  const double sh = sum_sd - mean_d * sum_s_valid;
+  const double ch = sum_cd - mean_d * sum_c_valid;
+  const double ss = totals.ss - totals.s * totals.s / points;
+  const double cc = totals.cc - totals.c * totals.c / points;
+  const double r_s = sh / std::sqrt(ss * hh);
+  const double r_c = ch / std::sqrt(cc * hh);
+  return score_of_fit(std::sqrt(r_s * r_s + r_c * r_c));
+}
 
 std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t sample_count,
                                     double cycle_seconds, double sample_rate, int cycles_per_window,
@@ -98,7 +147,7 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
 
   std::vector<double> beat_time;
   std::vector<double> beat_ms;
-  beats_from_rr(rr, beat_time, beat_ms);
+  live_score_beats(rr, beat_time, beat_ms);
   if (beat_time.empty()) return scores;
 
   // Intervals on the grid; valid exactly on [first, last_valid] since the
@@ -109,15 +158,7 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
   for (std::size_t j = 0; j < g; ++j) {
     const double t = grid[j];
     if (t < beat_time.front() || t > beat_time.back()) continue;
-    if (t == beat_time.back()) {
-      value[j] = beat_ms.back();
-    } else {
-      // beat_time[k] <= t < beat_time[k + 1]
-      const auto k = static_cast<std::size_t>(
-          std::upper_bound(beat_time.begin(), beat_time.end(), t) - beat_time.begin() - 1);
-      const double slope = (beat_ms[k + 1] - beat_ms[k]) / (beat_time[k + 1] - beat_time[k]);
-      value[j] = slope * (t - beat_time[k]) + beat_ms[k];
-    }
+    value[j] = live_score_interval_at(beat_time, beat_ms, t);
     first = std::min(first, j);
     end_valid = j + 1;
   }
@@ -137,43 +178,9 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
     const std::size_t valid_end = std::min(i, end_valid);
     if (begin >= valid_end) continue;  // no interval in the window
     window_sums.move_to(begin, i);
-
-    // Intervals are taken relative to the window's first one: an exactly
-    // constant window then sums to exact zeros (and scores NaN), and the
-    // one-pass sums keep their precision.
-    const double ref = value[begin];
-    double sum_d = 0.0, sum_dd = 0.0, sum_sd = 0.0, sum_cd = 0.0;
-    for (std::size_t j = begin; j < valid_end; ++j) {
-      const double d = value[j] - ref;
-      sum_d += d;
-      sum_dd += d * d;
-      sum_sd += sine[j] * d;
-      sum_cd += cosine[j] * d;
-    }
-    // Past the last beat the intervals are missing; only the last windows.
-    double sum_s_valid = window_sums.s;
-    double sum_c_valid = window_sums.c;
-    if (valid_end < i) {
-      sum_s_valid = sum_c_valid = 0.0;
-      for (std::size_t j = begin; j < valid_end; ++j) {
-        sum_s_valid += sine[j];
-        sum_c_valid += cosine[j];
-      }
-    }
-
-    // With h = d - mean(d) on valid points and 0 elsewhere, sum(h) = 0, so
-    // the centring of the regressors drops out of the cross sums.
-    const double count = static_cast<double>(valid_end - begin);
-    const double points = static_cast<double>(i - begin);
-    const double mean_d = sum_d / count;
-    const double hh = sum_dd - mean_d * sum_d;
-    const double sh = sum_sd - mean_d * sum_s_valid;
-    const double ch = sum_cd - mean_d * sum_c_valid;
-    const double ss = window_sums.ss - window_sums.s * window_sums.s / points;
-    const double cc = window_sums.cc - window_sums.c * window_sums.c / points;
-    const double r_s = sh / std::sqrt(ss * hh);
-    const double r_c = ch / std::sqrt(cc * hh);
-    scores[i] = score_of_fit(std::sqrt(r_s * r_s + r_c * r_c));
+    scores[i] =
+        live_score_of_window(value, sine, cosine, begin, valid_end, i,
+                             {window_sums.s, window_sums.c, window_sums.ss, window_sums.cc});
   }
   return scores;
 }

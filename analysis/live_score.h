@@ -37,4 +37,27 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
                                     int cycles_per_window = kLiveScoreCycles,
                                     double grid_step = kLiveScoreStep);
 
+/// The beats live_cvn_scores places: time (s) of beat k as the running sum
+/// of rr[0..k] in ms over 1000, and its interval in ms, up to the first
+/// interval that is not positive and finite.
+void live_score_beats(const std::vector<double>& rr, std::vector<double>& time,
+                      std::vector<double>& interval_ms);
+
+/// The interval (ms) at grid time `t` between those beats; NaN outside them.
+double live_score_interval_at(const std::vector<double>& time,
+                              const std::vector<double>& interval_ms, double t);
+
+/// Sums of the sine and cosine regressors and their squares over a window.
+struct RegressorTotals {
+  double s = 0.0, c = 0.0, ss = 0.0, cc = 0.0;
+};
+
+/// Score i of live_cvn_scores: the window [begin, i) of the grid's intervals
+/// `value`, valid on [begin, valid_end), against `sine` and `cosine` of the
+/// grid times, whose sums over [begin, i) are `totals`.
+/// REQUIRES: begin < valid_end <= i <= value.size().
+double live_score_of_window(const std::vector<double>& value, const std::vector<double>& sine,
+                            const std::vector<double>& cosine, std::size_t begin,
+                            std::size_t valid_end, std::size_t i, const RegressorTotals& totals);
+
 }  // namespace cvn

@@ -121,10 +121,11 @@ std::vector<PeakProminence> peak_prominences(const std::vector<double>& signal,
   return result;
 }
 
-std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double sample_rate,
-                                  double min_distance) {
-  const std::vector<int32_t> maxima = local_maxima(signal);
-  if (maxima.empty()) return {};
+PeakCandidates peak_candidates(const std::vector<double>& signal, double sample_rate,
+                               double min_distance) {
+  PeakCandidates c;
+  c.maxima = local_maxima(signal);
+  if (c.maxima.empty()) return c;
 
   const double n = static_cast<double>(signal.size());
   // Distances count whole samples; below one (or NaN) means one, and beyond
@@ -132,8 +133,7 @@ std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double samp
   double distance = std::ceil(min_distance);
   if (!(distance >= 1.0)) distance = 1.0;
   distance = std::min(distance, n);
-  const std::vector<int32_t> survivors =
-      select_by_distance(signal, maxima, static_cast<int64_t>(distance));
+  c.positions = select_by_distance(signal, c.maxima, static_cast<int64_t>(distance));
 
   // A window too large for an int reaches past any signal: search it all.
   const double window_samples = kProminenceWindowSeconds * sample_rate;
@@ -141,40 +141,80 @@ std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double samp
                              window_samples <= static_cast<double>(std::numeric_limits<int>::max())
                          ? static_cast<int>(std::ceil(window_samples))
                          : 0;
-  const std::vector<PeakProminence> prominences = peak_prominences(signal, survivors, window);
+  const std::vector<PeakProminence> prominences = peak_prominences(signal, c.positions, window);
+  c.prominences.resize(prominences.size());
+  for (std::size_t k = 0; k < prominences.size(); ++k) c.prominences[k] = prominences[k].prominence;
+  return c;
+}
 
-  const double threshold = mean(signal) + kAbsoluteThresholdSd * population_std(signal);
-  const double required = std::ceil(n / (kMinSecondsPerBeat * sample_rate));
-  std::vector<int32_t> kept;
-  kept.reserve(survivors.size());
-  for (std::size_t k = 0; k < survivors.size(); ++k) {
-    if (prominences[k].prominence > threshold) kept.push_back(survivors[k]);
+double prominence_threshold(double signal_mean, double signal_sd) {
+  return signal_mean + kAbsoluteThresholdSd * signal_sd;
+}
+
+double required_peaks(std::size_t signal_size, double sample_rate) {
+  return std::ceil(static_cast<double>(signal_size) / (kMinSecondsPerBeat * sample_rate));
+}
+
+bool robust_prominence_passes(double prominence, double median, double mad) {
+  const double score = std::abs(kMadToSd * (prominence - median) / mad);
+  return score > kMinRobustScore && score < kMaxRobustScore;
+}
+
+bool amplitude_passes(double height, double height_mean, double height_sd) {
+  const double z = (height - height_mean) / height_sd;
+  return z >= kMinAmplitudeZ && z < kMaxAmplitudeZ;
+}
+
+namespace {
+
+// The screens of detect_peaks over candidates from a signal of `signal_size`
+// samples with the given mean and population SD; `heights` holds the signal's
+// value at each candidate.
+std::vector<int32_t> screen_peaks(const PeakCandidates& c, const std::vector<double>& heights,
+                                  double signal_mean, double signal_sd, std::size_t signal_size,
+                                  double sample_rate) {
+  const std::vector<int32_t>& positions = c.positions;
+  const std::vector<double>& prominences = c.prominences;
+  if (positions.empty()) return {};
+  const double threshold = prominence_threshold(signal_mean, signal_sd);
+  std::vector<std::size_t> kept;
+  kept.reserve(positions.size());
+  for (std::size_t k = 0; k < positions.size(); ++k) {
+    if (prominences[k] > threshold) kept.push_back(k);
   }
 
-  if (!(static_cast<double>(kept.size()) >= required)) {
+  if (!(static_cast<double>(kept.size()) >= required_peaks(signal_size, sample_rate))) {
     kept.clear();
-    std::vector<double> values(prominences.size());
-    for (std::size_t k = 0; k < prominences.size(); ++k) values[k] = prominences[k].prominence;
+    std::vector<double> values(prominences.begin(), prominences.end());
     const double m = median(values);
     for (double& v : values) v = std::abs(v - m);
     const double d = median(values);
-    for (std::size_t k = 0; k < survivors.size(); ++k) {
-      const double score = std::abs(kMadToSd * (prominences[k].prominence - m) / d);
-      if (score > kMinRobustScore && score < kMaxRobustScore) kept.push_back(survivors[k]);
+    for (std::size_t k = 0; k < positions.size(); ++k) {
+      if (robust_prominence_passes(prominences[k], m, d)) kept.push_back(k);
     }
   }
 
-  std::vector<double> heights(kept.size());
-  for (std::size_t k = 0; k < kept.size(); ++k) heights[k] = signal[kept[k]];
-  const double height_mean = mean(heights);
-  const double height_sd = population_std(heights);
+  std::vector<double> kept_heights(kept.size());
+  for (std::size_t k = 0; k < kept.size(); ++k) kept_heights[k] = heights[kept[k]];
+  const double height_mean = mean(kept_heights);
+  const double height_sd = population_std(kept_heights);
   std::vector<int32_t> peaks;
   peaks.reserve(kept.size());
   for (std::size_t k = 0; k < kept.size(); ++k) {
-    const double z = (heights[k] - height_mean) / height_sd;
-    if (z >= kMinAmplitudeZ && z < kMaxAmplitudeZ) peaks.push_back(kept[k]);
+    if (amplitude_passes(kept_heights[k], height_mean, height_sd))
+      peaks.push_back(positions[kept[k]]);
   }
   return peaks;
+}
+
+}  // namespace
+
+std::vector<int32_t> detect_peaks(const std::vector<double>& signal, double sample_rate,
+                                  double min_distance) {
+  const PeakCandidates c = peak_candidates(signal, sample_rate, min_distance);
+  std::vector<double> heights(c.positions.size());
+  for (std::size_t k = 0; k < c.positions.size(); ++k) heights[k] = signal[c.positions[k]];
+  return screen_peaks(c, heights, mean(signal), population_std(signal), signal.size(), sample_rate);
 }
 
 std::vector<double> remove_artefacts(const std::vector<double>& series, int prominence_window,

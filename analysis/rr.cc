@@ -10,10 +10,6 @@ namespace cvn {
 
 namespace {
 
-// Physiologically possible intervals (30 to 300 bpm); the statistics are
-// taken over these only so that missed or extra beats do not skew them.
-constexpr double kMinPlausibleRr = 0.2;
-constexpr double kMaxPlausibleRr = 2.0;
 // A steady rhythm (variance at most 0.01 s^2, SD 100 ms) gets the wider
 // limit: its MAD is small, and ordinary variation would otherwise score high.
 constexpr double kSteadyVariance = 0.01;
@@ -26,6 +22,18 @@ std::vector<double> clean_rr(const std::vector<double>& rr) {
   return clean_rr_marked(rr).rr;
 }
 
+bool plausible_rr(double seconds) {
+  return seconds > kMinPlausibleRr && seconds < kMaxPlausibleRr;
+}
+
+double rr_outlier_limit(double variance) {
+  return variance <= kSteadyVariance ? kSteadyLimit : kVariableLimit;
+}
+
+bool rr_outlier(double seconds, double median, double mad, double limit) {
+  return !std::isfinite(seconds) || std::abs(kMadToSd * (seconds - median) / mad) > limit;
+}
+
 CleanedRr clean_rr_marked(const std::vector<double>& rr) {
   CleanedRr out{rr, std::vector<unsigned char>(rr.size())};
   if (rr.empty()) return out;
@@ -33,7 +41,7 @@ CleanedRr clean_rr_marked(const std::vector<double>& rr) {
   std::vector<double> plausible;
   plausible.reserve(rr.size());
   for (double r : rr) {
-    if (r > kMinPlausibleRr && r < kMaxPlausibleRr) plausible.push_back(r);
+    if (plausible_rr(r)) plausible.push_back(r);
   }
   const double m = median(plausible);
   const double variance = population_variance(plausible);
@@ -41,11 +49,11 @@ CleanedRr clean_rr_marked(const std::vector<double>& rr) {
   const double d = median(plausible);
   if (d == 0.0) return out;
 
-  const double limit = variance <= kSteadyVariance ? kSteadyLimit : kVariableLimit;
+  const double limit = rr_outlier_limit(variance);
   std::vector<unsigned char>& outlier = out.replaced;
   std::size_t outliers = 0;
   for (std::size_t i = 0; i < rr.size(); ++i) {
-    outlier[i] = !std::isfinite(rr[i]) || std::abs(kMadToSd * (rr[i] - m) / d) > limit;
+    outlier[i] = rr_outlier(rr[i], m, d, limit);
     outliers += outlier[i];
   }
   if (outliers == 0) return out;

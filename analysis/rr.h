@@ -14,6 +14,19 @@ namespace cvn {
 /// the MAD is 0, or when there is no outlier or no good interval.
 std::vector<double> clean_rr(const std::vector<double>& rr);
 
+/// Physiologically possible intervals (30 to 300 bpm), seconds, exclusive;
+/// clean_rr takes its statistics over these only, so that missed or extra
+/// beats do not skew them.
+inline constexpr double kMinPlausibleRr = 0.2;
+inline constexpr double kMaxPlausibleRr = 2.0;
+bool plausible_rr(double seconds);
+/// clean_rr's limit of the robust score for plausible intervals of this
+/// variance.
+double rr_outlier_limit(double variance);
+/// clean_rr's verdict on one interval given the median and MAD of the
+/// plausible ones and the limit.
+bool rr_outlier(double seconds, double median, double mad, double limit);
+
 /// What clean_rr returns, and which intervals it replaced.
 struct CleanedRr {
   std::vector<double> rr;

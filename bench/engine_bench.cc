@@ -1,5 +1,5 @@
-// The cost of the live view at 30 minutes: one status snapshot (built 20
-// times a second per open stream) and one analysis update (once a second).
+// The cost of the live view: one status snapshot (built 20 times a second
+// per open stream). The once-a-second analysis pass is in live_bench.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -53,11 +53,5 @@ void BM_StatusSnapshot(benchmark::State& state) {
   state.counters["json_kB"] = static_cast<double>(bytes) / 1000.0;
 }
 BENCHMARK(BM_StatusSnapshot)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
-
-void BM_AnalysisUpdate(benchmark::State& state) {
-  Session s(static_cast<int>(state.range(0)));
-  for (auto _ : state) s.engine->update_analysis();
-}
-BENCHMARK(BM_AnalysisUpdate)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -4,11 +4,15 @@
 // series are not decimated) arriving 20 times a second; the page has to stay
 // cheap on that, while playing and after the session stopped.
 //
-// The benchmark builds a ~31-minute recording from seven copies of
+// The benchmark builds a recording of --minutes (default 31) from copies of
 // assets/Sample 1.txt in a throw-away data folder, starts corvane-live on it
 // (CVN_DATA=<tmp> CVN_NO_BROWSER=1), replays it in headless Chromium, seeks to
-// 97 % and measures the renderer's main thread over two windows of 10 s:
-// while the replay plays the last minutes, and after it has stopped. The
+// --seek (default 0.97; 0 plays it all) and measures the renderer's main
+// thread over two windows of 10 s: while the replay plays, and after it has
+// reached its end and stopped by itself (the program must still be running
+// then). A 4-hour session at top speed, played from the start:
+//
+//   node bench/web_long_session.mjs --minutes 240 --speed 8 --seek 0 The
 // figure ("busy") is the main thread's CPU time in tasks per second of wall
 // time, read from the DevTools Performance domain ("TaskDuration", in thread
 // time) at both ends of a window; "script", "style" and "layout" are parts
@@ -43,13 +47,15 @@ const opt = (name, dflt) => {
   return v;
 };
 const speed = Number(opt('--speed', '1'));
+const minutes = Number(opt('--minutes', '31'));
+const seekFrac = Number(opt('--seek', '0.97'));
 const seconds = Number(opt('--seconds', '10'));
 const wallIndex = args.indexOf('--wall');
 if (wallIndex >= 0) args.splice(wallIndex, 1);
 const timeDomain = wallIndex >= 0 ? 'timeTicks' : 'threadTicks';
 const bin = path.resolve(args[0] || path.join(root, 'build/corvane-live'));
-const kCopies = 7;  // 7 x 264 s of Sample 1: just over 30 minutes
-const kSeekFrac = 0.97;
+const kSampleSeconds = 264;  // one copy of Sample 1
+const kCopies = Math.ceil(minutes * 60 / kSampleSeconds);
 
 function makeDataFolder() {
   const data = fs.mkdtempSync(path.join(os.tmpdir(), 'cvn-bench-'));
@@ -120,10 +126,13 @@ try {
   await page.click(`#speedSwitch >> text=${speed}×`);
   await page.click('#startBtn');
   await page.waitForSelector('#live', { state: 'visible' });
-  await page.request.get(program.url + 'seek?frac=' + kSeekFrac);
-  // Let the first analysis of the long series land before measuring.
-  await page.waitForFunction(() => parseFloat(document.getElementById('elapsedVal').textContent) > 1700,
-    null, { timeout: 30000 });
+  const length = kCopies * kSampleSeconds;
+  if (seekFrac > 0) {
+    await page.request.get(program.url + 'seek?frac=' + seekFrac);
+    // Let the first analysis of the long series land before measuring.
+    await page.waitForFunction((t) => parseFloat(document.getElementById('elapsedVal').textContent) > t,
+      length * seekFrac - 60, { timeout: 30000 });
+  }
   await page.waitForTimeout(3000);
 
   const cdp = await page.context().newCDPSession(page);
@@ -135,8 +144,12 @@ try {
   console.log(`snapshot ${(status.length / 1e6).toFixed(2)} MB, speed ${speed}x, ${timeDomain}`);
   console.log('playing: ', JSON.stringify(playing));
 
-  await page.request.get(program.url + 'stop');
-  await page.waitForFunction(() => document.getElementById('runState').textContent === 'Stopped');
+  // The replay ends by itself; a crash on the way ends the program first.
+  const t0 = Date.now();
+  await page.waitForFunction(() => document.getElementById('runState').textContent === 'Stopped',
+    null, { timeout: (length * (1 - seekFrac) / speed + 120) * 1000, polling: 1000 });
+  if (program.child.exitCode !== null) throw new Error('corvane-live ended during the replay');
+  console.log(`ended by itself after ${((Date.now() - t0) / 1000).toFixed(0)} s more`);
   await page.waitForTimeout(1000);
   console.log('stopped: ', JSON.stringify(await busy(cdp, page, seconds * 1000)));
 } finally {

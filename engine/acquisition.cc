@@ -35,7 +35,7 @@ void Acquisition::stop() {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   const bool was_running = session_.running();
   stop_locked();
-  if (was_running) update_analysis(true);
+  if (was_running) final_analysis();
 }
 
 void Acquisition::stop_locked() {
@@ -133,7 +133,7 @@ void Acquisition::clock_loop(std::stop_token stop) {
       if (mode == Mode::kLive) pump_journal(true);
       // A replay that reached its end stops by itself, with its final
       // results in place.
-      update_analysis(true);
+      final_analysis();
       session_.set_running(false);
       return;
     }
@@ -142,17 +142,37 @@ void Acquisition::clock_loop(std::stop_token stop) {
 }
 
 void Acquisition::update_analysis(bool with_hrv) {
-  AnalysisInput in = session_.analysis_input();
+  std::lock_guard<std::mutex> l(running_mu_);
+  AnalysisInput in = session_.analysis_input(running_session_, running_.sample_count());
+  if (in.session != running_session_ || in.first != running_.sample_count()) {
+    // A new session, or a replay that seeked back: nothing carries over.
+    running_.reset();
+    running_session_ = in.session;
+  }
+  const std::size_t count = in.first + in.samples.size();
   const std::size_t due = hrv_due_;
-  if (in.samples.size() >= due) {
+  if (count >= due) {
     with_hrv = true;
-    hrv_due_ = in.samples.size() + static_cast<std::size_t>(kHrvPeriodSeconds * kSampleRate);
+    hrv_due_ = count + static_cast<std::size_t>(kHrvPeriodSeconds * kSampleRate);
   }
   try {
-    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds, with_hrv));
+    (void)session_.store_analysis(in.session,
+                                  running_.update(in.samples, in.cycle_seconds, with_hrv));
   } catch (const std::bad_alloc&) {
-    // Out of memory for one pass: the previous results stay, and the next
-    // round tries again.
+    // Out of memory for one pass: start over at the next round, which
+    // tries again; the previous results stay meanwhile.
+    running_.reset();
+    running_session_ = 0;
+  }
+}
+
+void Acquisition::final_analysis() {
+  std::lock_guard<std::mutex> l(running_mu_);
+  AnalysisInput in = session_.analysis_input();
+  try {
+    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds, true));
+  } catch (const std::bad_alloc&) {
+    // The last live results stay.
   }
 }
 

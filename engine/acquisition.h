@@ -15,6 +15,7 @@
 #include "base/disk.h"
 #include "base/recording.h"
 #include "engine/journal.h"
+#include "engine/live_analysis.h"
 #include "engine/session.h"
 #include "sensor/ble_manager.h"
 
@@ -64,7 +65,9 @@ class Acquisition {
 
   /// Runs one analysis pass over the current samples and stores the results;
   /// the HRV indices too when `with_hrv`, and otherwise when they are due
-  /// (every kHrvPeriodSeconds of recording once kHrvMinSeconds exist).
+  /// (every kHrvPeriodSeconds of recording once kHrvMinSeconds exist). The
+  /// pass extends the last one (RunningAnalysis) and starts over for a new
+  /// session or a replay that went back.
   void update_analysis(bool with_hrv = false);
 
   /// Writes the recording and its markers into the recordings folder.
@@ -75,6 +78,9 @@ class Acquisition {
   void start_clock();  // REQUIRES: lifecycle_mu_ held
   void clock_loop(std::stop_token stop);
   void maybe_start_analysis(double* last_start);
+  /// The analysis of a session that ends: analyze_live on the whole
+  /// recording, the reference every later view (export, TFR) agrees with.
+  void final_analysis();
   void open_journal();
   void pump_journal(bool sync_now);
 
@@ -97,6 +103,11 @@ class Acquisition {
   std::jthread analysis_;
   // The sample count at which the next pass computes the HRV indices.
   std::atomic<std::size_t> hrv_due_{0};
+  // The running analysis and the session it belongs to. A stop's pass may
+  // overlap the clock's last one, so each holds the lock throughout.
+  std::mutex running_mu_;
+  RunningAnalysis running_;
+  std::uint64_t running_session_ = 0;
 
   // The running live session's journal; see save() for when it goes away.
   LiveJournal journal_;

@@ -35,4 +35,49 @@ LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_secon
   return a;
 }
 
+LiveAnalysis RunningAnalysis::update(std::span<const double> samples, double cycle_seconds,
+                                     bool with_hrv) {
+  analyzer_.feed(samples, cycle_seconds);
+  LiveAnalysis a;
+  a.hr = std::nan("");
+  a.cvn = std::nan("");
+  const std::vector<double>& rr = analyzer_.rr();
+  if (with_hrv) {
+    // Over the whole session, every 10 s: linear in its length but about a
+    // millisecond at two hours (docs/analysis.md, "Live analysis").
+    const std::vector<unsigned char>& marks = analyzer_.corrected();
+    a.hrv = compute_hrv(rr, std::vector<bool>(marks.begin(), marks.end()), analyzer_.hr(),
+                        cycle_seconds);
+  }
+  if (rr.empty()) {
+    hr_series_.clear();
+    cvn_series_.clear();
+    return a;
+  }
+  a.rr_count = static_cast<std::int32_t>(rr.size());
+
+  // The series points from the first value the analyzer may have changed.
+  const std::vector<double>& hr = analyzer_.hr();
+  const std::vector<double>& grid = analyzer_.grid();
+  hr_series_.resize(std::min(hr_series_.size(), analyzer_.hr_changed_from()));
+  for (std::size_t i = hr_series_.size(); i < hr.size() && i < grid.size(); ++i)
+    hr_series_.push_back({grid[i], hr[i]});
+  if (!hr.empty()) a.hr = hr.back();
+
+  const std::vector<double>& scores = analyzer_.scores();
+  cvn_series_.resize(std::min(cvn_series_.size(), analyzer_.scores_changed_from()));
+  for (std::size_t i = cvn_series_.size(); i < scores.size(); ++i)
+    cvn_series_.push_back({static_cast<double>(i) * kLiveScoreStep, scores[i]});
+  if (!scores.empty()) a.cvn = scores.back();
+  a.hr_series = hr_series_;
+  a.cvn_series = cvn_series_;
+  return a;
+}
+
+void RunningAnalysis::reset() {
+  analyzer_.reset();
+  hr_series_.clear();
+  cvn_series_.clear();
+}
+
 }  // namespace cvn

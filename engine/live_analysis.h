@@ -3,9 +3,11 @@
 #pragma once
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "analysis/hrv.h"
+#include "analysis/live_analyzer.h"
 
 namespace cvn {
 
@@ -24,8 +26,24 @@ struct LiveAnalysis {
 };
 
 /// Pure: R-peaks, cleaned RR, the regular heart-rate series and the score,
-/// and the HRV indices when `with_hrv`.
+/// and the HRV indices when `with_hrv`, from the whole recording.
 LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds,
                           bool with_hrv = false);
+
+/// analyze_live for a session whose samples arrive as it runs: each update
+/// costs what arrived since the last one (LiveAnalyzer), and gives what
+/// analyze_live would on all samples so far.
+class RunningAnalysis {
+ public:
+  /// Appends `samples` and returns the analysis of everything so far.
+  LiveAnalysis update(std::span<const double> samples, double cycle_seconds, bool with_hrv);
+  /// Forgets everything, for a new session.
+  void reset();
+  std::size_t sample_count() const { return analyzer_.sample_count(); }
+
+ private:
+  LiveAnalyzer analyzer_;
+  std::vector<SeriesPoint> hr_series_, cvn_series_;
+};
 
 }  // namespace cvn

@@ -173,11 +173,22 @@ BreathingSettings SessionState::breathing_now(PacerPosition* where) const {
 }
 
 AnalysisInput SessionState::analysis_input() {
+  return analysis_input(session(), 0);
+}
+
+AnalysisInput SessionState::analysis_input(std::uint64_t session, std::size_t from) {
   std::lock_guard<std::mutex> g(mu_);
   PacerPosition p;
   const BreathingSettings b = breathing_now(&p);
+  const auto count = static_cast<std::size_t>(sample_count());
+  if (session != session_ || from > count) from = 0;
+  const std::vector<double>& all = mode_ == Mode::kReplay ? replay_samples_ : live_samples_;
   // An assessment's live score follows the step's breath, not a rounded sum.
-  return {samples_locked(), schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
+  AnalysisInput in{{}, from, schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
+  if (mode_ == Mode::kReplay || mode_ == Mode::kLive)
+    in.samples.assign(all.begin() + static_cast<std::ptrdiff_t>(from),
+                      all.begin() + static_cast<std::ptrdiff_t>(count));
+  return in;
 }
 
 BreathingGuide SessionState::guide() {

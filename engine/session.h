@@ -95,6 +95,7 @@ struct Snapshot {
 /// What the once-per-second analysis needs, copied in one go.
 struct AnalysisInput {
   std::vector<double> samples;
+  std::size_t first = 0;     // index in the session of samples[0]
   double cycle_seconds = 0;  // the current step's, in an assessment
   std::uint64_t session = 0;
 };
@@ -142,6 +143,10 @@ class SessionState {
   /// The samples that count: played replay samples, or all live samples.
   std::vector<double> samples();
   AnalysisInput analysis_input();
+  /// The samples after the first `from` while `session` is the current one
+  /// and has that many; otherwise all of them (a new session, or a replay
+  /// that seeked back).
+  AnalysisInput analysis_input(std::uint64_t session, std::size_t from);
   SessionCopy copy();
   /// The import rate the settings ask for, or the one kept.
   double import_rate(const SessionSettings& settings);
