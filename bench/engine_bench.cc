@@ -1,5 +1,6 @@
-// The cost of the live view: one status snapshot (built 20 times a second
-// per open stream). The once-a-second analysis pass is in live_bench.
+// The cost of the live view: the full status snapshot ("/status", and a
+// stream's first event) and a stream's later events (20 a second per open
+// page). The once-a-second analysis pass is in live_bench.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -53,5 +54,22 @@ void BM_StatusSnapshot(benchmark::State& state) {
   state.counters["json_kB"] = static_cast<double>(bytes) / 1000.0;
 }
 BENCHMARK(BM_StatusSnapshot)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
+
+// What the stream sends 20 times a second after its first event: the snapshot
+// with each series as its new points only (none here, the session being
+// stopped), and the comparison that finds them.
+void BM_StreamEvent(benchmark::State& state) {
+  Session s(static_cast<int>(state.range(0)));
+  cvn::StreamCursor cursor;
+  (void)cvn::stream_event_json(s.engine->snapshot(), &cursor);
+  std::size_t bytes = 0;
+  for (auto _ : state) {
+    std::string j = cvn::stream_event_json(s.engine->snapshot(), &cursor);
+    bytes = j.size();
+    benchmark::DoNotOptimize(j);
+  }
+  state.counters["json_kB"] = static_cast<double>(bytes) / 1000.0;
+}
+BENCHMARK(BM_StreamEvent)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
 
 }  // namespace
