@@ -146,11 +146,9 @@ void Acquisition::clock_loop(std::stop_token stop) {
 void Acquisition::update_analysis(bool with_hrv) {
   std::lock_guard<std::mutex> l(running_mu_);
   AnalysisInput in = session_.analysis_input(running_session_, running_.sample_count());
+  if (in.session != running_session_) running_beats_.reset();
   if (in.beats) {
-    // Nothing carries over between passes of a beat session; a later ECG
-    // session starts its running analysis afresh.
-    running_.reset();
-    running_session_ = 0;
+    running_session_ = in.session;
   } else if (in.session != running_session_ || in.first != running_.sample_count()) {
     // A new session, or a replay that seeked back: nothing carries over.
     running_.reset();
@@ -164,12 +162,13 @@ void Acquisition::update_analysis(bool with_hrv) {
   }
   try {
     (void)session_.store_analysis(
-        in.session, in.beats ? analyze_beats(in.rr, in.cycle_seconds, with_hrv)
+        in.session, in.beats ? running_beats_.update(in.rr, in.cycle_seconds, with_hrv)
                              : running_.update(in.samples, in.cycle_seconds, with_hrv));
   } catch (const std::bad_alloc&) {
     // Out of memory for one pass: start over at the next round, which
     // tries again; the previous results stay meanwhile.
     running_.reset();
+    running_beats_.reset();
     running_session_ = 0;
   }
 }

@@ -108,6 +108,7 @@ class Acquisition {
   // overlap the clock's last one, so each holds the lock throughout.
   std::mutex running_mu_;
   RunningAnalysis running_;
+  RunningBeats running_beats_;  // a beat session's
   std::uint64_t running_session_ = 0;
 
   // The running live session's journal; see save() for when it goes away.

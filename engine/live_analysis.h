@@ -42,6 +42,21 @@ std::vector<double> analysable_beats(const std::vector<double>& strap_rr);
 LiveAnalysis analyze_beats(const std::vector<double>& strap_rr, double cycle_seconds,
                            bool with_hrv = false);
 
+/// analyze_beats for a session whose beats arrive as it runs: the same
+/// results, bit for bit, but the live scores before the first interval that
+/// changed since the last update are kept rather than computed again (they
+/// are most of the cost: 25 ms of a pass at two hours, docs/engine.md).
+class RunningBeats {
+ public:
+  LiveAnalysis update(const std::vector<double>& strap_rr, double cycle_seconds, bool with_hrv);
+  void reset();
+
+ private:
+  std::vector<double> rr_;  // analysable_beats of the last update
+  double cycle_seconds_ = 0;
+  std::vector<double> scores_;
+};
+
 /// analyze_live for a session whose samples arrive as it runs: each update
 /// costs what arrived since the last one (LiveAnalyzer), and gives what
 /// analyze_live would on all samples so far.

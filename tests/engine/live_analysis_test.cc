@@ -76,3 +76,38 @@ TEST(RunningAnalysis, EachPassShowsOnlyTheSamplesPlayedInThisSession) {
 
 }  // namespace
 }  // namespace cvn
+
+namespace cvn {
+namespace {
+
+// A beat session's passes keep the live scores before the first interval
+// that changed: growing by a beat or by many, a damaged beat repaired later,
+// a replay moved back, or a new step's cycle must each give, bit for bit,
+// what the whole list gives.
+TEST(RunningBeats, EachPassIsTheWholeListsAnalysis) {
+  std::vector<double> rr;
+  for (int i = 0; i < 400; ++i) rr.push_back(0.85 + 0.08 * std::sin(i * 0.7) + 0.01 * (i % 3));
+  rr[150] = 2.6;  // a missed beat: clean_rr repairs it once enough follow
+  struct Step {
+    std::size_t beats;
+    double cycle;
+  };
+  const Step steps[] = {{3, 16},   {4, 16},   {60, 16},  {151, 16}, {152, 16},
+                        {230, 16}, {231, 16}, {120, 16}, {300, 10}, {400, 10}};
+  RunningBeats running;
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.beats);
+    const std::vector<double> so_far(rr.begin(), rr.begin() + s.beats);
+    const LiveAnalysis got = running.update(so_far, s.cycle, false);
+    const LiveAnalysis want = analyze_beats(so_far, s.cycle, false);
+    ASSERT_EQ(got.cvn_series.size(), want.cvn_series.size());
+    for (std::size_t i = 0; i < want.cvn_series.size(); ++i) {
+      const double a = got.cvn_series[i].y, b = want.cvn_series[i].y;
+      ASSERT_TRUE(a == b || (std::isnan(a) && std::isnan(b))) << i << ": " << a << " " << b;
+    }
+    ASSERT_EQ(got.hr_series.size(), want.hr_series.size());
+  }
+}
+
+}  // namespace
+}  // namespace cvn
