@@ -129,5 +129,28 @@ TEST_F(HistoryTest, KeptSummariesAreReadBackUntilTheRecordingChanges) {
   EXPECT_TRUE(read_summary(test::slurp(cache), key_of(newer)));
 }
 
+// A beat recording is listed and summarised from its intervals, as a beat
+// session analyses them; one too short to give a heart rate is a row with
+// its error.
+TEST(HistoryBeats, BeatRecordingsAreSummarisedFromTheirIntervals) {
+  test::TempDir dir;
+  std::vector<double> rr;
+  for (int i = 0; i < 300; ++i) rr.push_back(0.9 + 0.06 * std::sin(i * 0.55));
+  double seconds = 0;
+  for (double r : rr) seconds += r;
+  spit(dir / "Kim_on5_off11_F33_20250302-140307_RR.txt", format_beats(rr));
+  spit(dir / "Kim_on5_off11_F33_20250301-140307_RR.txt", "800\nnote\n");
+  History history(dir.path());
+  const std::optional<PersonHistory> kim = settled(history, "Kim");
+  ASSERT_TRUE(kim);
+  ASSERT_EQ(kim->rows.size(), 2u);
+  const RecordingSummary& s = kim->rows[0].summary;
+  EXPECT_EQ(s.error, "");
+  EXPECT_NEAR(s.duration_s, seconds, 0.01);
+  EXPECT_TRUE(std::isfinite(s.cvn_mean));
+  EXPECT_GT(s.rmssd, 0);
+  EXPECT_EQ(kim->rows[1].summary.error, "Not a recording: fewer than two beat intervals in it.");
+}
+
 }  // namespace
 }  // namespace cvn
