@@ -26,7 +26,6 @@ TEST(History, FileNamesSayWhoAndWhen) {
        5.5, 10, "F", 7},
       {"imported_My_Data_20261123-140307.csv", "My_Data", "2026-11-23 14:03:07", 0, 0, "", -1},
       // Beat recordings: their ending is not part of the date.
-      {"Kim_on5_off11_F33_20250302-140307_RR.txt", "Kim", "2025-03-02 14:03:07", 5, 11, "F", 33},
       {"Kim_on5_off11_F33_20250302-140307_recovered_RR.txt", "Kim", "2025-03-02 14:03:07", 5, 11,
        "F", 33},
       // A name that looks like the tail of the pattern is still all name.
