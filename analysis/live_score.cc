@@ -129,6 +129,14 @@ double live_score_of_window(const std::vector<double>& value, const std::vector<
 std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t sample_count,
                                     double cycle_seconds, double sample_rate, int cycles_per_window,
                                     double grid_step) {
+  return live_cvn_scores_after(rr, sample_count, cycle_seconds, {}, 0, sample_rate,
+                               cycles_per_window, grid_step);
+}
+
+std::vector<double> live_cvn_scores_after(const std::vector<double>& rr, std::size_t sample_count,
+                                          double cycle_seconds, const std::vector<double>& known,
+                                          std::size_t from, double sample_rate,
+                                          int cycles_per_window, double grid_step) {
   if (!(sample_rate > 0.0) || !std::isfinite(sample_rate) || !(grid_step > 0.0) ||
       !std::isfinite(grid_step)) {
     return {};
@@ -136,6 +144,7 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
   const std::vector<double> grid = time_grid(sample_count, sample_rate, grid_step);
   const std::size_t g = grid.size();
   std::vector<double> scores(g + 1, kNaN);
+  from = std::min({from, known.size(), scores.size()});
 
   const double window_points = cycle_seconds / grid_step * cycles_per_window;
   if (!(cycle_seconds > 0.0) || !std::isfinite(cycle_seconds) || !(window_points >= 0.0)) {
@@ -158,7 +167,8 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
   for (std::size_t j = 0; j < g; ++j) {
     const double t = grid[j];
     if (t < beat_time.front() || t > beat_time.back()) continue;
-    value[j] = live_score_interval_at(beat_time, beat_ms, t);
+    // Only the windows of the scores computed read the values.
+    if (j + window >= from) value[j] = live_score_interval_at(beat_time, beat_ms, t);
     first = std::min(first, j);
     end_valid = j + 1;
   }
@@ -177,7 +187,13 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
     const std::size_t begin = std::max(first, i - window);
     const std::size_t valid_end = std::min(i, end_valid);
     if (begin >= valid_end) continue;  // no interval in the window
+    // Moved for every score all the same: the sums of a later window are
+    // then those live_cvn_scores reaches, bit for bit.
     window_sums.move_to(begin, i);
+    if (i < from) {
+      scores[i] = known[i];
+      continue;
+    }
     scores[i] =
         live_score_of_window(value, sine, cosine, begin, valid_end, i,
                              {window_sums.s, window_sums.c, window_sums.ss, window_sums.cc});

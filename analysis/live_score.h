@@ -37,6 +37,18 @@ std::vector<double> live_cvn_scores(const std::vector<double>& rr, std::size_t s
                                     int cycles_per_window = kLiveScoreCycles,
                                     double grid_step = kLiveScoreStep);
 
+/// live_cvn_scores when its scores before `from` are known: `known[i]` for
+/// i < from, the others computed as live_cvn_scores computes them, bit for
+/// bit. A session whose intervals only change after beat time T passes the
+/// last scores and `from` = the number of grid points before T: the scores
+/// before it read no interval after T, and computing only the rest costs a
+/// window per new score instead of per score.
+std::vector<double> live_cvn_scores_after(const std::vector<double>& rr, std::size_t sample_count,
+                                          double cycle_seconds, const std::vector<double>& known,
+                                          std::size_t from, double sample_rate = kSampleRate,
+                                          int cycles_per_window = kLiveScoreCycles,
+                                          double grid_step = kLiveScoreStep);
+
 /// The beats live_cvn_scores places: time (s) of beat k as the running sum
 /// of rr[0..k] in ms over 1000, and its interval in ms, up to the first
 /// interval that is not positive and finite.

@@ -82,6 +82,34 @@ void BM_LiveUpdate(benchmark::State& state) {
 }
 BENCHMARK(BM_LiveUpdate)->Arg(5)->Arg(30)->Arg(120)->Unit(benchmark::kMillisecond);
 
+// The same pass in a beat session (a strap that sends intervals, about 70
+// a minute): the whole list through the chain each time, nothing carried
+// over. The second argument asks for the HRV indices, as every tenth pass
+// does.
+void BM_LiveBeatsUpdate(benchmark::State& state) {
+  cvn::ManualClock clock;
+  cvn::SessionState session{clock};
+  const std::string folder = (std::filesystem::temp_directory_path() / "cvn-bench-live").string();
+  cvn::Acquisition acquisition{session, nullptr, clock, folder};
+  cvn::SessionSettings settings;
+  settings.beats = true;
+  session.begin_live("bench", settings);
+  const std::vector<double> one = {0.84, 0.80, 0.88, 0.92, 0.86, 0.78, 0.82, 0.90};
+  const double seconds = static_cast<double>(state.range(0)) * 60;
+  double t = 0;
+  for (std::size_t i = 0; t < seconds; ++i) {
+    session.append_beats({one[i % one.size()]});
+    t += one[i % one.size()];
+  }
+  for (auto _ : state) acquisition.update_analysis(state.range(1) != 0);
+}
+BENCHMARK(BM_LiveBeatsUpdate)
+    ->Args({5, 0})
+    ->Args({30, 0})
+    ->Args({120, 0})
+    ->Args({120, 1})
+    ->Unit(benchmark::kMillisecond);
+
 // Two hours, 936,000 samples, a pass every second. Run it alone
 // (--benchmark_filter=BM_LiveSessionMemory) for a figure that is this
 // session's only.

@@ -52,12 +52,13 @@ void Acquisition::stop_locked() {
 
 void Acquisition::start_replay(std::vector<double> samples, std::vector<Marker> markers,
                                const std::string& file, const SessionSettings& settings,
-                               const ReplayOptions& options) {
+                               const ReplayOptions& options, std::optional<BeatSource> beats) {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   stop_locked();
   journal_.remove();  // a new session: the stopped live one was given up
   session_.begin_replay(std::move(samples), std::move(markers),
-                        options.label.empty() ? file : options.label, settings, options.speed);
+                        options.label.empty() ? file : options.label, settings, options.speed,
+                        std::move(beats));
   start_clock();
 }
 
@@ -65,15 +66,16 @@ void Acquisition::start_live(const std::string& address, const std::optional<std
                              const SessionSettings& settings) {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   stop_locked();
-  session_.begin_live("Live — " + (device && !device->empty() ? *device : address), settings);
+  const std::string strap = device && !device->empty() ? *device : address;
+  session_.begin_live("Live — " + strap, settings, strap);
   open_journal();
   // The link may report a status at once, from inside connectAndStream:
   // the callbacks take only the session's own lock.
   if (ble_) ble_->set_breathing_guide(session_.guide());
-  // No beat source in the session yet: a beats link shows its status only.
   if (ble_ && settings.beats)
-    ble_->connect_and_stream_beats(address, nullptr,
-                                   [this](const std::string& s) { session_.set_bt_status(s); });
+    ble_->connect_and_stream_beats(
+        address, [this](const std::vector<double>& rr) { session_.append_beats(rr); },
+        [this](const std::string& s) { session_.set_bt_status(s); });
   else if (ble_)
     ble_->connectAndStream(
         address, [this](const std::vector<double>& b) { session_.append_live(b); },
@@ -144,24 +146,29 @@ void Acquisition::clock_loop(std::stop_token stop) {
 void Acquisition::update_analysis(bool with_hrv) {
   std::lock_guard<std::mutex> l(running_mu_);
   AnalysisInput in = session_.analysis_input(running_session_, running_.sample_count());
-  if (in.session != running_session_ || in.first != running_.sample_count()) {
+  if (in.session != running_session_) running_beats_.reset();
+  if (in.beats) {
+    running_session_ = in.session;
+  } else if (in.session != running_session_ || in.first != running_.sample_count()) {
     // A new session, or a replay that seeked back: nothing carries over.
     running_.reset();
     running_session_ = in.session;
   }
-  const std::size_t count = in.first + in.samples.size();
+  const std::size_t count = in.count;
   const std::size_t due = hrv_due_;
   if (count >= due) {
     with_hrv = true;
     hrv_due_ = count + static_cast<std::size_t>(kHrvPeriodSeconds * kSampleRate);
   }
   try {
-    (void)session_.store_analysis(in.session,
-                                  running_.update(in.samples, in.cycle_seconds, with_hrv));
+    (void)session_.store_analysis(
+        in.session, in.beats ? running_beats_.update(in.rr, in.cycle_seconds, with_hrv)
+                             : running_.update(in.samples, in.cycle_seconds, with_hrv));
   } catch (const std::bad_alloc&) {
     // Out of memory for one pass: start over at the next round, which
     // tries again; the previous results stay meanwhile.
     running_.reset();
+    running_beats_.reset();
     running_session_ = 0;
   }
 }
@@ -170,7 +177,9 @@ void Acquisition::final_analysis() {
   std::lock_guard<std::mutex> l(running_mu_);
   AnalysisInput in = session_.analysis_input();
   try {
-    (void)session_.store_analysis(in.session, analyze_live(in.samples, in.cycle_seconds, true));
+    (void)session_.store_analysis(in.session,
+                                  in.beats ? analyze_beats(in.rr, in.cycle_seconds, true)
+                                           : analyze_live(in.samples, in.cycle_seconds, true));
   } catch (const std::bad_alloc&) {
     // The last live results stay.
   }
@@ -180,16 +189,22 @@ SaveResult Acquisition::save() {
   const SessionCopy c = session_.copy();
   const ExportInput& in = c.input;
   SaveResult r;
-  if (in.samples.size() < static_cast<std::size_t>(kSampleRateInt)) {
+  const std::vector<double>* beats = c.strap_beats ? &*c.strap_beats : nullptr;
+  double seconds = static_cast<double>(in.samples.size()) / kSampleRate;
+  if (beats) {
+    seconds = 0;
+    for (double rr : *beats) seconds += rr;
+  }
+  if (seconds < 1.0) {
     r.error = "Nothing recorded to save yet.";
     return r;
   }
   const std::string file = session_stem(in.name, in.breathing.indur, in.breathing.outdur,
                                         in.breathing.sex, in.breathing.age, clock_.wall()) +
-                           ".csv";
+                           (beats ? std::string(kBeatsEnding) : ".csv");
   const std::string path = recordings_ + "/" + file;
   // Atomic, so a crash mid-save never leaves a truncated recording.
-  if (!disk_.write_atomic(path, format_recording(in.samples)).ok()) {
+  if (!disk_.write_atomic(path, beats ? format_beats(*beats) : format_recording(in.samples)).ok()) {
     r.error = "write failed";
     return r;
   }
@@ -208,7 +223,7 @@ SaveResult Acquisition::save() {
   // the window after Stop still recovers it at the next start.
   if (c.finished_live && markers_written) journal_.remove(c.session);
   r.file = file;
-  r.count = in.samples.size();
+  r.count = beats ? beats->size() : in.samples.size();
   return r;
 }
 

@@ -27,9 +27,9 @@ struct ReplayOptions {
 };
 
 struct SaveResult {
-  std::string error;  // empty on success, else for the user
-  std::string file;   // the recording's file name
-  std::size_t count = 0;
+  std::string error;      // empty on success, else for the user
+  std::string file;       // the recording's file name
+  std::size_t count = 0;  // samples, or a beat recording's intervals
 };
 
 /// The live HRV numbers appear once this much is recorded (the shortest
@@ -48,10 +48,11 @@ class Acquisition {
   Acquisition(const Acquisition&) = delete;
   Acquisition& operator=(const Acquisition&) = delete;
 
-  /// Plays `samples` from the start as a new session named after `file`.
+  /// Plays `samples` from the start as a new session named after `file`, or
+  /// with `beats` those intervals in their own time.
   void start_replay(std::vector<double> samples, std::vector<Marker> markers,
                     const std::string& file, const SessionSettings& settings,
-                    const ReplayOptions& options);
+                    const ReplayOptions& options, std::optional<BeatSource> beats = std::nullopt);
 
   /// Starts a live session on the strap at `address`; progress shows in
   /// bt_status. Returns before the connection is made.
@@ -107,6 +108,7 @@ class Acquisition {
   // overlap the clock's last one, so each holds the lock throughout.
   std::mutex running_mu_;
   RunningAnalysis running_;
+  RunningBeats running_beats_;  // a beat session's
   std::uint64_t running_session_ = 0;
 
   // The running live session's journal; see save() for when it goes away.

@@ -27,30 +27,50 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& reques
                           const ReplayOptions& options, std::string* note) {
   std::optional<std::string> text = read_file(path);
   if (!text) return false;
+  const std::size_t slash = path.rfind('/');
+  const std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
+  std::vector<double> samples;
+  std::optional<BeatSource> beats;
+  if (file.ends_with(kBeatsEnding)) {
+    BeatText b = read_beats(*text);
+    if (b.skipped_lines > 0)
+      logLine("Replay of " + file + ": " + std::to_string(b.skipped_lines) +
+              " lines that are not beat intervals were left out.");
+    if (b.rr_seconds.size() < kMinReplayBeats) {
+      if (note)
+        *note = "This beat recording holds " + std::to_string(b.rr_seconds.size()) +
+                " beat intervals; at least " + std::to_string(kMinReplayBeats) +
+                " are needed to replay it.";
+      return false;
+    }
+    beats.emplace().rr_seconds = std::move(b.rr_seconds);
+  } else {
+    samples = read_recording(*text);
+  }
+  text.reset();
   SessionSettings settings = requested;
-  if (!settings.protocol_named) {
-    if (std::optional<std::string> side = read_file(sidecar_path(path))) {
-      const SessionSidecar sidecar = read_sidecar(*side);
+  if (std::optional<std::string> side = read_file(sidecar_path(path))) {
+    const SessionSidecar sidecar = read_sidecar(*side);
+    if (beats) beats->device = sidecar.device;
+    if (!settings.protocol_named) {
       settings.rf = sidecar.rf;
       if (note && !sidecar.protocol_error.empty())
         *note = "The saved breathing protocol could not be read (" + sidecar.protocol_error +
                 "); this replay runs as a single rhythm.";
     }
   }
-  std::vector<double> samples = read_recording(*text);
-  text.reset();
   std::optional<std::string> marker_text = read_file(markers_path(path));
-  std::size_t slash = path.rfind('/');
   start_replay_of(std::move(samples),
-                  marker_text ? read_markers(*marker_text) : std::vector<Marker>{},
-                  slash == std::string::npos ? path : path.substr(slash + 1), settings, options);
+                  marker_text ? read_markers(*marker_text) : std::vector<Marker>{}, file, settings,
+                  options, std::move(beats));
   return true;
 }
 
 void Engine::start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
                              const std::string& file, const SessionSettings& settings,
-                             const ReplayOptions& options) {
-  acquisition_.start_replay(std::move(samples), std::move(markers), file, settings, options);
+                             const ReplayOptions& options, std::optional<BeatSource> beats) {
+  acquisition_.start_replay(std::move(samples), std::move(markers), file, settings, options,
+                            std::move(beats));
   jobs_.new_session(session_.session());
 }
 
@@ -124,9 +144,11 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
 std::optional<RfResult> Engine::rf_result() {
   const SessionCopy c = session_.copy();
   if (!c.input.rf) return std::nullopt;
-  const RecordingAnalysis a =
-      analyze_recording(EcgSamples{c.input.samples}, c.input.breathing.cycle_seconds(),
-                        {.cycles = false, .hrv = false});
+  const PipelineOptions o{.cycles = false, .hrv = false};
+  const double cycle = c.input.breathing.cycle_seconds();
+  const RecordingAnalysis a = c.strap_beats
+                                  ? analyze_recording(RrSeconds{c.input.rr_seconds}, cycle, o)
+                                  : analyze_recording(EcgSamples{c.input.samples}, cycle, o);
   return score_rf(*c.input.rf, a.rr, a.hr, a.duration_seconds);
 }
 

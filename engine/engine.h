@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "engine/acquisition.h"
 #include "engine/history.h"
+#include "engine/import.h"
 #include "engine/jobs.h"
 #include "engine/session.h"
 #include "reports/report_logo.h"
@@ -31,6 +32,10 @@ struct ImportResult {
   std::size_t beats = 0;  // Kubios: RR intervals read
 };
 
+/// A beat recording with fewer intervals is refused: as few as an RR import
+/// accepts, since below that no heart rate can be drawn.
+inline constexpr std::size_t kMinReplayBeats = kMinKubiosBeats;
+
 class Engine {
  public:
   /// `ble` may be null: live mode then runs with no samples ever arriving.
@@ -44,10 +49,12 @@ class Engine {
   BleManager* sensor() const { return ble_.get(); }
 
   /// Loads the recording at `path` (its markers file, and its sidecar
-  /// unless `s` names a protocol) and plays it from the start. False, with
-  /// the engine untouched, when it cannot be read. `note`, when given, says
-  /// why a damaged sidecar was passed over (the replay then runs as one
-  /// rhythm).
+  /// unless `s` names a protocol) and plays it from the start; a beat
+  /// recording ("…_RR.txt") plays its intervals in their own time. False,
+  /// with the engine untouched, when it cannot be read, or is a beat
+  /// recording of fewer than kMinReplayBeats intervals (`note` then says
+  /// so). `note`, when given, says why a damaged sidecar was passed over
+  /// (the replay then runs as one rhythm).
   bool start_replay(const std::string& path, const SessionSettings& s, const ReplayOptions& options,
                     std::string* note = nullptr);
 
@@ -122,7 +129,8 @@ class Engine {
  private:
   void start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
                        const std::string& file, const SessionSettings& settings,
-                       const ReplayOptions& options);
+                       const ReplayOptions& options,
+                       std::optional<BeatSource> beats = std::nullopt);
 
   const std::string data_folder_;
   const std::unique_ptr<BleManager> ble_;

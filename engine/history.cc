@@ -8,6 +8,7 @@
 #include "base/breathing.h"
 #include "base/files.h"
 #include "base/recording.h"
+#include "engine/live_analysis.h"
 #include "engine/sidecar.h"
 
 namespace fs = std::filesystem;
@@ -69,7 +70,11 @@ RecordingSummary compute(const std::string& path) {
     s.error = "Could not read the file.";
     return s;
   }
-  const std::vector<double> ecg = read_recording(*text);
+  const bool beats = file.ends_with(kBeatsEnding);
+  // Analysed as a beat session analyses them, so both agree.
+  const std::vector<double> rr =
+      beats ? analysable_beats(read_beats(*text).rr_seconds) : std::vector<double>{};
+  const std::vector<double> ecg = beats ? std::vector<double>{} : read_recording(*text);
   text.reset();
   const Reading r = reading_of(path, file);
   // The rhythm as recorded, else the setup screen's default.
@@ -81,7 +86,8 @@ RecordingSummary compute(const std::string& path) {
     breathing.indur = r.from_name.indur;
     breathing.outdur = r.from_name.outdur;
   }
-  RecordingSummary s = summarize_recording(ecg, breathing.cycle_seconds(), r.sidecar.rf);
+  RecordingSummary s = beats ? summarize_beats(rr, breathing.cycle_seconds(), r.sidecar.rf)
+                             : summarize_recording(ecg, breathing.cycle_seconds(), r.sidecar.rf);
   if (s.error.empty() && !r.sidecar.protocol_error.empty())
     s.error = "The saved breathing protocol could not be read (" + r.sidecar.protocol_error + ").";
   return s;

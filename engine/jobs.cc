@@ -24,7 +24,8 @@ void Jobs::new_session(std::uint64_t session) {
 
 void Jobs::start_tfr() {
   SessionCopy c = session_.copy();
-  TfrInput in{std::move(c.input.samples), c.input.breathing, c.input.rf};
+  TfrInput in{std::move(c.input.samples), std::move(c.input.rr_seconds), c.input.breathing,
+              c.input.rf};
   {
     std::lock_guard<std::mutex> g(mu_);
     if (c.session != session_id_) return;  // a new session is being set up

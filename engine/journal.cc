@@ -1,6 +1,7 @@
 #include "engine/journal.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -19,6 +20,17 @@ constexpr std::string_view kJournalHeader = "# Corvane Live journal 1\n";
 constexpr char kMarkerTag = 'm';
 // Lines of the session's sidecar, written once after the header.
 constexpr char kSidecarTag = 's';
+// A beat interval: the letter, then the interval as a beat recording writes
+// it (milliseconds). The letter keeps it out of the samples.
+constexpr char kBeatTag = 'r';
+
+// The length of a beat list in samples at kSampleRate, summed in order as
+// the session sums it, so that a marker's index compares exactly.
+double beats_time(const std::vector<double>& beats) {
+  double t = 0;
+  for (double rr : beats) t += rr * kSampleRate;
+  return t;
+}
 
 }  // namespace
 
@@ -34,6 +46,8 @@ JournalContents read_journal(std::string_view text) {
   JournalContents out;
   // Marker lines hold a letter, so the recording reader skips them.
   out.samples = read_recording(text);
+  std::string beat_text;
+  std::vector<std::string> marker_lines;
   std::size_t start = 0;
   while (start < text.size()) {
     std::size_t nl = std::min(text.find('\n', start), text.size());
@@ -43,12 +57,21 @@ JournalContents read_journal(std::string_view text) {
       out.sidecar += line.substr(1) + "\n";
       continue;
     }
-    if (line.empty() || line[0] != kMarkerTag) continue;
+    if (!line.empty() && line[0] == kBeatTag) {
+      beat_text += line.substr(1) + "\n";
+      continue;
+    }
+    if (!line.empty() && line[0] == kMarkerTag) marker_lines.push_back(std::move(line));
+  }
+  out.beats = read_beats(beat_text).rr_seconds;
+  // Markers count samples, or a beat session's time x 130.
+  const double last = out.beats.empty() ? static_cast<double>(out.samples.size())
+                                        : std::trunc(beats_time(out.beats));
+  for (const std::string& line : marker_lines) {
     int key = 0;
     long sample = 0;
     if (std::sscanf(line.c_str() + 1, "%d,%ld", &key, &sample) != 2) continue;
-    if (key < 1 || key > 9 || sample < 0 || sample > static_cast<long>(out.samples.size()))
-      continue;
+    if (key < 1 || key > 9 || sample < 0 || static_cast<double>(sample) > last) continue;
     out.markers.push_back({static_cast<std::int32_t>(sample), key});
   }
   return out;
@@ -63,6 +86,7 @@ void LiveJournal::close_locked() {
   if (file_) std::fclose(file_);
   file_ = nullptr;
   samples_.clear();
+  beats_.clear();
   markers_.clear();
 }
 
@@ -72,7 +96,7 @@ bool LiveJournal::start(const std::string& path, std::uint64_t session, std::str
   if (!path_.empty()) std::remove(path_.c_str());
   path_ = path;
   session_ = session;
-  samples_done_ = markers_done_ = 0;
+  samples_done_ = beats_done_ = markers_done_ = 0;
   last_sync_ = -std::numeric_limits<double>::infinity();
   unsynced_ = false;
   file_ = std::fopen(path.c_str(), "wb");
@@ -91,12 +115,16 @@ bool LiveJournal::start(const std::string& path, std::uint64_t session, std::str
 }
 
 void LiveJournal::collect(std::uint64_t session, const std::vector<double>& samples,
-                          const std::vector<Marker>& markers) {
+                          const std::vector<double>& beats, const std::vector<Marker>& markers) {
   std::lock_guard<std::mutex> g(mu_);
   if (!file_ || session != session_) return;
   if (samples.size() > samples_done_) {
     samples_.insert(samples_.end(), samples.begin() + samples_done_, samples.end());
     samples_done_ = samples.size();
+  }
+  if (beats.size() > beats_done_) {
+    beats_.insert(beats_.end(), beats.begin() + beats_done_, beats.end());
+    beats_done_ = beats.size();
   }
   if (markers.size() > markers_done_) {
     markers_.insert(markers_.end(), markers.begin() + markers_done_, markers.end());
@@ -107,10 +135,17 @@ void LiveJournal::collect(std::uint64_t session, const std::vector<double>& samp
 void LiveJournal::write(double now, bool sync_now) {
   std::lock_guard<std::mutex> g(mu_);
   if (!file_) return;
-  if (!samples_.empty() || !markers_.empty()) {
-    // Samples first: a marker's index never exceeds the samples before it,
-    // so a torn tail cannot leave a marker pointing past the recording.
+  if (!samples_.empty() || !beats_.empty() || !markers_.empty()) {
+    // Samples and beats first: a marker's index never exceeds what came
+    // before it, so a torn tail cannot leave a marker past the recording.
     std::string text = format_recording(samples_);
+    const std::string beat_text = format_beats(beats_);
+    for (std::size_t at = 0; at < beat_text.size();) {
+      const std::size_t nl = beat_text.find('\n', at);
+      text += kBeatTag;
+      text.append(beat_text, at, nl + 1 - at);
+      at = nl + 1;
+    }
     char buf[48];
     for (const Marker& m : markers_) {
       int n = std::snprintf(buf, sizeof buf, "%c%d,%ld\n", kMarkerTag, m.key,
@@ -118,6 +153,7 @@ void LiveJournal::write(double now, bool sync_now) {
       text.append(buf, static_cast<std::size_t>(n));
     }
     samples_.clear();
+    beats_.clear();
     markers_.clear();
     // fflush at once: from then on only a power cut can lose the data.
     if (std::fwrite(text.data(), 1, text.size(), file_) != text.size() || std::fflush(file_) != 0) {
@@ -166,17 +202,21 @@ std::vector<Recovery> recover_journals(const std::string& recordings_folder, Dis
     JournalContents j = read_journal(*text);
     Recovery r;
     r.journal = name;
-    if (!j.samples.empty()) {
+    if (!j.samples.empty() || !j.beats.empty()) {
+      const bool beats = !j.beats.empty();
       std::string stem = name.substr(0, name.size() - kJournalEnding.size());
-      r.file = stem + std::string(kRecoveredSuffix) + ".csv";
-      r.samples = j.samples.size();
+      r.file = stem + std::string(kRecoveredSuffix) + (beats ? std::string(kBeatsEnding) : ".csv");
+      r.samples = beats ? static_cast<std::size_t>(beats_time(j.beats)) : j.samples.size();
+      r.beats = j.beats.size();
       r.markers = j.markers.size();
       const std::string target = recordings_folder + "/" + r.file;
       // The journal goes only once both files are safely in place; a crash
       // before that recovers again next time, over the same names.
-      r.failed = !disk.write_atomic(target, format_recording(j.samples)).ok() ||
-                 !disk.write_atomic(markers_path(target), markers_csv(j.markers)).ok() ||
-                 (!j.sidecar.empty() && !disk.write_atomic(sidecar_path(target), j.sidecar).ok());
+      r.failed =
+          !disk.write_atomic(target, beats ? format_beats(j.beats) : format_recording(j.samples))
+               .ok() ||
+          !disk.write_atomic(markers_path(target), markers_csv(j.markers)).ok() ||
+          (!j.sidecar.empty() && !disk.write_atomic(sidecar_path(target), j.sidecar).ok());
     }
     if (!r.failed) (void)disk.remove(path);  // one left behind is recovered again
     out.push_back(std::move(r));

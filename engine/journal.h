@@ -32,15 +32,17 @@ std::string session_stem(std::string_view name, double indur, double outdur, con
 
 struct JournalContents {
   std::vector<double> samples;
+  /// A beat session's intervals, seconds; it has no samples.
+  std::vector<double> beats;
   std::vector<Marker> markers;
   /// The session's sidecar text (engine/sidecar.h) as start() was given it;
   /// empty when none.
   std::string sidecar;
 };
 
-/// Samples and markers from journal text. A last line without its line
-/// feed is a torn write and is dropped, and so is a marker past the last
-/// sample that survived. Never fails.
+/// Samples, beats and markers from journal text. A last line without its
+/// line feed is a torn write and is dropped, and so is a marker past the
+/// last sample (or the end of the last beat) that survived. Never fails.
 JournalContents read_journal(std::string_view text);
 
 /// Appends one live session to its journal file. Thread-safe; its own lock
@@ -59,11 +61,11 @@ class LiveJournal {
   /// journal.
   bool start(const std::string& path, std::uint64_t session, std::string_view sidecar = {});
 
-  /// Queues what `samples` and `markers` hold beyond the last call; no I/O.
-  /// Ignored unless `session` is the journal's.
-  /// REQUIRES: the lock guarding both is held; both only grow in a session.
+  /// Queues what `samples`, `beats` (intervals, seconds) and `markers` hold
+  /// beyond the last call; no I/O. Ignored unless `session` is the journal's.
+  /// REQUIRES: the lock guarding them is held; they only grow in a session.
   void collect(std::uint64_t session, const std::vector<double>& samples,
-               const std::vector<Marker>& markers);
+               const std::vector<double>& beats, const std::vector<Marker>& markers);
 
   /// Appends what was collected and hands it to the system, which keeps it
   /// through a crash or kill of this process; syncs it to the disk when
@@ -84,8 +86,8 @@ class LiveJournal {
   std::FILE* file_ = nullptr;
   std::string path_;
   std::uint64_t session_ = 0;
-  std::size_t samples_done_ = 0, markers_done_ = 0;  // collected so far
-  std::vector<double> samples_;                      // collected, not written
+  std::size_t samples_done_ = 0, beats_done_ = 0, markers_done_ = 0;  // collected so far
+  std::vector<double> samples_, beats_;                               // collected, not written
   std::vector<Marker> markers_;
   double last_sync_ = 0;
   bool unsynced_ = false;
@@ -95,12 +97,15 @@ class LiveJournal {
 struct Recovery {
   std::string journal;  // file name of the journal
   std::string file;     // the recording made from it; empty when none
+  /// Its length in samples at kSampleRate: a beat recording's time x 130.
   std::size_t samples = 0, markers = 0;
-  bool failed = false;  // could not be written out; the journal stays
+  std::size_t beats = 0;  // intervals of a beat recording
+  bool failed = false;    // could not be written out; the journal stays
 };
 
 /// Turns every journal in `recordings_folder` into
-/// "<stem>_recovered.csv" with its markers file (and its sidecar, when the
+/// "<stem>_recovered.csv" (a beat session's into "<stem>_recovered_RR.txt")
+/// with its markers file (and its sidecar, when the
 /// session had one) beside it, then removes the
 /// journal. A journal without samples is just removed. A journal whose
 /// recording or markers cannot be written (a full disk, a read-only folder)

@@ -30,6 +30,33 @@ struct LiveAnalysis {
 LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds,
                           bool with_hrv = false);
 
+/// The intervals a beat session is analysed on: the strap's, as clean_rr
+/// repairs them (a missed beat, an interval of 0), less any it left that the
+/// chain cannot place (not finite, or not positive: clean_rr returns a series
+/// whose spread is 0 unchanged). What the live pass, the TFR, the export and
+/// the history all analyse, so that they agree.
+std::vector<double> analysable_beats(const std::vector<double>& strap_rr);
+
+/// analyze_live for a session of beat intervals (seconds, as the strap sent
+/// them): the chain on analysable_beats, the series on the time they span.
+LiveAnalysis analyze_beats(const std::vector<double>& strap_rr, double cycle_seconds,
+                           bool with_hrv = false);
+
+/// analyze_beats for a session whose beats arrive as it runs: the same
+/// results, bit for bit, but the live scores before the first interval that
+/// changed since the last update are kept rather than computed again (they
+/// are most of the cost: 25 ms of a pass at two hours, docs/engine.md).
+class RunningBeats {
+ public:
+  LiveAnalysis update(const std::vector<double>& strap_rr, double cycle_seconds, bool with_hrv);
+  void reset();
+
+ private:
+  std::vector<double> rr_;  // analysable_beats of the last update
+  double cycle_seconds_ = 0;
+  std::vector<double> scores_;
+};
+
 /// analyze_live for a session whose samples arrive as it runs: each update
 /// costs what arrived since the last one (LiveAnalyzer), and gives what
 /// analyze_live would on all samples so far.

@@ -64,12 +64,26 @@ std::uint64_t SessionState::begin_locked() {
 
 std::uint64_t SessionState::begin_replay(std::vector<double> samples, std::vector<Marker> markers,
                                          std::string label, const SessionSettings& settings,
-                                         double speed) {
+                                         double speed, std::optional<BeatSource> beats) {
   std::lock_guard<std::mutex> g(mu_);
   apply_locked(settings);
   mode_ = Mode::kReplay;
-  replay_samples_ = std::move(samples);
-  replay_total_ = static_cast<std::int32_t>(replay_samples_.size());
+  beats_ = beats.has_value();
+  replay_beat_ends_.clear();
+  if (beats) {
+    replay_samples_.clear();
+    replay_beats_ = std::move(beats->rr_seconds);
+    beat_device_ = std::move(beats->device);
+    double end = 0;
+    for (double rr : replay_beats_) replay_beat_ends_.push_back(end += rr * kSampleRate);
+    // Rounded up, so that the replay's end passes the last beat's end.
+    replay_total_ = static_cast<std::int32_t>(std::min<double>(std::ceil(end), INT32_MAX));
+  } else {
+    replay_samples_ = std::move(samples);
+    replay_beats_.clear();
+    beat_device_.clear();
+    replay_total_ = static_cast<std::int32_t>(replay_samples_.size());
+  }
   replay_pos_ = 0;
   replay_speed_ = speed;
   replay_offset_ = 0.0;
@@ -79,10 +93,15 @@ std::uint64_t SessionState::begin_replay(std::vector<double> samples, std::vecto
   return session;
 }
 
-std::uint64_t SessionState::begin_live(std::string label, const SessionSettings& settings) {
+std::uint64_t SessionState::begin_live(std::string label, const SessionSettings& settings,
+                                       std::string device) {
   std::lock_guard<std::mutex> g(mu_);
   apply_locked(settings);
   mode_ = Mode::kLive;
+  beats_ = settings.beats;
+  beat_device_ = settings.beats ? std::move(device) : std::string();
+  live_beats_.clear();
+  live_beats_time_ = 0;
   live_samples_.clear();
   live_start_ = 0.0;
   replay_offset_ = 0.0;
@@ -105,6 +124,18 @@ void SessionState::append_live(const std::vector<double>& batch) {
   std::lock_guard<std::mutex> g(mu_);
   if (live_samples_.empty() && !batch.empty()) live_start_ = clock_.now();
   live_samples_.insert(live_samples_.end(), batch.begin(), batch.end());
+}
+
+void SessionState::append_beats(const std::vector<double>& rr_seconds) {
+  std::lock_guard<std::mutex> g(mu_);
+  if (!beats_) return;
+  for (double rr : rr_seconds) {
+    // A strap's field cannot hold either; one would poison the session's
+    // time. 0 and long intervals stay, for clean_rr to judge.
+    if (!std::isfinite(rr) || rr < 0) continue;
+    live_beats_.push_back(rr);
+    live_beats_time_ += rr * kSampleRate;
+  }
 }
 
 void SessionState::set_bt_status(std::string text) {
@@ -140,11 +171,25 @@ std::int64_t SessionState::sample_count() const {
   // A negative replay speed is accepted as given and walks the position
   // below zero; nothing before the first sample counts.
   if (mode_ == Mode::kReplay) return std::max<std::int32_t>(replay_pos_, 0);
+  if (mode_ == Mode::kLive && beats_)
+    return static_cast<std::int64_t>(std::min<double>(live_beats_time_, INT32_MAX));
   if (mode_ == Mode::kLive) return static_cast<std::int64_t>(live_samples_.size());
   return 0;
 }
 
+std::vector<double> SessionState::beats_locked() const {
+  if (!beats_) return {};
+  if (mode_ == Mode::kLive) return live_beats_;
+  if (mode_ != Mode::kReplay) return {};
+  // Played: the beats whose end the replay's position has passed.
+  const auto played = std::upper_bound(replay_beat_ends_.begin(), replay_beat_ends_.end(),
+                                       static_cast<double>(sample_count()));
+  return std::vector<double>(replay_beats_.begin(),
+                             replay_beats_.begin() + (played - replay_beat_ends_.begin()));
+}
+
 std::vector<double> SessionState::samples_locked() const {
+  if (beats_) return {};
   if (mode_ == Mode::kReplay)
     return std::vector<double>(replay_samples_.begin(), replay_samples_.begin() + sample_count());
   if (mode_ == Mode::kLive) return live_samples_;
@@ -181,10 +226,16 @@ AnalysisInput SessionState::analysis_input(std::uint64_t session, std::size_t fr
   PacerPosition p;
   const BreathingSettings b = breathing_now(&p);
   const auto count = static_cast<std::size_t>(sample_count());
+  if (beats_) {
+    AnalysisInput in{true, beats_locked(), count, {}, 0, b.cycle_seconds(), session_};
+    if (!schedule_.empty()) in.cycle_seconds = p.cycle_s;
+    return in;
+  }
   if (session != session_ || from > count) from = 0;
   const std::vector<double>& all = mode_ == Mode::kReplay ? replay_samples_ : live_samples_;
   // An assessment's live score follows the step's breath, not a rounded sum.
-  AnalysisInput in{{}, from, schedule_.empty() ? b.cycle_seconds() : p.cycle_s, session_};
+  AnalysisInput in{false,   {}, count, {}, from, schedule_.empty() ? b.cycle_seconds() : p.cycle_s,
+                   session_};
   if (mode_ == Mode::kReplay || mode_ == Mode::kLive)
     in.samples.assign(all.begin() + static_cast<std::ptrdiff_t>(from),
                       all.begin() + static_cast<std::ptrdiff_t>(count));
@@ -208,10 +259,21 @@ bool SessionState::schedule_ended() {
 }
 
 SessionCopy SessionState::copy() {
-  std::lock_guard<std::mutex> g(mu_);
   SessionCopy c;
+  copy_locked(c);
+  // Cleaned outside the lock: the strap's callbacks wait on it.
+  if (c.strap_beats) c.input.rr_seconds = analysable_beats(*c.strap_beats);
+  return c;
+}
+
+void SessionState::copy_locked(SessionCopy& c) {
+  std::lock_guard<std::mutex> g(mu_);
   ExportInput& in = c.input;
   in.samples = samples_locked();
+  if (beats_) {
+    c.strap_beats = beats_locked();
+    in.beat_device = beat_device_;
+  }
   in.markers = markers_;
   // Without a name the exports are named after the recording, not its file.
   in.name = name_id_.empty() ? std::string(without_recording_extension(source_label_)) : name_id_;
@@ -221,7 +283,6 @@ SessionCopy SessionState::copy() {
   c.import_rate = import_rate_;
   c.session = session_;
   c.finished_live = mode_ == Mode::kLive && !running_;
-  return c;
 }
 
 double SessionState::import_rate(const SessionSettings& settings) {
@@ -263,7 +324,7 @@ void SessionState::set_saved_as(std::uint64_t session, std::string file) {
 
 void SessionState::collect_into(LiveJournal& journal) {
   std::lock_guard<std::mutex> g(mu_);
-  journal.collect(session_, live_samples_, markers_);  // copies only
+  journal.collect(session_, live_samples_, live_beats_, markers_);  // copies only
 }
 
 Snapshot SessionState::snapshot() {
@@ -274,6 +335,7 @@ Snapshot SessionState::snapshot() {
   s.name_id = name_id_;
   s.source_label = source_label_;
   s.bt_status = bt_status_;
+  s.beats = beats_;
   s.samples = sample_count();
   s.replay_total = replay_total_;
   if (mode_ == Mode::kReplay) s.replay_speed = replay_speed_;
@@ -282,7 +344,7 @@ Snapshot SessionState::snapshot() {
   s.rr_count = rr_count_;
   const bool replay = mode_ == Mode::kReplay;
   const bool live = mode_ == Mode::kLive;
-  if (replay || live) {
+  if ((replay || live) && !beats_) {
     const std::vector<double>& buf = replay ? replay_samples_ : live_samples_;
     std::int64_t end = s.samples;
     if (live && live_start_ != 0.0) {

@@ -58,6 +58,12 @@ struct SessionSettings : BreathingSettings {
   bool beats = false;
 };
 
+/// A strap's beat intervals: the source of a session that has no ECG.
+struct BeatSource {
+  std::vector<double> rr_seconds;  // as the strap sent them, oldest first
+  std::string device;              // the strap's name; empty: not known
+};
+
 /// Where a resonance assessment stands, for the page.
 struct RfPosition {
   RfProtocol protocol;
@@ -72,7 +78,11 @@ struct Snapshot {
   Mode mode = Mode::kIdle;
   bool running = false;
   std::string name_id, source_label, bt_status;
-  std::int64_t samples = 0;       // received (live) or played (replay)
+  /// The source is beat intervals (no ECG; the scope stays empty).
+  bool beats = false;
+  /// Received (live) or played (replay); in a beat session its time in
+  /// samples at kSampleRate (time x 130), as markers count it.
+  std::int64_t samples = 0;
   std::int32_t replay_total = 0;  // replay only
   double replay_speed = 0;        // replay only: session seconds per wall second
   double hr = 0, cvn = 0;         // NaN when not known yet
@@ -94,6 +104,11 @@ struct Snapshot {
 
 /// What the once-per-second analysis needs, copied in one go.
 struct AnalysisInput {
+  /// A beat session: `rr` holds every interval so far and `samples` is empty.
+  bool beats = false;
+  std::vector<double> rr;
+  /// The session's length in samples (for beats its time x kSampleRate).
+  std::size_t count = 0;
   std::vector<double> samples;
   std::size_t first = 0;     // index in the session of samples[0]
   double cycle_seconds = 0;  // the current step's, in an assessment
@@ -102,7 +117,12 @@ struct AnalysisInput {
 
 /// What save and the jobs know of the session, copied in one go.
 struct SessionCopy {
-  ExportInput input;  // the samples that count (see samples()); no logo
+  /// The samples that count (see samples()); no logo. A beat session has no
+  /// samples, its intervals as analysable_beats gives them in rr_seconds
+  /// and its strap in beat_device.
+  ExportInput input;
+  /// A beat session's intervals as the strap sent them: what a save keeps.
+  std::optional<std::vector<double>> strap_beats;
   double import_rate = 0;
   std::uint64_t session = 0;
   bool finished_live = false;  // a live session that has stopped
@@ -115,10 +135,15 @@ class SessionState {
   /// A new replay of `samples` from the start; clears the results and the
   /// markers (then sets `markers`), and starts a new session number, which
   /// it returns.
+  /// With `beats` the session plays those intervals instead (and `samples`
+  /// is ignored): a beat is played once the replay's time passes its end.
   std::uint64_t begin_replay(std::vector<double> samples, std::vector<Marker> markers,
-                             std::string label, const SessionSettings& settings, double speed);
-  /// A new live session with no samples yet; as begin_replay otherwise.
-  std::uint64_t begin_live(std::string label, const SessionSettings& settings);
+                             std::string label, const SessionSettings& settings, double speed,
+                             std::optional<BeatSource> beats = std::nullopt);
+  /// A new live session with no samples yet; as begin_replay otherwise. With
+  /// settings.beats its source is the beat intervals of `device`.
+  std::uint64_t begin_live(std::string label, const SessionSettings& settings,
+                           std::string device = {});
   /// The settings a batch or an import brings become the session's.
   void apply(const SessionSettings& settings);
 
@@ -129,6 +154,8 @@ class SessionState {
 
   /// Live samples from the strap, in arrival order.
   void append_live(const std::vector<double>& batch);
+  /// Live beat intervals (seconds) from the strap, oldest first.
+  void append_beats(const std::vector<double>& rr_seconds);
   void set_bt_status(std::string text);
 
   /// Restarts the replay clock at the current position (a new replay, or
@@ -175,6 +202,10 @@ class SessionState {
   std::uint64_t begin_locked();                        // REQUIRES: mu_ held
   std::int64_t sample_count() const;                   // REQUIRES: mu_ held
   std::vector<double> samples_locked() const;          // REQUIRES: mu_ held
+  void copy_locked(SessionCopy& c);                    // takes mu_
+  /// A beat session's intervals that count: played, or all received.
+  /// REQUIRES: mu_ held.
+  std::vector<double> beats_locked() const;
   /// The breathing of the moment: the step's in an assessment, else the
   /// session's. REQUIRES: mu_ held.
   BreathingSettings breathing_now(PacerPosition* where = nullptr) const;
@@ -191,6 +222,13 @@ class SessionState {
   double import_rate_;
 
   std::vector<double> replay_samples_, live_samples_;
+  // A beat session's source. Times are in samples at kSampleRate, so that a
+  // replay's position, the markers and the schedule count as for an ECG.
+  bool beats_ = false;
+  std::string beat_device_;
+  std::vector<double> replay_beats_, live_beats_;
+  std::vector<double> replay_beat_ends_;  // end of each replayed beat, ascending
+  double live_beats_time_ = 0;            // sum of the live intervals x kSampleRate
   std::int32_t replay_pos_ = 0, replay_total_ = 0;
   double replay_speed_ = 2.0, clock_start_ = 0, replay_offset_ = 0;
   double live_start_ = 0;  // monotonic time of the first live sample; 0: none yet

@@ -43,7 +43,8 @@ SessionSidecar session_sidecar(const ExportInput& in) {
   return {in.rf,
           SessionPerson{in.name, in.breathing.sex, in.breathing.age, in.breathing.indur,
                         in.breathing.outdur},
-          {}};
+          {},
+          in.beat_device};
 }
 
 std::string sidecar_text(const SessionSidecar& sidecar) {
@@ -60,6 +61,7 @@ std::string sidecar_text(const SessionSidecar& sidecar) {
     if (p->indur > 0 && p->outdur > 0)
       out += "indur=" + short_number(p->indur) + "\noutdur=" + short_number(p->outdur) + "\n";
   }
+  if (!sidecar.device.empty()) out += "device=" + one_line(sidecar.device) + "\n";
   return out;
 }
 
@@ -75,6 +77,7 @@ SessionSidecar read_sidecar(std::string_view text) {
         std::string(trim_blanks(line.substr(eq + 1)));
   }
   SessionSidecar out;
+  out.device = one_line(values["device"]);
   if (const auto name = values.find("name"); name != values.end() && !name->second.empty()) {
     SessionPerson& p = out.person.emplace();
     p.name = one_line(name->second);

@@ -32,6 +32,8 @@ struct SessionSidecar {
   std::optional<RfProtocol> rf;         // absent: a single rhythm
   std::optional<SessionPerson> person;  // absent: the sidecar names no one
   std::string protocol_error;           // set: the protocol could not be read, `rf` is absent
+  /// The strap a beat recording came from; empty: not said (or an ECG).
+  std::string device;
 };
 
 /// The sidecar a session writes beside its recording.

@@ -10,7 +10,8 @@ namespace cvn {
 TfrImages compute_tfr_images(const TfrInput& in) {
   TfrImages out;
   const RecordingAnalysis recording =
-      analyze_recording(EcgSamples{in.samples}, in.breathing.cycle_seconds());
+      in.samples.empty() ? analyze_recording(RrSeconds{in.rr_seconds}, in.breathing.cycle_seconds())
+                         : analyze_recording(EcgSamples{in.samples}, in.breathing.cycle_seconds());
   if (recording.rr.empty()) {
     out.error = "Not enough data recorded yet.";
     return out;

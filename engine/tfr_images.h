@@ -11,7 +11,10 @@
 namespace cvn {
 
 struct TfrInput {
-  std::vector<double> samples;   // ECG at kSampleRate
+  std::vector<double> samples;  // ECG at kSampleRate
+  /// A beat session's intervals, seconds (analysable_beats); the maps come
+  /// from these when there is no ECG.
+  std::vector<double> rr_seconds;
   BreathingSettings breathing;   // the cycle length, and who for the reference level
   std::optional<RfProtocol> rf;  // an assessment: its breaths are the maps' cycles
 };

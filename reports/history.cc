@@ -60,17 +60,9 @@ bool read_integer(std::string_view s, T* out) {
   return ec == std::errc() && end == s.data() + s.size();
 }
 
-}  // namespace
-
-RecordingSummary summarize_recording(const std::vector<double>& ecg, double cycle_seconds,
-                                     const std::optional<RfProtocol>& rf) {
-  RecordingSummary out;
-  out.protocol = rf ? "rf" : "free";
-  if (ecg.empty()) {
-    out.error = "Not a recording: no samples in it.";
-    return out;
-  }
-  const RecordingAnalysis a = analyze_recording(EcgSamples{ecg}, cycle_seconds);
+// The summary of one run of the chain.
+RecordingSummary summary_of(const RecordingAnalysis& a, const std::optional<RfProtocol>& rf,
+                            RecordingSummary out) {
   out.duration_s = a.duration_seconds;
   if (a.rr.empty()) {
     out.error = "No heartbeats found in it.";
@@ -84,6 +76,31 @@ RecordingSummary summarize_recording(const std::vector<double>& ecg, double cycl
   return out;
 }
 
+}  // namespace
+
+RecordingSummary summarize_recording(const std::vector<double>& ecg, double cycle_seconds,
+                                     const std::optional<RfProtocol>& rf) {
+  RecordingSummary out;
+  out.protocol = rf ? "rf" : "free";
+  if (ecg.empty()) {
+    out.error = "Not a recording: no samples in it.";
+    return out;
+  }
+  return summary_of(analyze_recording(EcgSamples{ecg}, cycle_seconds), rf, std::move(out));
+}
+
+RecordingSummary summarize_beats(const std::vector<double>& rr_seconds, double cycle_seconds,
+                                 const std::optional<RfProtocol>& rf) {
+  RecordingSummary out;
+  out.protocol = rf ? "rf" : "free";
+  // One interval is two beats but no heart rate to draw between them.
+  if (rr_seconds.size() < 2) {
+    out.error = "Not a recording: fewer than two beat intervals in it.";
+    return out;
+  }
+  return summary_of(analyze_recording(RrSeconds{rr_seconds}, cycle_seconds), rf, std::move(out));
+}
+
 std::string stamp_date(std::string_view s) {
   if (s.size() != 15 || s[8] != '-' || !all_digits(s.substr(0, 8)) || !all_digits(s.substr(9)))
     return {};
@@ -95,6 +112,7 @@ std::string stamp_date(std::string_view s) {
 RecordingName parse_recording_name(std::string_view file) {
   RecordingName out;
   std::string_view stem = file.substr(0, std::min(file.rfind('.'), file.size()));
+  if (file.ends_with(kBeatsEnding)) stem.remove_suffix(std::string_view("_RR").size());
   if (stem.ends_with("_recovered")) stem.remove_suffix(std::string_view("_recovered").size());
   out.name = std::string(stem);
   const std::size_t stamp_at = stem.rfind('_');

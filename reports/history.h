@@ -34,10 +34,17 @@ struct RecordingSummary {
 RecordingSummary summarize_recording(const std::vector<double>& ecg, double cycle_seconds,
                                      const std::optional<RfProtocol>& rf);
 
+/// summarize_recording for a beat recording: `rr_seconds` are its intervals
+/// as the session analyses them (no ECG to find beats in). Fewer than two
+/// intervals give an error.
+RecordingSummary summarize_beats(const std::vector<double>& rr_seconds, double cycle_seconds,
+                                 const std::optional<RfProtocol>& rf);
+
 /// What a recording's file name says. Saved sessions are named
 /// "<name>_on<in>_off<out>_<sex><age>_<YYYYmmdd-HHMMSS>.csv" (a recovered one
-/// adds "_recovered"), imports "imported_<name>_<YYYYmmdd-HHMMSS>.csv"; any
-/// other name is all name. Unknown parts stay empty, 0 or -1.
+/// adds "_recovered"; a beat recording ends "_RR.txt"), imports
+/// "imported_<name>_<YYYYmmdd-HHMMSS>.csv"; any other name is all name. Unknown parts stay empty, 0
+/// or -1.
 struct RecordingName {
   std::string name;
   std::string date;  // "YYYY-mm-dd HH:MM:SS", local time; "" when the name has none

@@ -118,7 +118,9 @@ Response start_replay(const ServerContext& c, const Request& r) {
   if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
   if (!is_plain_file_name(file) ||
       !c.engine->start_replay(path, settings, replay_options(r.query), &note))
-    return Response::json("{\"error\":\"file not found\"}", 404);
+    // A beat recording too short to play says so; anything else is missing.
+    return Response::json("{\"error\":" + json_text(note.empty() ? "file not found" : note) + "}",
+                          404);
   if (!note.empty()) return Response::json("{\"ok\":true,\"note\":" + json_text(note) + "}");
   return ok();
 }

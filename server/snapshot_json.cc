@@ -202,8 +202,8 @@ std::string snapshot_with(const Snapshot& s, const std::string& hr_json,
   j += ",\"batch\":{\"status\":\"";
   j += job_text(s.batch.state, "running");
   j += "\",\"total\":" + std::to_string(s.batch.total) +
-       ",\"done\":" + std::to_string(s.batch.done) + ",\"msg\":" + json_text(s.batch.message) +
-       "}}";
+       ",\"done\":" + std::to_string(s.batch.done) + ",\"msg\":" + json_text(s.batch.message) + "}";
+  j += s.beats ? ",\"source\":\"beats\"}" : ",\"source\":\"ecg\"}";
   return j;
 }
 

@@ -67,6 +67,12 @@ function onSnapshot(s) {
 const kPacerFrameMs = 1000 / 30 - 2;
 let pacerDrawn = -Infinity;
 
+/** What the empty scope says: a strap that sends beats has no ECG to draw. */
+function scopeNote(s) {
+  if (s.source === 'beats') return 'No ECG from this strap – heart beats only';
+  return s.mode === 'live' && s.running ? 'Waiting for ECG…' : 'No ECG';
+}
+
 function frame(ts) {
   frameId = requestAnimationFrame(frame);
   if (ts - pacerDrawn >= kPacerFrameMs) {
@@ -76,7 +82,12 @@ function frame(ts) {
   if (!last) return;
   if (dirty.text) renderTexts(last);
   if (dirty.markers) renderMarkers(last.markers || []);
-  if (dirty.scope) drawScope($('ecg'), canvasSize($('ecg')), last.ecg, last.scope_samples, last.mode === 'live' && last.running ? 'Waiting for ECG…' : 'No ECG');
+  if (dirty.scope) {
+    const note = scopeNote(last);
+    drawScope($('ecg'), canvasSize($('ecg')), last.ecg, last.scope_samples, note);
+    // The note is drawn on the canvas; screen readers (and tests) read it here.
+    $('ecg').setAttribute('aria-label', last.ecg?.length ? 'ECG' : note);
+  }
   if (dirty.chart) drawTrend($('chart'), canvasSize($('chart')), last);
   dirty.text = dirty.scope = dirty.chart = dirty.markers = false;
 }

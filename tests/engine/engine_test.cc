@@ -12,6 +12,8 @@
 #include <thread>
 #include <tuple>
 
+#include "analysis/ecg.h"
+#include "analysis/pipeline.h"
 #include "assets/assets.h"
 #include "engine/sidecar.h"
 #include "tests/support/http_client.h"
@@ -36,8 +38,12 @@ class FakeSensor : public BleManager {
     samples = std::move(s);
     status = std::move(st);
   }
+  void connect_and_stream_beats(const std::string&, BeatsCallback b, StatusCallback) override {
+    beats = std::move(b);
+  }
   void stop() override {}
   SamplesCallback samples;
+  BeatsCallback beats;
   StatusCallback status;
 };
 
@@ -265,6 +271,115 @@ TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
   EXPECT_TRUE(journals().at(0).samples.empty());        // the old one was given up
   ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
   EXPECT_TRUE(journals().empty());
+}
+
+// A strap that sends beats, never ECG: a live session of `rr`, three
+// intervals a notification.
+void record_beats(Engine& engine, FakeSensor& sensor, const std::vector<double>& rr) {
+  SessionSettings s = named("Kim");
+  s.beats = true;
+  engine.start_live("00:22:D0:00:00:03", std::string("HR Strap X"), s);
+  for (std::size_t at = 0; at < rr.size(); at += 3)
+    sensor.beats({rr.begin() + at, rr.begin() + std::min(at + 3, rr.size())});
+}
+
+// The sample's beats in a strap's 1/1024 s steps.
+std::vector<double> strap_beats() {
+  const std::vector<double> ecg = read_recording(*find_asset("Sample 1.txt"));
+  std::vector<double> rr =
+      peak_intervals(find_r_peaks(ecg, kSampleRate, kMaxHeartRate), kSampleRate);
+  for (double& r : rr) r = std::round(r * 1024) / 1024;
+  return rr;
+}
+
+// The heart rate and HRV shown are the offline chain's on `reference`.
+void expect_as_offline(const Snapshot& s, const std::vector<double>& reference) {
+  const RecordingAnalysis a = analyze_recording(RrSeconds{reference}, 16, {.cycles = false});
+  ASSERT_EQ(s.hr_series->size(), a.hr.size());
+  for (std::size_t i = 0; i < a.hr.size(); ++i) ASSERT_EQ((*s.hr_series)[i].y, a.hr[i]) << i;
+  EXPECT_EQ(s.rr_count, static_cast<std::int32_t>(reference.size()));
+  ASSERT_TRUE(s.hrv);
+  for (const HrvField& f : hrv_fields())  // NaN as -1, to compare empty indices too
+    EXPECT_EQ(std::fmax(f.value(*s.hrv), -1), std::fmax(f.value(a.hrv), -1)) << f.name;
+}
+
+std::string exported(Engine& engine) {
+  engine.start_export();
+  EXPECT_TRUE(wait_until([&] { return engine.export_status().state != JobState::kRunning; }, 60s));
+  return engine.export_status().result.folder + "/Kim";
+}
+
+// An interval of 0 or of seconds is repaired as the export repairs it, never
+// divided by (RunningBeats checks the passes before the stop against this).
+TEST_F(EngineTest, BeatSessionIsTheOfflineChainOnTheSameBeatsAndExported) {
+  const std::vector<double> clean = strap_beats();
+  std::vector<double> damaged = clean;
+  damaged[40] = 0.0;
+  damaged[90] = 4.5;
+  for (const auto& [fed, reference] :
+       {std::pair{clean, clean}, {damaged, analysable_beats(damaged)}}) {
+    record_beats(engine, *sensor, fed);
+    engine.stop();
+    const Snapshot s = engine.snapshot();
+    EXPECT_TRUE(s.beats && s.scope.empty());
+    double time = 0;  // the session's: the sum of what the strap sent
+    for (double r : fed) time += r * kSampleRate;
+    EXPECT_EQ(s.samples, static_cast<std::int64_t>(time));
+    expect_as_offline(s, reference);
+  }
+  ExportInput offline;
+  offline.rr_seconds = analysable_beats(damaged);
+  offline.name = "Kim";
+  const ExportResult want = write_export(offline, data / "offline", clock);
+  EXPECT_EQ(slurp(exported(engine) + "_HRV.csv"), slurp(want.folder + "/Kim_HRV.csv"));
+}
+
+// The journal holds the beats until the save; the saved <stem>_RR.txt
+// replays in its own time (a beat counts once the replay passes its end) and
+// exports a heart-rate EDF+ and no ECG file.
+TEST_F(EngineTest, BeatSessionJournalSaveReplayAndExportKeepTheBeats) {
+  const std::vector<double> rr = strap_beats();
+  record_beats(engine, *sensor, rr);
+  ASSERT_TRUE(engine.add_marker(3));
+  engine.stop();
+  const std::string journal = data / "recordings/Kim_on5_off11_M40_" +
+                              file_time_stamp(clock.wall()) + std::string(kJournalEnding);
+  EXPECT_EQ(read_journal(slurp(journal)).beats, rr);
+  const SaveResult saved = engine.save();
+  ASSERT_TRUE(saved.file.ends_with(kBeatsEnding)) << saved.error;
+  const std::string path = data / ("recordings/" + saved.file);
+  EXPECT_EQ(read_beats(slurp(path)).rr_seconds, rr);
+  EXPECT_EQ(read_sidecar(slurp(sidecar_path(path))).device, "HR Strap X");
+  EXPECT_FALSE(std::filesystem::exists(journal));
+
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused));
+  engine.seek(0.5);
+  engine.update_analysis();
+  std::size_t played = 0;
+  for (double t = 0; (t += rr[played]) * kSampleRate <= engine.snapshot().samples;) ++played;
+  EXPECT_EQ(engine.snapshot().rr_count, static_cast<std::int32_t>(played));
+  ASSERT_TRUE(engine.start_replay(path, {}, {4.0, ""}));
+  clock.advance(static_cast<double>(rr.size()));  // past the end at 4x
+  ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
+  expect_as_offline(engine.snapshot(), rr);
+  EXPECT_EQ(engine.snapshot().markers.size(), 1u);
+  const std::string files = exported(engine);
+  EXPECT_FALSE(std::filesystem::exists(files + "_ECG.txt"));
+  EXPECT_EQ(slurp(files + ".edf").substr(256, 2), "HR");
+
+  // Lines that are no interval are left out; under 3 intervals is refused.
+  for (const auto& [text, beats] : {std::pair{"800\nbeats\n\n-5\n900,x\n1000\r\n", 3},
+                                    {"0\n800\n4000\n", 2},
+                                    {"800\n900\n", -1}}) {
+    spit(path, text);
+    std::string note;
+    ASSERT_EQ(engine.start_replay(path, {}, kPaused, &note), beats >= 0) << text;
+    EXPECT_EQ(note.find("at least 3") != std::string::npos, beats < 0) << note;
+    engine.seek(1);
+    engine.update_analysis();
+    // The 0 of three cannot be judged (no spread): left out.
+    if (beats >= 0) EXPECT_EQ(engine.snapshot().rr_count, beats) << text;
+  }
 }
 
 // The strap's callbacks append from their own thread while the analysis

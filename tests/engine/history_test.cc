@@ -56,6 +56,10 @@ class HistoryTest : public testing::Test {
     side.person = SessionPerson{"Ben", "M", 50, 2, 8};
     spit(rec("imported_x_20250201-080000.session"), sidecar_text(side));
     spit(rec("Ben_on5_off11_M50_20250202-080000.csv"), "ECG of Ben\n\x01\x02\n");
+    // And a beat recording, analysed from its intervals.
+    std::vector<double> rr;
+    for (int i = 0; i < 300; ++i) rr.push_back(0.9 + 0.06 * std::sin(i * 0.55));
+    spit(rec("Ben_on5_off11_M50_20250203-080000_RR.txt"), format_beats(rr));
   }
   std::string rec(const std::string& file) const { return dir.path() + "/" + file; }
 
@@ -75,7 +79,7 @@ TEST_F(HistoryTest, TwoPeopleTheirRowsADamagedFileAndAStaleCache) {
   const std::vector<PersonCount> people = history.people();
   ASSERT_EQ(people.size(), 2u);
   EXPECT_EQ(std::tie(people[0].name, people[0].recordings), std::make_tuple("Anna Berg", 2));
-  EXPECT_EQ(std::tie(people[1].name, people[1].recordings), std::make_tuple("Ben", 2));
+  EXPECT_EQ(std::tie(people[1].name, people[1].recordings), std::make_tuple("Ben", 3));
 
   const std::optional<PersonHistory> anna = settled(history, "Anna_Berg");
   ASSERT_TRUE(anna);
@@ -94,11 +98,13 @@ TEST_F(HistoryTest, TwoPeopleTheirRowsADamagedFileAndAStaleCache) {
 
   const std::optional<PersonHistory> ben = settled(history, "Ben");
   ASSERT_TRUE(ben);
-  ASSERT_EQ(ben->rows.size(), 2u);
-  EXPECT_EQ(ben->rows[0].file.file, "Ben_on5_off11_M50_20250202-080000.csv");
-  EXPECT_EQ(ben->rows[0].summary.error, "Not a recording: no samples in it.");
-  EXPECT_EQ(ben->rows[1].summary.error, "");
-  EXPECT_NEAR(ben->rows[1].summary.duration_s, 34320 / 260.0, 1);
+  ASSERT_EQ(ben->rows.size(), 3u);
+  EXPECT_GT(ben->rows[0].summary.rmssd, 0);  // the beats
+  EXPECT_NEAR(ben->rows[0].summary.duration_s, 270, 1);
+  EXPECT_EQ(ben->rows[1].file.file, "Ben_on5_off11_M50_20250202-080000.csv");
+  EXPECT_EQ(ben->rows[1].summary.error, "Not a recording: no samples in it.");
+  EXPECT_EQ(ben->rows[2].summary.error, "");
+  EXPECT_NEAR(ben->rows[2].summary.duration_s, 34320 / 260.0, 1);
   EXPECT_FALSE(history.person("Nobody"));
 }
 

@@ -52,8 +52,8 @@ TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
     for (int round = 0; round < 3; ++round) {
       for (int i = 0; i < 73; ++i) samples.push_back(round * 100 + i + 0.5);
       markers.push_back({static_cast<std::int32_t>(samples.size()), round + 1});
-      journal.collect(7, samples, markers);
-      journal.collect(8, std::vector<double>(1000, 9.0), {});  // another session's
+      journal.collect(7, samples, {}, markers);
+      journal.collect(8, std::vector<double>(1000, 9.0), {}, {});  // another session's
       journal.write(round * 0.5, false);
     }
   }  // closed as a killed process leaves it, plus a torn last write:
@@ -82,6 +82,23 @@ TEST(JournalRecovery, WriterOutputBecomesANamedRecordingAndTheJournalGoes) {
       EXPECT_EQ(r.markers, 3u);
     }
   }
+}
+
+// A beat session's journal (r-lines) recovers as a beat recording: the
+// intervals bit for bit, a torn last one dropped with the marker past it.
+TEST(JournalRecovery, ABeatSessionBecomesABeatRecording) {
+  TempDir dir;
+  const std::vector<double> beats = {0.8, 790.0 / 1024, 0.0, 3.5};  // 0 and 3.5 s kept
+  {
+    LiveJournal journal;
+    ASSERT_TRUE(journal.start(dir / "b.journal", 3));
+    journal.collect(3, {}, beats, {{205, 2}});
+    journal.write(0, false);
+  }
+  spit(dir / "b.journal", slurp(dir / "b.journal") + "m4,661\nr1200");
+  ASSERT_EQ(recover_journals(dir.path()).at(0).file, "b_recovered_RR.txt");
+  EXPECT_EQ(read_beats(slurp(dir / "b_recovered_RR.txt")).rr_seconds, beats);
+  EXPECT_EQ(slurp(dir / "b_recovered_markers.csv"), markers_csv({{205, 2}}));
 }
 
 // On a full disk or a read-only folder the journal may be the only copy of a

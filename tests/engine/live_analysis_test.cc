@@ -76,3 +76,31 @@ TEST(RunningAnalysis, EachPassShowsOnlyTheSamplesPlayedInThisSession) {
 
 }  // namespace
 }  // namespace cvn
+
+namespace cvn {
+namespace {
+
+// A beat session's passes keep the live scores before the first interval
+// that changed: growing by a beat or by many, a damaged beat repaired later,
+// a replay moved back, or a new step's cycle must each give, bit for bit,
+// what the whole list gives.
+TEST(RunningBeats, EachPassIsTheWholeListsAnalysis) {
+  std::vector<double> rr;
+  for (int i = 0; i < 400; ++i) rr.push_back(0.85 + 0.08 * std::sin(i * 0.7) + 0.01 * (i % 3));
+  rr[150] = 2.6;  // a missed beat: clean_rr repairs it once enough follow
+  RunningBeats running;
+  for (const auto& [beats, cycle] : std::initializer_list<std::pair<std::size_t, double>>{
+           {3, 16}, {4, 16}, {151, 16}, {152, 16}, {231, 16}, {120, 16}, {300, 10}, {400, 10}}) {
+    const std::vector<double> so_far(rr.begin(), rr.begin() + beats);
+    const LiveAnalysis got = running.update(so_far, cycle, false);
+    const LiveAnalysis want = analyze_beats(so_far, cycle, false);
+    ASSERT_EQ(got.cvn_series.size(), want.cvn_series.size()) << beats;
+    for (std::size_t i = 0; i < want.cvn_series.size(); ++i) {
+      const double a = got.cvn_series[i].y, b = want.cvn_series[i].y;
+      ASSERT_TRUE(a == b || (std::isnan(a) && std::isnan(b))) << beats << " at " << i;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace cvn

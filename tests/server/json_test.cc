@@ -52,7 +52,7 @@ TEST(Snapshot, IdleSnapshotHasEveryFieldInOrder) {
       R"("indur":5,"outdur":11,"cycle_seconds":16,"expected_freq":0.0625,"sex":"M","age":40,)"
       R"("protocol":"free","rf":null,"tfr_status":"idle","saved_as":null,"export_status":"idle","markers":[],)"
       R"("app_version":"1.0.0","replay_speed":null,"scope_samples":780,"countdown_cycles":2,)"
-      R"("batch":{"status":"idle","total":0,"done":0,"msg":""}})");
+      R"("batch":{"status":"idle","total":0,"done":0,"msg":""},"source":"ecg"})");
 }
 
 TEST(Snapshot, RoundingProgressSeriesAndMarkers) {

@@ -11,7 +11,7 @@ import { createRequire } from 'node:module';
 import { chromium } from 'playwright-core';
 const kAxe = createRequire(import.meta.url).resolve('axe-core/axe.min.js');
 
-const { CVN_URL: BASE, CVN_STRAP_URL: STRAP, CVN_ARTIFACTS: ARTIFACTS = os.tmpdir() } = process.env;
+const { CVN_URL: BASE, CVN_STRAP_URL: STRAP, CVN_BEATS_URL: BEATS, CVN_ARTIFACTS: ARTIFACTS = os.tmpdir() } = process.env;
 if (!BASE) throw new Error('CVN_URL is not set: run the tests through tests/web/run.sh');
 
 let browser;
@@ -412,6 +412,23 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   await page.waitForSelector('#setup', { state: 'visible' });
   assert.equal(calls('/stop').length, 2);
   assert.equal((await (await page.request.get(STRAP + 'status')).json()).running, false);
+  await done();
+});
+
+// A strap that sends beats and no ECG: the scope says so; heart rate and coupling come from the beats.
+test('live from a strap that sends beats only: no ECG, heart rate and coupling', { skip: !BEATS && 'CVN_BEATS_URL not set' }, async () => {
+  const { page, calls, done } = await openPage(1280, 800, BEATS);
+  await page.click('#scanBtn');
+  await waitText(page, '#scanNote', /^Found 1 device/, 20000);
+  assert.deepEqual(await page.$$eval('#device option', (o) => o.map((e) => e.textContent)), ['HR Strap SIM00003 — A0:9E:1A:00:00:03 (beats)']);
+  await page.click('.chip >> text=10 s cycle');
+  await page.click('#startBtn');
+  await waitText(page, '#hrVal', /^\d{2,3}\.\d$/, 15000);
+  assert.equal(calls('/start_live')[0].searchParams.get('source'), 'beats');
+  assert.equal(await page.getAttribute('#ecg', 'aria-label'), 'No ECG from this strap – heart beats only');
+  assert.equal(await countInk(page, '#ecg', 'dark'), 0, 'a strap without ECG drew a trace');
+  await waitText(page, '#cvnVal', /^[−+]\d/, 40000);  // after two 10 s cycles
+  await shot(page, 'live-beats-1280.png');
   await done();
 });
 

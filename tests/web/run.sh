@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Browser end-to-end tests: starts the program (one as a machine without
-# Bluetooth runs it, one with the simulated strap), each on a free port with a
+# Bluetooth runs it, one with the simulated ECG strap, one with the simulated
+# strap that sends beats only), each on a free port with a
 # throw-away home, runs the Chromium tests against them and stops them.
 # Screenshots land in test-artifacts/.  Usage: bash tests/web/run.sh <corvane-live>
 set -euo pipefail
@@ -49,7 +50,9 @@ start_program plain DBUS_SYSTEM_BUS_ADDRESS="$bus"
 export CVN_URL="http://127.0.0.1:$port/"
 start_program strap CVN_SIMULATED_STRAP=1
 export CVN_STRAP_URL="http://127.0.0.1:$port/"
+start_program beats CVN_SIMULATED_STRAP=beats
+export CVN_BEATS_URL="http://127.0.0.1:$port/"
 
 (cd "$here" && node --test --test-reporter=tap e2e.mjs) && exit 0
-for name in plain strap; do echo "--- program output ($name) ---" >&2; cat "$work/$name"/*.log >&2; done
+for name in plain strap beats; do echo "--- program output ($name) ---" >&2; cat "$work/$name"/*.log >&2; done
 exit 1
