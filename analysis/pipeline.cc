@@ -52,14 +52,23 @@ RecordingAnalysis analyze_recording(EcgSamples ecg, double cycle_seconds,
 RecordingAnalysis analyze_recording(RrSeconds rr, double cycle_seconds,
                                     const PipelineOptions& options) {
   RecordingAnalysis a;
-  const bool usable = std::all_of(rr.seconds.begin(), rr.seconds.end(),
-                                  [](double r) { return std::isfinite(r) && r > 0.0; });
-  const double samples = std::accumulate(rr.seconds.begin(), rr.seconds.end(), 0.0) * kSampleRate;
+  if (rr.from_strap) {
+    CleanedRr cleaned = clean_rr_marked(rr.seconds);
+    for (std::size_t i = 0; i < cleaned.rr.size(); ++i) {
+      if (!(std::isfinite(cleaned.rr[i]) && cleaned.rr[i] > 0.0)) continue;
+      a.rr.push_back(cleaned.rr[i]);
+      a.corrected.push_back(cleaned.replaced[i]);
+    }
+  } else {
+    a.rr = rr.seconds;
+    a.corrected.assign(a.rr.size(), 0);
+  }
+  const bool usable =
+      std::all_of(a.rr.begin(), a.rr.end(), [](double r) { return std::isfinite(r) && r > 0.0; });
+  const double samples = std::accumulate(a.rr.begin(), a.rr.end(), 0.0) * kSampleRate;
   // Beyond a 32-bit sample index no cycle can be placed (cycle_bounds), and the
   // heart-rate grid alone would take gigabytes.
-  if (!usable || !(samples <= std::numeric_limits<std::int32_t>::max())) return a;
-  a.rr = rr.seconds;
-  a.corrected.assign(a.rr.size(), 0);
+  if (!usable || !(samples <= std::numeric_limits<std::int32_t>::max())) return {};
   a.beats = a.rr.empty() ? 0 : a.rr.size() + 1;
   a.sample_count = static_cast<std::size_t>(samples);
   stage_done(options, "r_peaks");

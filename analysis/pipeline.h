@@ -19,10 +19,16 @@ struct EcgSamples {
   const std::vector<double>& samples;
 };
 
-/// Beat-to-beat intervals in seconds from elsewhere (a Kubios export): used
-/// as given, since their source has already corrected them.
+/// Beat-to-beat intervals in seconds from elsewhere. A Kubios export's are
+/// used as given, since their source has already corrected them. A
+/// heart-rate strap's (`from_strap`) are cleaned as R-peak intervals are
+/// (clean_rr_marked, the replaced ones marked, so that the HRV's artefact
+/// share and the RR table say so); an interval still not positive and finite
+/// after that (clean_rr returns a series without spread unchanged) is left
+/// out, since no beat can be placed by it.
 struct RrSeconds {
   const std::vector<double>& seconds;
+  bool from_strap = false;
 };
 
 /// What analyze_recording does beyond the beats and the heart rate.

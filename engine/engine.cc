@@ -146,9 +146,10 @@ std::optional<RfResult> Engine::rf_result() {
   if (!c.input.rf) return std::nullopt;
   const PipelineOptions o{.cycles = false, .hrv = false};
   const double cycle = c.input.breathing.cycle_seconds();
-  const RecordingAnalysis a = c.strap_beats
-                                  ? analyze_recording(RrSeconds{c.input.rr_seconds}, cycle, o)
-                                  : analyze_recording(EcgSamples{c.input.samples}, cycle, o);
+  const RecordingAnalysis a =
+      c.strap_beats
+          ? analyze_recording(RrSeconds{c.input.rr_seconds, c.input.rr_from_strap}, cycle, o)
+          : analyze_recording(EcgSamples{c.input.samples}, cycle, o);
   return score_rf(*c.input.rf, a.rr, a.hr, a.duration_seconds);
 }
 

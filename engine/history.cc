@@ -72,8 +72,7 @@ RecordingSummary compute(const std::string& path) {
   }
   const bool beats = file.ends_with(kBeatsEnding);
   // Analysed as a beat session analyses them, so both agree.
-  const std::vector<double> rr =
-      beats ? analysable_beats(read_beats(*text).rr_seconds) : std::vector<double>{};
+  const std::vector<double> rr = beats ? read_beats(*text).rr_seconds : std::vector<double>{};
   const std::vector<double> ecg = beats ? std::vector<double>{} : read_recording(*text);
   text.reset();
   const Reading r = reading_of(path, file);

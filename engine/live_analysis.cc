@@ -50,27 +50,20 @@ LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_secon
       cycle_seconds, with_hrv);
 }
 
-std::vector<double> analysable_beats(const std::vector<double>& strap_rr) {
-  std::vector<double> rr = clean_rr(strap_rr);
-  std::erase_if(rr, [](double r) { return !(std::isfinite(r) && r > 0.0); });
-  return rr;
-}
-
 LiveAnalysis analyze_beats(const std::vector<double>& strap_rr, double cycle_seconds,
                            bool with_hrv) {
   // The whole list each pass: about a millisecond at two hours of beats
   // (docs/engine.md), so nothing is carried over between passes.
-  const std::vector<double> rr = analysable_beats(strap_rr);
-  return live_results(
-      analyze_recording(RrSeconds{rr}, cycle_seconds, {.cycles = false, .hrv = with_hrv}),
-      cycle_seconds, with_hrv);
+  return live_results(analyze_recording(RrSeconds{strap_rr, true}, cycle_seconds,
+                                        {.cycles = false, .hrv = with_hrv}),
+                      cycle_seconds, with_hrv);
 }
 
 LiveAnalysis RunningBeats::update(const std::vector<double>& strap_rr, double cycle_seconds,
                                   bool with_hrv) {
-  std::vector<double> rr = analysable_beats(strap_rr);
-  const RecordingAnalysis r =
-      analyze_recording(RrSeconds{rr}, cycle_seconds, {.cycles = false, .hrv = with_hrv});
+  const RecordingAnalysis r = analyze_recording(RrSeconds{strap_rr, true}, cycle_seconds,
+                                                {.cycles = false, .hrv = with_hrv});
+  std::vector<double> rr = r.rr;
   // The scores before the first beat whose interval changed (the cleaning
   // may revise earlier ones when its bounds move) read nothing new.
   std::size_t from = 0;

@@ -30,15 +30,10 @@ struct LiveAnalysis {
 LiveAnalysis analyze_live(const std::vector<double>& samples, double cycle_seconds,
                           bool with_hrv = false);
 
-/// The intervals a beat session is analysed on: the strap's, as clean_rr
-/// repairs them (a missed beat, an interval of 0), less any it left that the
-/// chain cannot place (not finite, or not positive: clean_rr returns a series
-/// whose spread is 0 unchanged). What the live pass, the TFR, the export and
-/// the history all analyse, so that they agree.
-std::vector<double> analysable_beats(const std::vector<double>& strap_rr);
-
 /// analyze_live for a session of beat intervals (seconds, as the strap sent
-/// them): the chain on analysable_beats, the series on the time they span.
+/// them): the chain on them, cleaned (RrSeconds::from_strap), the series on
+/// the time they span. What the TFR, the export and the history analyse too,
+/// so that they agree.
 LiveAnalysis analyze_beats(const std::vector<double>& strap_rr, double cycle_seconds,
                            bool with_hrv = false);
 
@@ -52,7 +47,7 @@ class RunningBeats {
   void reset();
 
  private:
-  std::vector<double> rr_;  // analysable_beats of the last update
+  std::vector<double> rr_;  // the cleaned intervals of the last update
   double cycle_seconds_ = 0;
   std::vector<double> scores_;
 };

@@ -262,7 +262,10 @@ SessionCopy SessionState::copy() {
   SessionCopy c;
   copy_locked(c);
   // Cleaned outside the lock: the strap's callbacks wait on it.
-  if (c.strap_beats) c.input.rr_seconds = analysable_beats(*c.strap_beats);
+  if (c.strap_beats) {
+    c.input.rr_seconds = *c.strap_beats;
+    c.input.rr_from_strap = true;
+  }
   return c;
 }
 

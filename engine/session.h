@@ -118,8 +118,8 @@ struct AnalysisInput {
 /// What save and the jobs know of the session, copied in one go.
 struct SessionCopy {
   /// The samples that count (see samples()); no logo. A beat session has no
-  /// samples, its intervals as analysable_beats gives them in rr_seconds
-  /// and its strap in beat_device.
+  /// samples, its intervals as the strap sent them in rr_seconds (with
+  /// rr_from_strap: the analysis cleans them) and its strap in beat_device.
   ExportInput input;
   /// A beat session's intervals as the strap sent them: what a save keeps.
   std::optional<std::vector<double>> strap_beats;

@@ -10,8 +10,9 @@ namespace cvn {
 TfrImages compute_tfr_images(const TfrInput& in) {
   TfrImages out;
   const RecordingAnalysis recording =
-      in.samples.empty() ? analyze_recording(RrSeconds{in.rr_seconds}, in.breathing.cycle_seconds())
-                         : analyze_recording(EcgSamples{in.samples}, in.breathing.cycle_seconds());
+      in.samples.empty()
+          ? analyze_recording(RrSeconds{in.rr_seconds, true}, in.breathing.cycle_seconds())
+          : analyze_recording(EcgSamples{in.samples}, in.breathing.cycle_seconds());
   if (recording.rr.empty()) {
     out.error = "Not enough data recorded yet.";
     return out;

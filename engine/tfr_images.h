@@ -12,8 +12,8 @@ namespace cvn {
 
 struct TfrInput {
   std::vector<double> samples;  // ECG at kSampleRate
-  /// A beat session's intervals, seconds (analysable_beats); the maps come
-  /// from these when there is no ECG.
+  /// A beat session's intervals, seconds, as the strap sent them; the maps
+  /// come from these when there is no ECG.
   std::vector<double> rr_seconds;
   BreathingSettings breathing;   // the cycle length, and who for the reference level
   std::optional<RfProtocol> rf;  // an assessment: its breaths are the maps' cycles

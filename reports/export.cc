@@ -80,7 +80,7 @@ ExportResult write_export(const ExportInput& in, const std::string& exports_fold
   // Analysis first: nothing is created for a recording the writer cannot read.
   const RecordingAnalysis analysis =
       have_ecg ? analyze_recording(EcgSamples{in.samples}, cycle_seconds)
-               : analyze_recording(RrSeconds{in.rr_seconds}, cycle_seconds);
+               : analyze_recording(RrSeconds{in.rr_seconds, in.rr_from_strap}, cycle_seconds);
   const CycleAnalysis& cycles = analysis.cycles;
   const std::size_t beats = analysis.beats;
   // An assessment is scored as /rf_result scores the session (the same beats, heart rate and

@@ -35,6 +35,9 @@ struct ExportInput {
   /// The strap whose beat intervals `rr_seconds` are (a strap that sends no
   /// ECG); empty for an RR export.
   std::string beat_device;
+  /// `rr_seconds` are a strap's beats as it sent them, to be cleaned (see
+  /// RrSeconds); false for an RR export, used as given.
+  bool rr_from_strap = false;
   std::vector<Marker> markers;
   std::string name;             // the session's name; the folder and files use it sanitised
   BreathingSettings breathing;  // the cycle length, and the person for the reference level

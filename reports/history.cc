@@ -98,7 +98,8 @@ RecordingSummary summarize_beats(const std::vector<double>& rr_seconds, double c
     out.error = "Not a recording: fewer than two beat intervals in it.";
     return out;
   }
-  return summary_of(analyze_recording(RrSeconds{rr_seconds}, cycle_seconds), rf, std::move(out));
+  return summary_of(analyze_recording(RrSeconds{rr_seconds, true}, cycle_seconds), rf,
+                    std::move(out));
 }
 
 std::string stamp_date(std::string_view s) {
