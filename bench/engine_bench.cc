@@ -32,7 +32,7 @@ struct Session {
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
     engine = new cvn::Engine(folder, nullptr);
-    engine->start_replay(folder + "/rec.txt", {}, {0.0, ""});
+    (void)engine->start_replay(folder + "/rec.txt", {}, {0.0, ""});
     engine->seek(1.0);
     engine->update_analysis();
     engine->stop();

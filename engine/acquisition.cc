@@ -196,7 +196,7 @@ SaveResult Acquisition::save() {
     for (double rr : *beats) seconds += rr;
   }
   if (seconds < 1.0) {
-    r.error = "Nothing recorded to save yet.";
+    r.status = Status::error("Nothing recorded to save yet.");
     return r;
   }
   const std::string file = session_stem(in.name, in.breathing.indur, in.breathing.outdur,
@@ -205,7 +205,7 @@ SaveResult Acquisition::save() {
   const std::string path = recordings_ + "/" + file;
   // Atomic, so a crash mid-save never leaves a truncated recording.
   if (!disk_.write_atomic(path, beats ? format_beats(*beats) : format_recording(in.samples)).ok()) {
-    r.error = "write failed";
+    r.status = Status::error("write failed");
     return r;
   }
   // The header-only file is written too, so a replay finds "no markers"

@@ -27,7 +27,7 @@ struct ReplayOptions {
 };
 
 struct SaveResult {
-  std::string error;      // empty on success, else for the user
+  Status status;          // a failure's message is for the user
   std::string file;       // the recording's file name
   std::size_t count = 0;  // samples, or a beat recording's intervals
 };

@@ -23,10 +23,10 @@ Engine::Engine(std::string data_folder, std::unique_ptr<BleManager> ble, Clock& 
 
 Engine::~Engine() = default;
 
-bool Engine::start_replay(const std::string& path, const SessionSettings& requested,
-                          const ReplayOptions& options, std::string* note) {
+Status Engine::start_replay(const std::string& path, const SessionSettings& requested,
+                            const ReplayOptions& options, std::string* note) {
   std::optional<std::string> text = read_file(path);
-  if (!text) return false;
+  if (!text) return Status::error("file not found");
   const std::size_t slash = path.rfind('/');
   const std::string file = slash == std::string::npos ? path : path.substr(slash + 1);
   std::vector<double> samples;
@@ -36,13 +36,10 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& reques
     if (b.skipped_lines > 0)
       logLine("Replay of " + file + ": " + std::to_string(b.skipped_lines) +
               " lines that are not beat intervals were left out.");
-    if (b.rr_seconds.size() < kMinReplayBeats) {
-      if (note)
-        *note = "This beat recording holds " + std::to_string(b.rr_seconds.size()) +
-                " beat intervals; at least " + std::to_string(kMinReplayBeats) +
-                " are needed to replay it.";
-      return false;
-    }
+    if (b.rr_seconds.size() < kMinReplayBeats)
+      return Status::error("This beat recording holds " + std::to_string(b.rr_seconds.size()) +
+                           " beat intervals; at least " + std::to_string(kMinReplayBeats) +
+                           " are needed to replay it.");
     beats.emplace().rr_seconds = std::move(b.rr_seconds);
   } else {
     samples = read_recording(*text);
@@ -63,7 +60,7 @@ bool Engine::start_replay(const std::string& path, const SessionSettings& reques
   start_replay_of(std::move(samples),
                   marker_text ? read_markers(*marker_text) : std::vector<Marker>{}, file, settings,
                   options, std::move(beats));
-  return true;
+  return {};
 }
 
 void Engine::start_replay_of(std::vector<double> samples, std::vector<Marker> markers,
@@ -85,7 +82,7 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
                                       const ReplayOptions& options) {
   ImportResult r;
   if (text.empty()) {
-    r.note = "No file received.";
+    r.status = Status::error("No file received.");
     return r;
   }
   const std::string name = import_name(file_name);
@@ -93,7 +90,8 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
     std::vector<double> rr = read_kubios_rr(text);
     r.beats = rr.size();
     if (r.beats < kMinKubiosBeats) {
-      r.note = "This looks like a Kubios file but no RR-interval column was found.";
+      r.status =
+          Status::error("This looks like a Kubios file but no RR-interval column was found.");
       return r;
     }
     // The export goes through a batch of its own, handed the intervals
@@ -103,7 +101,7 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
     request.report_name = name;
     request.files.push_back({name + ".csv", name + ".csv", std::nullopt, std::move(rr)});
     if (!jobs_.start_batch(std::move(request), settings)) {
-      r.note = "A batch is already running.";
+      r.status = Status::error("A batch is already running.");
       return r;
     }
     r.kubios = true;
@@ -112,16 +110,17 @@ ImportResult Engine::import_recording(const std::string& text, const std::string
   const double rate = session_.import_rate(settings);
   std::vector<double> samples = resample(read_recording(text), rate);
   if (samples.size() < kMinImportSamples) {
-    r.note =
+    r.status = Status::error(
         "That file did not look like a raw ECG (.txt/.csv with one sample per line) or a Kubios "
-        "export.";
+        "export.");
     return r;
   }
   r.file = "imported_" + name + "_" + file_time_stamp(clock_.wall()) + ".csv";
   const std::string path = data_folder_ + "/recordings/" + r.file;
   if (const Status s = write_file_atomic(path, format_recording(samples)); !s.ok()) {
     logLine(s.message());
-    r.note = "Could not save the imported recording in " + data_folder_ + "/recordings.";
+    r.status =
+        Status::error("Could not save the imported recording in " + data_folder_ + "/recordings.");
     r.file.clear();
     return r;
   }
@@ -160,11 +159,13 @@ Snapshot Engine::snapshot() {
   return s;
 }
 
-std::string Engine::reset_upload_folder() {
+Status Engine::reset_upload_folder() {
   std::error_code ec;
   std::filesystem::remove_all(upload_folder(), ec);
   if (!ec) std::filesystem::create_directories(upload_folder(), ec);
-  return ec ? "Could not prepare the upload folder " + upload_folder() + ": " + ec.message() : "";
+  if (!ec) return {};
+  return Status::error("Could not prepare the upload folder " + upload_folder() + ": " +
+                       ec.message());
 }
 
 }  // namespace cvn

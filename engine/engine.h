@@ -26,7 +26,7 @@ namespace cvn {
 
 /// How an upload ended: either a note for the user, or what it became.
 struct ImportResult {
-  std::string note;  // empty on success
+  Status status;     // a failure's message is for the user
   std::string file;  // raw ECG: the recording it was saved as
   bool kubios = false;
   std::size_t beats = 0;  // Kubios: RR intervals read
@@ -49,14 +49,13 @@ class Engine {
   BleManager* sensor() const { return ble_.get(); }
 
   /// Loads the recording at `path` (its markers file, and its sidecar
-  /// unless `s` names a protocol) and plays it from the start; a beat
-  /// recording ("…_RR.txt") plays its intervals in their own time. False,
-  /// with the engine untouched, when it cannot be read, or is a beat
-  /// recording of fewer than kMinReplayBeats intervals (`note` then says
-  /// so). `note`, when given, says why a damaged sidecar was passed over
-  /// (the replay then runs as one rhythm).
-  bool start_replay(const std::string& path, const SessionSettings& s, const ReplayOptions& options,
-                    std::string* note = nullptr);
+  /// unless `s` names a protocol) and plays it from the start. A failure,
+  /// with the engine untouched, says why: "file not found" when it cannot be
+  /// read, or that a beat recording is too short to play. `note`, when
+  /// given, says why a damaged sidecar was passed over (the replay then runs
+  /// as one rhythm).
+  Status start_replay(const std::string& path, const SessionSettings& s,
+                      const ReplayOptions& options, std::string* note = nullptr);
 
   /// The scores of a resonance assessment so far (or of the whole, once
   /// stopped); nullopt when the session is not one.
@@ -108,8 +107,8 @@ class Engine {
   BatchStatus batch_status() { return jobs_.batch_status(); }
   /// Where uploaded folders are put together for a batch.
   std::string upload_folder() const { return data_folder_ + "/_upload_tmp"; }
-  /// Empties the upload folder; the error for the user, or "".
-  std::string reset_upload_folder();
+  /// Empties the upload folder.
+  Status reset_upload_folder();
 
   /// The logo the PDF reports carry; set once at start-up.
   void set_report_logo(ReportLogo logo) { jobs_.set_report_logo(std::move(logo)); }

@@ -8,6 +8,7 @@
 #include "base/constants.h"
 #include "base/file_names.h"
 #include "base/files.h"
+#include "base/log.h"
 #include "base/recording.h"
 #include "engine/engine.h"
 #include "sensor/ble_manager.h"
@@ -116,11 +117,12 @@ Response start_replay(const ServerContext& c, const Request& r) {
   SessionSettings settings = session_settings(r.query);
   std::string reason, note;
   if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
-  if (!is_plain_file_name(file) ||
-      !c.engine->start_replay(path, settings, replay_options(r.query), &note))
-    // A beat recording too short to play says so; anything else is missing.
-    return Response::json("{\"error\":" + json_text(note.empty() ? "file not found" : note) + "}",
-                          404);
+  // A name that could leave the folder is as missing as one that is not there.
+  const Status started =
+      is_plain_file_name(file)
+          ? c.engine->start_replay(path, settings, replay_options(r.query), &note)
+          : Status::error("file not found");
+  if (!started.ok()) return Response::json("{\"error\":" + json_text(started.message()) + "}", 404);
   if (!note.empty()) return Response::json("{\"ok\":true,\"note\":" + json_text(note) + "}");
   return ok();
 }
@@ -150,8 +152,8 @@ Response stop(const ServerContext& c, const Request&) {
 
 Response save(const ServerContext& c, const Request&) {
   SaveResult r = c.engine->save();
-  if (!r.error.empty())
-    return Response::json("{\"ok\":false,\"error\":" + json_text(r.error) + "}");
+  if (!r.status.ok())
+    return Response::json("{\"ok\":false,\"error\":" + json_text(r.status.message()) + "}");
   return Response::json("{\"ok\":true,\"file\":" + json_text(r.file) +
                         ",\"count\":" + std::to_string(r.count) + "}");
 }
@@ -232,7 +234,8 @@ Response batch_status(const ServerContext& c, const Request&) {
 }
 
 Response batch_new(const ServerContext& c, const Request&) {
-  c.engine->reset_upload_folder();
+  // The uploads that follow say what fails, file by file.
+  if (const Status s = c.engine->reset_upload_folder(); !s.ok()) logLine(s.message());
   return ok();
 }
 
@@ -269,7 +272,8 @@ Response import(const ServerContext& c, const Request& r) {
   std::string reason;
   if (!protocol_params(r.query, &settings, &reason)) return refused(reason);
   ImportResult i = c.engine->import_recording(r.body, file_name, settings, replay_options(r.query));
-  if (!i.note.empty()) return Response::json("{\"ok\":false,\"note\":" + json_text(i.note) + "}");
+  if (!i.status.ok())
+    return Response::json("{\"ok\":false,\"note\":" + json_text(i.status.message()) + "}");
   if (i.kubios)
     return Response::json("{\"ok\":true,\"kubios\":true,\"beats\":" + std::to_string(i.beats) +
                           "}");

@@ -78,19 +78,19 @@ TEST_F(EngineTest, SettingsAreRoundedAndTheNameStaysWhenAbsentOrTheFileUnreadabl
   SessionSettings s = named("x");
   s.indur = 1.954;
   s.outdur = 0.01;
-  ASSERT_TRUE(engine.start_replay(ramp, s, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, s, kPaused).ok());
   Snapshot snap = engine.snapshot();
   EXPECT_EQ(snap.indur, 1.95);
   EXPECT_EQ(snap.outdur, 0.05);  // raised to the shortest period
   EXPECT_EQ(snap.cycle_seconds, 2.0);
-  EXPECT_FALSE(engine.start_replay(data / "sample_data/none.txt", named("other"), kPaused));
+  EXPECT_FALSE(engine.start_replay(data / "sample_data/none.txt", named("other"), kPaused).ok());
   EXPECT_EQ(engine.snapshot().name_id, "x");
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());
   EXPECT_EQ(engine.snapshot().name_id, "x");
 }
 
 TEST_F(EngineTest, ReplayFollowsTheClockAndSeekClamps) {
-  ASSERT_TRUE(engine.start_replay(ramp, {}, {2.0, ""}));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, {2.0, ""}).ok());
   clock.advance(5.0);  // 5 s at twice real time: 10 s of recording
   EXPECT_TRUE(wait_until([&] { return played() == 1300; }, 2s)) << played();
   engine.seek(0.5);
@@ -116,7 +116,7 @@ TEST_F(EngineTest, AnAssessmentFollowsItsStepsStopsAfterTheLastAndKeepsItsSchedu
   SessionSettings rf = named("Rf");
   rf.rf = RfProtocol{{10, 9}, 60, 0.5};  // 10 breaths of 6 s, then 9 of 6.67 s: 120 s
   rf.protocol_named = true;
-  ASSERT_TRUE(engine.start_replay(long_ramp, rf, {1.0, ""}));
+  ASSERT_TRUE(engine.start_replay(long_ramp, rf, {1.0, ""}).ok());
   clock.advance(30);
   ASSERT_TRUE(wait_until([&] { return played() == 30 * 130; }, 2s)) << played();
   Snapshot s = engine.snapshot();
@@ -134,18 +134,18 @@ TEST_F(EngineTest, AnAssessmentFollowsItsStepsStopsAfterTheLastAndKeepsItsSchedu
   EXPECT_LT(played(), 150 * 130);
 
   const SaveResult saved = engine.save();
-  ASSERT_EQ(saved.error, "");
+  ASSERT_EQ(saved.status.message(), "");
   const std::string path = data / ("recordings/" + saved.file);
   EXPECT_EQ(slurp(sidecar_path(path)),
             "# Corvane Live session 1\nprotocol=rf\nrates=10,9\nstep_s=60\ninfrac=0.5\n"
             "name=Rf\nsex=M\nage=40\nindur=5\noutdur=11\n");
-  ASSERT_TRUE(engine.start_replay(path, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused).ok());
   ASSERT_TRUE(engine.snapshot().rf);
   EXPECT_EQ(engine.snapshot().rf->protocol.rates, (std::vector<double>{10, 9}));
 
   spit(sidecar_path(path), "protocol=rf\nrates=10\n");  // one rate is no assessment
   std::string note;
-  ASSERT_TRUE(engine.start_replay(path, {}, kPaused, &note));
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused, &note).ok());
   EXPECT_FALSE(engine.snapshot().rf);
   EXPECT_NE(note.find("single rhythm"), std::string::npos) << note;
 }
@@ -159,7 +159,7 @@ TEST_F(EngineTest, StartsAndStopsFromSeveralThreadsEndInOneSession) {
       for (int k = 0; k < 30; ++k) i ? (void)engine.start_replay(ramp, {}, kPaused) : engine.stop();
     });
   for (std::thread& t : clicks) t.join();
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());
   EXPECT_TRUE(engine.running());
 }
 
@@ -167,7 +167,7 @@ TEST_F(EngineTest, MarkersNeedARunningSessionAFreshSampleAndAKey) {
   engine.stop();
   EXPECT_EQ(engine.snapshot().mode, Mode::kIdle);
   EXPECT_FALSE(engine.add_marker(3));  // stopped
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());
   engine.seek(0.1);
   EXPECT_FALSE(engine.add_marker(0));
   EXPECT_FALSE(engine.add_marker(10));
@@ -187,12 +187,12 @@ TEST_F(EngineTest, MarkersNeedARunningSessionAFreshSampleAndAKey) {
 }
 
 TEST_F(EngineTest, SaveWritesTheSamplesPlayedAndTheirMarkers) {
-  EXPECT_EQ(engine.save().error, "Nothing recorded to save yet.");
-  ASSERT_TRUE(engine.start_replay(ramp, named("Anna"), kPaused));
+  EXPECT_EQ(engine.save().status.message(), "Nothing recorded to save yet.");
+  ASSERT_TRUE(engine.start_replay(ramp, named("Anna"), kPaused).ok());
   engine.seek(0.1);  // 10 s played
   ASSERT_TRUE(engine.add_marker(2));
   SaveResult r = engine.save();
-  ASSERT_EQ(r.error, "");
+  ASSERT_EQ(r.status.message(), "");
   EXPECT_TRUE(std::regex_match(r.file, std::regex(R"(Anna_on5_off11_M40_\d{8}-\d{6}\.csv)")))
       << r.file;
   EXPECT_EQ(r.count, 1300u);
@@ -201,7 +201,7 @@ TEST_F(EngineTest, SaveWritesTheSamplesPlayedAndTheirMarkers) {
   EXPECT_EQ(engine.snapshot().saved_as, r.file);
 
   // The saved recording replays with its marker, as a new session.
-  ASSERT_TRUE(engine.start_replay(data / ("recordings/" + r.file), {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(data / ("recordings/" + r.file), {}, kPaused).ok());
   Snapshot s = engine.snapshot();
   ASSERT_EQ(s.markers.size(), 1u);
   EXPECT_EQ(s.markers[0].sample, 1300);
@@ -210,7 +210,7 @@ TEST_F(EngineTest, SaveWritesTheSamplesPlayedAndTheirMarkers) {
 
   std::filesystem::remove_all(data / "recordings");
   engine.seek(1);
-  EXPECT_EQ(engine.save().error, "write failed");
+  EXPECT_EQ(engine.save().status.message(), "write failed");
 }
 
 TEST_F(EngineTest, LiveScopeTrailsArrivalByFourTenthsOfASecond) {
@@ -255,12 +255,12 @@ TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
         return j.size() == 1 && j[0].markers.size() == 1 && j[0].markers[0].sample == 260;
       },
       2s));
-  ASSERT_EQ(engine.save().error, "");  // saved while running: more may come
+  ASSERT_EQ(engine.save().status.message(), "");  // saved while running: more may come
   ASSERT_EQ(journals().size(), 1u);
   sensor->samples(std::vector<double>(130, 8.0));
   engine.stop();
   EXPECT_EQ(journals().at(0).samples.size(), 390u);  // the stop writes the rest
-  ASSERT_EQ(engine.save().error, "");
+  ASSERT_EQ(engine.save().status.message(), "");
   EXPECT_TRUE(journals().empty());
 
   engine.start_live("AA", std::nullopt, named("Kim"));
@@ -269,7 +269,7 @@ TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
   EXPECT_EQ(journals().at(0).samples.size(), 130u);     // stopped, unsaved: kept
   engine.start_live("AA", std::nullopt, named("Kim"));  // same name, same second
   EXPECT_TRUE(journals().at(0).samples.empty());        // the old one was given up
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());
   EXPECT_TRUE(journals().empty());
 }
 
@@ -348,19 +348,19 @@ TEST_F(EngineTest, BeatSessionJournalSaveReplayAndExportKeepTheBeats) {
                               file_time_stamp(clock.wall()) + std::string(kJournalEnding);
   EXPECT_EQ(read_journal(slurp(journal)).beats, rr);
   const SaveResult saved = engine.save();
-  ASSERT_TRUE(saved.file.ends_with(kBeatsEnding)) << saved.error;
+  ASSERT_TRUE(saved.file.ends_with(kBeatsEnding)) << saved.status.message();
   const std::string path = data / ("recordings/" + saved.file);
   EXPECT_EQ(read_beats(slurp(path)).rr_seconds, rr);
   EXPECT_EQ(read_sidecar(slurp(sidecar_path(path))).device, "HR Strap X");
   EXPECT_FALSE(std::filesystem::exists(journal));
 
-  ASSERT_TRUE(engine.start_replay(path, {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(path, {}, kPaused).ok());
   engine.seek(0.5);
   engine.update_analysis();
   std::size_t played = 0;
   for (double t = 0; (t += rr[played]) * kSampleRate <= engine.snapshot().samples;) ++played;
   EXPECT_EQ(engine.snapshot().rr_count, static_cast<std::int32_t>(played));
-  ASSERT_TRUE(engine.start_replay(path, {}, {4.0, ""}));
+  ASSERT_TRUE(engine.start_replay(path, {}, {4.0, ""}).ok());
   clock.advance(static_cast<double>(rr.size()));  // past the end at 4x
   ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
   expect_as_offline(engine.snapshot(), rr);
@@ -374,9 +374,10 @@ TEST_F(EngineTest, BeatSessionJournalSaveReplayAndExportKeepTheBeats) {
                                     {"0\n800\n4000\n", 2},
                                     {"800\n900\n", -1}}) {
     spit(path, text);
-    std::string note;
-    ASSERT_EQ(engine.start_replay(path, {}, kPaused, &note), beats >= 0) << text;
-    EXPECT_EQ(note.find("at least 3") != std::string::npos, beats < 0) << note;
+    const Status started = engine.start_replay(path, {}, kPaused);
+    ASSERT_EQ(started.ok(), beats >= 0) << text;
+    EXPECT_EQ(started.message().find("at least 3") != std::string::npos, beats < 0)
+        << started.message();
     engine.seek(1);
     engine.update_analysis();
     // The 0 of three cannot be judged (no spread): left out.
@@ -415,11 +416,11 @@ TEST(EngineJobs, OldTfrDoesNotLandInANewSession) {
   TempDir data;
   spit(data / "Sample 1.txt", std::string(*find_asset("Sample 1.txt")));
   Engine engine(data.path(), nullptr);
-  ASSERT_TRUE(engine.start_replay(data / "Sample 1.txt", {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(data / "Sample 1.txt", {}, kPaused).ok());
   engine.seek(1);
   engine.start_tfr();
   EXPECT_EQ(engine.tfr().state, JobState::kRunning);
-  ASSERT_TRUE(engine.start_replay(data / "Sample 1.txt", {}, kPaused));
+  ASSERT_TRUE(engine.start_replay(data / "Sample 1.txt", {}, kPaused).ok());
   EXPECT_EQ(engine.tfr().state, JobState::kIdle);
   // The old job takes well under a second; give it three.
   EXPECT_FALSE(wait_until([&] { return engine.tfr().state != JobState::kIdle; }, 3s));

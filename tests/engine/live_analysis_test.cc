@@ -57,7 +57,7 @@ TEST(RunningAnalysis, EachPassShowsOnlyTheSamplesPlayedInThisSession) {
     SCOPED_TRACE(std::string(step.file) + " at " + std::to_string(step.position));
     if (*step.file) {
       engine.stop();
-      ASSERT_TRUE(engine.start_replay(data / step.file, {}, {0.0, ""}));
+      ASSERT_TRUE(engine.start_replay(data / step.file, {}, {0.0, ""}).ok());
       ecg = std::string(step.file) == "long.txt" ? &long_ecg : &short_ecg;
     }
     engine.seek(step.position);

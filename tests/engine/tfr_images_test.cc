@@ -45,7 +45,7 @@ TEST(TfrJob, FullReplayEndsWithTheFinalAnalysisAndGivesTwoPictures) {
   ASSERT_TRUE(
       test::spit(data / "sample_data/Sample 1.txt", std::string(*find_asset("Sample 1.txt"))));
   Engine engine(data.path(), nullptr);
-  ASSERT_TRUE(engine.start_replay(data / "sample_data/Sample 1.txt", {}, {200.0, ""}));
+  ASSERT_TRUE(engine.start_replay(data / "sample_data/Sample 1.txt", {}, {200.0, ""}).ok());
   ASSERT_TRUE(wait_until([&] { return !engine.running(); }, 10s));
   const Snapshot s = engine.snapshot();
   EXPECT_EQ(s.samples, s.replay_total);
