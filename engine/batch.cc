@@ -29,10 +29,16 @@ bool ends_with_longer(const std::string& name, std::string_view ending) {
 bool is_recording_file(const std::string& name) {
   if (ends_with_longer(name, ".txt")) return true;
   if (!ends_with_longer(name, ".csv")) return false;
-  return !ends_with_longer(name, "_markers.csv") && !ends_with_longer(name, "_CVN_logpower.csv");
+  for (std::string_view ours :
+       {"_markers.csv", "_CVN_logpower.csv", "_HRV.csv", "_RR.csv", "_RF.csv"})
+    if (ends_with_longer(name, ours)) return false;
+  return true;
 }
 
+// A beat recording is named for its person as an ECG is: "Kim_RR.txt" is Kim's.
 std::string stem_of(const std::string& name) {
+  if (ends_with_longer(name, kBeatsEnding))
+    return name.substr(0, name.size() - kBeatsEnding.size());
   std::size_t dot = name.rfind('.');
   return dot == std::string::npos ? name : name.substr(0, dot);
 }
@@ -84,7 +90,21 @@ BatchItem process(const Job& job, const BatchSettings& settings, const std::stri
     }
   }
   const std::string_view text = read ? *read : file.text ? *file.text : std::string_view();
-  if (!file.rr_seconds.empty() || looks_like_kubios(text)) {
+  if (file.rr_seconds.empty() && ends_with_longer(file.name, kBeatsEnding)) {
+    // A strap's beats as we save them: cleaned by the analysis, not as given.
+    in.rr_seconds = read_beats(text).rr_seconds;
+    in.rr_from_strap = true;
+    item.entry.rr_only = true;
+    if (in.rr_seconds.size() < kMinKubiosBeats) {
+      item.entry.error = "Not a beat recording: fewer than " + std::to_string(kMinKubiosBeats) +
+                         " beat intervals in it.";
+      return item;
+    }
+    if (read) {
+      if (std::optional<std::string> m = io.disk.read(markers_path(file.path)))
+        in.markers = read_markers(*m);
+    }
+  } else if (!file.rr_seconds.empty() || looks_like_kubios(text)) {
     in.rr_seconds = file.rr_seconds.empty() ? read_kubios_rr(text) : file.rr_seconds;
     item.entry.rr_only = true;
     if (in.rr_seconds.size() < kMinKubiosBeats) {

@@ -40,14 +40,17 @@ export function sizeText(bytes) {
 }
 
 const lower = (s) => s.toLowerCase();
-export const stem = (name) => (name.lastIndexOf('.') > 0 ? name.slice(0, name.lastIndexOf('.')) : name);
+// A strap's beat recording is its person's as an ECG is: "Kim_RR.txt" is Kim's.
+export const stem = (name) =>
+  /._rr\.txt$/i.test(name) ? name.slice(0, -7)
+    : name.lastIndexOf('.') > 0 ? name.slice(0, name.lastIndexOf('.')) : name;
 
 // Why a file of the chosen folder is not sent, or '' when it is.
 function skipReason(name, size) {
   const n = lower(name);
   if (!n.endsWith('.txt') && !n.endsWith('.csv')) return 'not a .txt or .csv file';
   if (n.endsWith('hrv.txt')) return 'a Kubios text report; export the RR intervals as .csv';
-  if (n.endsWith('_cvn_logpower.csv')) return 'an output of this program';
+  if (['_cvn_logpower.csv', '_hrv.csv', '_rr.csv', '_rf.csv'].some((e) => n.endsWith(e))) return 'an output of this program';
   if (size > config.max_upload_bytes) return 'larger than ' + uploadLimitText();
   return '';
 }

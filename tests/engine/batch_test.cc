@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 
+#include "assets/assets.h"
 #include "base/recording.h"
 #include "tests/support/kubios_export.h"
 #include "tests/support/temp_dir.h"
@@ -46,6 +47,36 @@ TEST(RunBatch, RecordingsInMemoryAtAFixedTime) {
   EXPECT_NE(stopped.error, "");
   EXPECT_TRUE(stopped.reports.empty());
   EXPECT_TRUE(std::filesystem::is_empty(dir / "stopped"));
+}
+
+// A folder as a study leaves it: an ECG recording, a strap's beat recording
+// with its markers, and our own tables from an earlier export, which are not
+// recordings. The beats are cleaned as a live session cleans them.
+TEST(RunBatch, BeatRecordingsCountAndOurTablesDoNot) {
+  test::TempDir dir;
+  std::vector<double> rr;
+  for (int i = 0; i < 300; ++i)
+    rr.push_back(std::round((0.9 + 0.1 * std::sin(i * 0.4)) * 1024) / 1024);
+  rr[100] = 0;  // a beat the strap missed
+  test::spit(dir / "study/Kim_RR.txt", format_beats(rr));
+  test::spit(dir / "study/Kim_markers.csv", markers_csv({{1300, 4}}));
+  test::spit(dir / "study/Lea.txt", std::string(*find_asset("Sample 1.txt")));
+  for (const char* ours : {"Lea_HRV.csv", "Lea_RR.csv", "Lea_RF.csv", "Lea_CVN_logpower.csv"})
+    test::spit(dir / (std::string("study/") + ours), "index,value,unit\n1,2,3\n");
+  BatchRequest request;
+  request.folder = dir / "study";
+  ManualClock clock;
+  const BatchOutcome out = run_batch(request, dir / "exports", {},
+                                     [](int, int, const std::string&) {}, 1, {.clock = clock});
+  ASSERT_EQ(out.error, "");
+  EXPECT_EQ(out.reports, (std::vector<std::string>{
+                             "Kim_export/Kim_report.pdf", "Lea_export/Lea_report.pdf",
+                             "study_" + file_time_stamp(clock.wall()) + "_summary_report.pdf"}))
+      << out.reports.size();
+  const std::string table = test::slurp(dir / "exports/Kim_export/Kim_RR.csv");
+  EXPECT_NE(table.find(",1\n"), std::string::npos) << "the missed beat is marked as replaced";
+  EXPECT_NE(test::slurp(dir / "exports/Kim_export/Kim_markers.csv").find("4,1300"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -28,23 +28,25 @@ test('the rate the program will use and what it does with the file', () => {
 test('a chosen folder: persons, recordings, markers and the files left behind with the reason', () => {
   const files = [
     ['Anna/morning.txt', 10], ['Anna/deep/evening.CSV', 10], ['Anna/morning_markers.csv', 1],
-    ['Ben.txt', 10], ['Ben/rest_hrv.txt', 10], ['Ben/rest_CVN_logpower.csv', 10],
+    ['Ben.txt', 10], ['Ben/rest_hrv.txt', 10], ['Ben/rest_CVN_logpower.csv', 10], ['Ben/rest_RR.csv', 10],
+    ['Dan_RR.txt', 10],
     ['Carla/huge.txt', config.max_upload_bytes + 1], ['Carla/ok.txt', config.max_upload_bytes],
     ['protocol.docx', 5], ['.DS_Store', 5], ['Anna/.hidden/x.txt', 5],
   ].map(([path, size]) => ({ path, size }));
 
   const batch = planFolder(files, false);
-  assert.deepEqual(batch.recordings.map((f) => f.path), ['Anna/morning.txt', 'Anna/deep/evening.CSV', 'Ben.txt', 'Carla/ok.txt']);
+  assert.deepEqual(batch.recordings.map((f) => f.path), ['Anna/morning.txt', 'Anna/deep/evening.CSV', 'Ben.txt', 'Dan_RR.txt', 'Carla/ok.txt']);
   assert.deepEqual(batch.markers.map((f) => f.path), ['Anna/morning_markers.csv']);
   // A file at the top is a person of its own, named by its stem, and joins a folder of that name.
-  assert.deepEqual(batch.persons, [{ name: 'Anna', count: 2 }, { name: 'Ben', count: 1 }, { name: 'Carla', count: 1 }]);
+  assert.deepEqual(batch.persons, [{ name: 'Anna', count: 2 }, { name: 'Ben', count: 1 }, { name: 'Carla', count: 1 }, { name: 'Dan', count: 1 }]);
   assert.deepEqual(batch.skipped, [
     { path: 'Ben/rest_hrv.txt', why: 'a Kubios text report; export the RR intervals as .csv' },
     { path: 'Ben/rest_CVN_logpower.csv', why: 'an output of this program' },
+    { path: 'Ben/rest_RR.csv', why: 'an output of this program' },
     { path: 'Carla/huge.txt', why: 'larger than 512 MB' },
     { path: 'protocol.docx', why: 'not a .txt or .csv file' },
   ]);
 
-  assert.deepEqual(planFolder(files, true).persons, [{ name: '', count: 4 }]);
+  assert.deepEqual(planFolder(files, true).persons, [{ name: '', count: 5 }]);
   assert.deepEqual(planFolder([], true), { recordings: [], markers: [], skipped: [], persons: [] });
 });
