@@ -38,7 +38,7 @@ test('a chosen folder: persons, recordings, markers and the files left behind wi
   assert.deepEqual(batch.recordings.map((f) => f.path), ['Anna/morning.txt', 'Anna/deep/evening.CSV', 'Ben.txt', 'Dan_RR.txt', 'Carla/ok.txt']);
   assert.deepEqual(batch.markers.map((f) => f.path), ['Anna/morning_markers.csv']);
   // A file at the top is a person of its own, named by its stem, and joins a folder of that name.
-  assert.deepEqual(batch.persons, [{ name: 'Anna', count: 2 }, { name: 'Ben', count: 1 }, { name: 'Carla', count: 1 }, { name: 'Dan', count: 1 }]);
+  assert.deepEqual(batch.persons, [{ name: 'Anna', count: 2 }, { name: 'Ben', count: 1 }, { name: 'Dan', count: 1 }, { name: 'Carla', count: 1 }]);
   assert.deepEqual(batch.skipped, [
     { path: 'Ben/rest_hrv.txt', why: 'a Kubios text report; export the RR intervals as .csv' },
     { path: 'Ben/rest_CVN_logpower.csv', why: 'an output of this program' },
