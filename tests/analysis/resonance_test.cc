@@ -11,6 +11,7 @@
 #include "analysis/heart_rate.h"
 #include "analysis/hrv.h"
 #include "base/constants.h"
+#include "tests/support/resonant_rr.h"
 
 namespace cvn {
 namespace {
@@ -126,22 +127,9 @@ TEST(RfScore, RecommendationRule) {
   EXPECT_TRUE(std::isnan(recommend_rf({step(6, 10, 1, false), step(5, kNaN, 1)})));
 }
 
-// RR(t) = 1 - A(r) cos(2 pi (phase - 0.5)) s, the swing A(r) following a resonance curve that
-// peaks at 5 bpm: the shortest interval falls mid-breath.
-std::vector<double> resonant_rr(const std::vector<RfStep>& s) {
-  std::vector<double> rr;
-  for (double t = 0; t < rf_total_seconds(s); t += rr.back()) {
-    const PacerPosition at = pacer_at(s, t);
-    const double r = s[at.step].bpm, detune = r / 5.0 - 5.0 / r;
-    const double a = 0.08 / std::sqrt(1 + 2 * 2 * detune * detune);
-    rr.push_back(1.0 - a * std::cos(2 * std::numbers::pi * (at.phase - 0.5)));
-  }
-  return rr;
-}
-
 TEST(RfScore, ResonantRecordingAndOneStoppedEarly) {
   const RfProtocol p;
-  const std::vector<double> rr = resonant_rr(rf_schedule(p));
+  const std::vector<double> rr = test::resonant_rr(rf_schedule(p));
   const std::vector<double> hr = regular_hr(rr, 600 * kSampleRateInt, kSampleRate);
   const RfResult r = score_rf(p, rr, hr, 600);
   EXPECT_EQ(r.recommended_bpm, 5.0);
@@ -176,7 +164,7 @@ TEST(RfScore, ResonantRecordingAndOneStoppedEarly) {
 // catches a unit or band slip in the step's spectrum.
 TEST(RfScore, StepSpectrumIsTheHrvSpectrum) {
   const RfProtocol p{{5.0, 6.0}, 180, 0.4};
-  const std::vector<double> rr = resonant_rr(rf_schedule(p));
+  const std::vector<double> rr = test::resonant_rr(rf_schedule(p));
   const RfStepScore s = score_rf(p, rr, {}, 360).steps[0];
   std::vector<double> first;
   for (double t = rr[0]; t < 180; t += rr[first.size()]) first.push_back(rr[first.size()]);

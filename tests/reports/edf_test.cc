@@ -103,20 +103,21 @@ Written example(bool heart_rate = false) {
   return w;
 }
 
-class EdfReaders : public testing::TestWithParam<bool> {};
+// Writes the example of the parameter's kind to x.edf for a reader.
+class EdfReaders : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { ASSERT_EQ(write_file(file, bytes_of(w.rec)).message(), ""); }
+  test::TempDir dir;
+  const Written w = example(GetParam());
+  const std::string file = dir / "x.edf";
+};
 
 TEST_P(EdfReaders, EdflibReadsSamplesAndEveryAnnotation) {
 #ifndef CVN_HAVE_EDFLIB
   GTEST_SKIP() << "EDFlib (libedf-dev) is not installed";
 #else
-  test::TempDir dir;
-  const Written w = example(GetParam());
-  const std::vector<std::uint8_t> bytes = edf_file(w.rec);
-  ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
-                .message(),
-            "");
   edf_hdr_struct hdr{};
-  ASSERT_EQ(edfopen_file_readonly((dir / "x.edf").c_str(), &hdr, EDFLIB_READ_ALL_ANNOTATIONS), 0)
+  ASSERT_EQ(edfopen_file_readonly(file.c_str(), &hdr, EDFLIB_READ_ALL_ANNOTATIONS), 0)
       << "EDFlib error " << hdr.filetype;
   EXPECT_EQ(hdr.filetype, EDFLIB_FILETYPE_EDFPLUS);
   EXPECT_STREQ(hdr.patient_name, "Zoe (pilot)");
@@ -149,15 +150,8 @@ TEST_P(EdfReaders, MneReadsTheSameSamplesAndAnnotations) {
   const std::string python = "/usr/bin/python3";
   if (!have_tool(python) || run_tool({python, "-c", "import mne"}).status != 0)
     GTEST_SKIP() << "python3-mne is not installed";
-  test::TempDir dir;
-  const Written w = example(GetParam());
-  const std::vector<std::uint8_t> bytes = edf_file(w.rec);
-  ASSERT_EQ(write_file(dir / "x.edf", {reinterpret_cast<const char*>(bytes.data()), bytes.size()})
-                .message(),
-            "");
-  test::ToolRun r =
-      run_tool({python, std::string(CVN_SOURCE_DIR) + "/tests/reports/read_edf.py", dir / "x.edf"},
-               dir.path());
+  test::ToolRun r = run_tool(
+      {python, std::string(CVN_SOURCE_DIR) + "/tests/reports/read_edf.py", file}, dir.path());
   ASSERT_EQ(r.status, 0) << r.err;
   std::ostringstream want;
   want << "samples " << w.rec.sample_rate * 6 << "\n";

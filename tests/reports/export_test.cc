@@ -10,12 +10,12 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <numbers>
 
 #include "analysis/pipeline.h"
 #include "assets/assets.h"
 #include "reports/edf.h"
 #include "tests/support/fake_disk.h"
+#include "tests/support/resonant_rr.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/temp_dir.h"
 
@@ -29,6 +29,18 @@ ExportInput sample_input() {
   in.name = "Anna B";
   in.summary_maps = true;
   return in;
+}
+
+// What pdftotext reads from `pdf` with `options`, in which every text in `want` must be.
+std::string expect_pdf_text(const std::string& pdf, std::vector<std::string> options,
+                            const std::vector<std::string>& want) {
+  options.insert(options.begin(), "/usr/bin/pdftotext");
+  options.insert(options.end(), {pdf, "-"});
+  const test::ToolRun r = test::run_tool(options);
+  EXPECT_EQ(r.status, 0) << r.err;
+  for (const std::string& t : want)
+    EXPECT_NE(r.out.find(t), std::string::npos) << t << "\n" << r.out;
+  return r.out;
 }
 
 TEST(WriteExport, FilesAgreeWithTheAnalysis) {
@@ -125,34 +137,18 @@ TEST(WriteExport, RrListWithoutEcgLeavesOutTheEcgFiles) {
 
   // The report says where the beats came from: nobody can re-check them.
   if (!test::have_tool("/usr/bin/pdftotext")) GTEST_SKIP() << "poppler-utils is not installed";
-  const test::ToolRun text =
-      test::run_tool({"/usr/bin/pdftotext", "-layout", r.folder + "/kubios_report.pdf", "-"});
-  ASSERT_EQ(text.status, 0) << text.err;
-  for (const char* t : {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
-    EXPECT_NE(text.out.find(t), std::string::npos) << t;
-  EXPECT_EQ(text.out.find("R-peaks"), std::string::npos);
+  EXPECT_EQ(
+      expect_pdf_text(r.folder + "/kubios_report.pdf", {"-layout"},
+                      {"Source: RR-interval export (no ECG recorded)", "Beats (from RR export)"})
+          .find("R-peaks"),
+      std::string::npos);
 
   // The same beats from a strap that sends no ECG name the strap.
   in.beat_device = "Wahoo TICKR 5E21";
   const ExportResult strap = write_export(in, dir.path(), clock);
   ASSERT_TRUE(strap.ok()) << strap.error;
-  const test::ToolRun strap_text =
-      test::run_tool({"/usr/bin/pdftotext", "-layout", strap.folder + "/kubios_report.pdf", "-"});
-  for (const char* t : {"Source: heart beats from Wahoo TICKR 5E21", "Beats (from the strap)"})
-    EXPECT_NE(strap_text.out.find(t), std::string::npos) << t;
-}
-
-// RR(t) = 1 - A(r) cos(2 pi (phase - 0.5)) s through the steps of `s`, the
-// swing A(r) largest at 5 bpm (as in tests/analysis/resonance_test.cc).
-std::vector<double> resonant_rr(const std::vector<RfStep>& s) {
-  std::vector<double> rr;
-  for (double t = 0; t < rf_total_seconds(s); t += rr.back()) {
-    const PacerPosition at = pacer_at(s, t);
-    const double r = s[at.step].bpm, detune = r / 5.0 - 5.0 / r;
-    const double a = 0.08 / std::sqrt(1 + 4 * detune * detune);
-    rr.push_back(1.0 - a * std::cos(2 * std::numbers::pi * (at.phase - 0.5)));
-  }
-  return rr;
+  expect_pdf_text(strap.folder + "/kubios_report.pdf", {"-layout"},
+                  {"Source: heart beats from Wahoo TICKR 5E21", "Beats (from the strap)"});
 }
 
 // An assessment adds its steps after the intervals, scored on the beats, heart
@@ -164,7 +160,7 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   in.name = "rf";
   in.rf = RfProtocol{};
   const std::vector<RfStep> steps = rf_schedule(*in.rf);
-  in.rr_seconds = resonant_rr(steps);
+  in.rr_seconds = test::resonant_rr(steps);
   // In the third breath of the second step.
   in.markers = {{static_cast<int>((steps[1].start_s + 2.5 * steps[1].cycle_s) * 130), 7}};
   const ExportResult r = write_export(in, dir.path());
@@ -202,16 +198,12 @@ TEST(WriteExport, AssessmentAddsItsStepsAndAThirdPage) {
   const std::string pdf = r.folder + "/rf_report.pdf";
   const test::ToolRun info = test::run_tool({"/usr/bin/pdfinfo", pdf});
   EXPECT_NE(info.out.find("\nPages:           3\n"), std::string::npos) << info.out;
-  const test::ToolRun text = test::run_tool({"/usr/bin/pdftotext", "-f", "3", "-l", "3", pdf, "-"});
-  ASSERT_EQ(text.status, 0) << text.err;
-  for (const char* t :
-       {"Resonance frequency assessment", "Recommended pace: 5.0 breaths/min", "Page 3 of 3"})
-    EXPECT_NE(text.out.find(t), std::string::npos) << t << "\n" << text.out;
-  const test::ToolRun first_page =
-      test::run_tool({"/usr/bin/pdftotext", "-f", "1", "-l", "1", "-raw", pdf, "-"});
-  for (const char* t :
-       {"Breathing rates 6.5, 6, 5.5, 5, 4.5 breaths/min", "in 40 % / out 60 % of every breath"})
-    EXPECT_NE(first_page.out.find(t), std::string::npos) << t << "\n" << first_page.out;
+  expect_pdf_text(
+      pdf, {"-f", "3", "-l", "3"},
+      {"Resonance frequency assessment", "Recommended pace: 5.0 breaths/min", "Page 3 of 3"});
+  expect_pdf_text(
+      pdf, {"-f", "1", "-l", "1", "-raw"},
+      {"Breathing rates 6.5, 6, 5.5, 5, 4.5 breaths/min", "in 40 % / out 60 % of every breath"});
 }
 
 // The disk fills up at the third file: the two before it stay whole, the
