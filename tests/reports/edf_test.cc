@@ -46,7 +46,7 @@ TEST(EdfFile, HeaderFieldsAndRecords) {
   EXPECT_EQ(f.substr(256 + 216 * 2, 16), "130     60      ");
   EXPECT_EQ(f.substr(768, 4), std::string("\x0D\x00\x00\x00", 4)) << "12.5 rounds away from zero";
   // The marker past the only record's end still lands in it.
-  EXPECT_EQ(f.substr(768 + 260, 27), std::string("+0\x14\x14\0+2.500\x14Marker 3\x14\0\0\0", 27));
+  EXPECT_EQ(f.substr(768 + 260, 27), std::string("+0\x14\x14\0+2.500\x14Marker 3\x14\0\0\0\0\0\0", 27));
 
   r.name = "";
   EXPECT_EQ(bytes_of(r).substr(8, 10), "X X X X   ");
