@@ -10,6 +10,7 @@
 
 #include "sensor/ble_common.h"
 #include "sensor/hrs.h"
+#include "sensor/simulated_device.h"
 
 namespace cvn {
 
@@ -21,31 +22,17 @@ constexpr const char* kClosed = "simulated strap: link closed";
 // A strap without beats to report still sends its rate about once a second.
 constexpr double kIdleNotificationSeconds = 1.0;
 
-class BeatsLink : public BleConnection {
+class BeatsLink : public SimulatedGatt {
  public:
-  BeatsLink(std::vector<double> rr, double speed) : notifier_(std::move(rr)), speed_(speed) {}
+  BeatsLink(std::vector<double> rr, double speed)
+      : SimulatedGatt(3, kHrsServiceUuid, {kHrsMeasurementUuid}),
+        notifier_(std::move(rr)),
+        speed_(speed) {}
   ~BeatsLink() override { close(); }
 
-  Status watch_connection(std::function<void(bool)>) override { return Status(); }
-  Status maintain_connection(bool* kept) override {
-    *kept = true;
-    return Status();
-  }
   bool connected() override {
     std::lock_guard<std::mutex> g(mu_);
     return !closed_;
-  }
-  Status discover_all(Discovery* out) override {
-    *out = {0, 3};
-    return Status();
-  }
-  Status discover_service(const std::string& uuid, Discovery* out) override {
-    *out = {0, uuid == kHrsServiceUuid ? 1 : 0};
-    return Status();
-  }
-  Status has_characteristic(const std::string& uuid, bool* present) override {
-    *present = uuid == kHrsMeasurementUuid;
-    return Status();
   }
   Status subscribe(const std::string& uuid, Handler h) override {
     std::lock_guard<std::mutex> g(mu_);
@@ -94,31 +81,20 @@ class BeatsLink : public BleConnection {
   std::thread streamer_;
 };
 
-class BeatsStrap : public BleBackend {
+class BeatsStrap : public SimulatedBackend {
  public:
   BeatsStrap(std::vector<double> rr, double speed)
-      : rr_(std::move(rr)),
-        speed_(std::isfinite(speed) && speed > 0 ? speed : 1),
-        address_(parse_ble_address(kSimulatedBeatsAddress)) {}
-  Status has_adapter(bool* present) override {
-    *present = true;
-    return Status();
-  }
-  Status start_scan(std::function<void(const Advertisement&)> seen) override {
-    seen({address_, kSimulatedBeatsName, true});
-    return Status();
-  }
-  void stop_scan() override {}
-  Status open_device(std::uint64_t address, std::stop_token,
-                     std::shared_ptr<BleConnection>* link) override {
-    if (address == address_) *link = std::make_shared<BeatsLink>(rr_, speed_);
-    return Status();
-  }
+      : SimulatedBackend({parse_ble_address(kSimulatedBeatsAddress), kSimulatedBeatsName, true}),
+        rr_(std::move(rr)),
+        speed_(std::isfinite(speed) && speed > 0 ? speed : 1) {}
 
  private:
+  std::shared_ptr<BleConnection> make_link() override {
+    return std::make_shared<BeatsLink>(rr_, speed_);
+  }
+
   const std::vector<double> rr_;
   const double speed_;
-  const std::uint64_t address_;
 };
 
 }  // namespace

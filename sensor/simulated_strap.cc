@@ -10,6 +10,7 @@
 #include "base/constants.h"
 #include "sensor/ble_common.h"
 #include "sensor/pmd.h"
+#include "sensor/simulated_device.h"
 
 namespace cvn {
 
@@ -36,30 +37,15 @@ class LoopedRecording : public SimulatedEcg {
   std::size_t pos_ = 0;
 };
 
-class SimulatedLink : public BleConnection {
+class SimulatedLink : public SimulatedGatt {
  public:
   SimulatedLink(std::unique_ptr<SimulatedEcg> source, double speed)
-      : source_(std::move(source)), speed_(speed) {}
+      : SimulatedGatt(5, kPmdServiceUuid, {kPmdControlUuid, kPmdDataUuid}),
+        source_(std::move(source)),
+        speed_(speed) {}
   ~SimulatedLink() override { close(); }
 
-  Status watch_connection(std::function<void(bool)>) override { return Status(); }
-  Status maintain_connection(bool* kept) override {
-    *kept = true;
-    return Status();
-  }
   bool connected() override { return !closed(); }
-  Status discover_all(Discovery* out) override {
-    *out = {0, 5};
-    return Status();
-  }
-  Status discover_service(const std::string& uuid, Discovery* out) override {
-    *out = {0, uuid == kPmdServiceUuid ? 1 : 0};
-    return Status();
-  }
-  Status has_characteristic(const std::string& uuid, bool* present) override {
-    *present = uuid == kPmdControlUuid || uuid == kPmdDataUuid;
-    return Status();
-  }
   Status subscribe(const std::string& uuid, Handler h) override {
     std::lock_guard<std::mutex> g(mu_);
     if (closed_) return Status::error(kClosed);
@@ -130,41 +116,30 @@ class SimulatedLink : public BleConnection {
   std::thread streamer_;
 };
 
-class SimulatedStrap : public BleBackend {
+class SimulatedStrap : public SimulatedBackend {
  public:
   explicit SimulatedStrap(SimulatedStrapSetup setup)
-      : setup_(std::move(setup)), address_(parse_ble_address(setup_.address)) {
+      : SimulatedBackend({parse_ble_address(setup.address), setup.name, false}),
+        setup_(std::move(setup)) {
     if (!std::isfinite(setup_.speed) || !(setup_.speed > 0)) setup_.speed = 1;
   }
   void set_breathing_guide(BreathingGuide guide) override {
     std::lock_guard<std::mutex> g(mu_);
     guide_ = std::move(guide);
   }
-  Status has_adapter(bool* present) override {
-    *present = true;
-    return Status();
-  }
-  Status start_scan(std::function<void(const Advertisement&)> seen) override {
-    seen({address_, setup_.name, false});
-    return Status();
-  }
-  void stop_scan() override {}
-  Status open_device(std::uint64_t address, std::stop_token,
-                     std::shared_ptr<BleConnection>* link) override {
-    if (address != address_) return Status();
+
+ private:
+  std::shared_ptr<BleConnection> make_link() override {
     BreathingGuide guide;
     {
       std::lock_guard<std::mutex> g(mu_);
       guide = guide_;
     }
-    *link = std::make_shared<SimulatedLink>(setup_.source ? setup_.source(guide) : nullptr,
-                                            setup_.speed);
-    return Status();
+    return std::make_shared<SimulatedLink>(setup_.source ? setup_.source(guide) : nullptr,
+                                           setup_.speed);
   }
 
- private:
   SimulatedStrapSetup setup_;
-  const std::uint64_t address_;
   std::mutex mu_;
   BreathingGuide guide_;  // the engine sets it from its own thread
 };
