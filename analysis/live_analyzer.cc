@@ -35,6 +35,16 @@ std::size_t first_difference(const std::vector<int32_t>& a, const std::vector<in
                                   a.begin());
 }
 
+// The first point of `grid` a change from beat `beat` on can reach: the one
+// at or after beat `beat` - 2 in `times` (where the changed interval's
+// neighbour starts), but not past `bound`.
+std::size_t first_reached(const std::vector<double>& grid, const std::vector<double>& times,
+                          std::size_t beat, std::size_t bound) {
+  const double t = times[beat - 2];
+  return std::min(bound, static_cast<std::size_t>(std::lower_bound(grid.begin(), grid.end(), t) -
+                                                  grid.begin()));
+}
+
 }  // namespace
 
 void LiveAnalyzer::feed(std::span<const double> samples, double cycle_seconds) {
@@ -206,14 +216,9 @@ void LiveAnalyzer::update_hr(std::size_t changed) {
   rate_[n_rr] = n_rr >= 2 ? rate_[n_rr - 1] + (rate_[n_rr - 1] - rate_[n_rr - 2]) : rate_[n_rr - 1];
 
   // Grid points from the last beat before the first changed rate on.
-  std::size_t from = std::min(old_grid, interp_.size());
-  if (from_rate >= 2) {
-    const double t = beat_time_[from_rate - 2];
-    from = std::min(from, static_cast<std::size_t>(std::lower_bound(grid_.begin(), grid_.end(), t) -
-                                                   grid_.begin()));
-  } else {
-    from = 0;
-  }
+  const std::size_t from = from_rate >= 2 ? first_reached(grid_, beat_time_, from_rate,
+                                                          std::min(old_grid, interp_.size()))
+                                          : 0;
   interp_.resize(g);
   for (std::size_t j = from; j < g; ++j) interp_[j] = rate_at(beat_time_, rate_, grid_[j]);
 
@@ -358,14 +363,10 @@ void LiveAnalyzer::update_scores(std::size_t changed, double cycle_seconds) {
   }
 
   // Grid values from the beat before the first change on.
-  std::size_t from = std::min(value_.size(), end_valid_);
-  if (from_beat >= 2 && !rescore) {
-    const double t = score_time_[from_beat - 2];
-    from = std::min(from, static_cast<std::size_t>(std::lower_bound(grid_.begin(), grid_.end(), t) -
-                                                   grid_.begin()));
-  } else {
-    from = 0;
-  }
+  const std::size_t from =
+      from_beat >= 2 && !rescore
+          ? first_reached(grid_, score_time_, from_beat, std::min(value_.size(), end_valid_))
+          : 0;
   value_.resize(g);
   first_valid_ = g;
   end_valid_ = 0;
