@@ -50,6 +50,15 @@ void Acquisition::stop_locked() {
   session_.set_running(false);
 }
 
+void Acquisition::seek(double frac) {
+  // Held so that no new session starts between the move and its analysis.
+  std::lock_guard<std::mutex> l(lifecycle_mu_);
+  session_.seek(frac);
+  // A running replay's clock analyses the new position within a second;
+  // a stopped one has no clock left to do it.
+  if (!session_.running() && session_.mode() == Mode::kReplay) final_analysis();
+}
+
 void Acquisition::start_replay(std::vector<double> samples, std::vector<Marker> markers,
                                const std::string& file, const SessionSettings& settings,
                                const ReplayOptions& options, std::optional<BeatSource> beats) {

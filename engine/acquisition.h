@@ -71,6 +71,11 @@ class Acquisition {
   /// session or a replay that went back.
   void update_analysis(bool with_hrv = false);
 
+  /// Moves a replay to a fraction 0..1 of the recording. A replay that has
+  /// ended or was stopped gets the analysis of the part up to the new
+  /// position, so that the page and an export show the same.
+  void seek(double frac);
+
   /// Writes the recording and its markers into the recordings folder.
   SaveResult save();
 

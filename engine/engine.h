@@ -72,7 +72,8 @@ class Engine {
   void stop() { acquisition_.stop(); }
 
   /// Moves replay to a fraction 0..1 of the recording; nothing in live mode.
-  void seek(double frac) { session_.seek(frac); }
+  /// After the end the results follow the position.
+  void seek(double frac) { acquisition_.seek(frac); }
 
   /// A marker at the current sample; false when not running, the key is
   /// outside 1..9, or the last marker already sits on this sample.

@@ -12,6 +12,7 @@
 #include "base/recording.h"
 #include "engine/engine.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait.h"
 
 namespace cvn {
 namespace {
@@ -53,15 +54,7 @@ TEST(RunningAnalysis, EachPassShowsOnlyTheSamplesPlayedInThisSession) {
   const Step steps[] = {{"long.txt", 0.4}, {"", 1.0}, {"short.txt", 0.5},
                         {"", 0.9},         {"", 0.2}, {"", 0.6}};
   const std::vector<double>* ecg = nullptr;
-  for (const Step& step : steps) {
-    SCOPED_TRACE(std::string(step.file) + " at " + std::to_string(step.position));
-    if (*step.file) {
-      engine.stop();
-      ASSERT_TRUE(engine.start_replay(data / step.file, {}, {0.0, ""}).ok());
-      ecg = std::string(step.file) == "long.txt" ? &long_ecg : &short_ecg;
-    }
-    engine.seek(step.position);
-    engine.update_analysis();
+  const auto expect_played_so_far = [&] {
     const Snapshot s = engine.snapshot();
     const std::vector<double> played(ecg->begin(), ecg->begin() + s.samples);
     const LiveAnalysis whole = analyze_live(played, s.cycle_seconds, true);
@@ -71,6 +64,27 @@ TEST(RunningAnalysis, EachPassShowsOnlyTheSamplesPlayedInThisSession) {
     expect_series_close(*s.cvn_series, whole.cvn_series, "score");
     ASSERT_TRUE(s.hrv);
     EXPECT_EQ(s.hrv->n_beats, whole.hrv->n_beats);
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(std::string(step.file) + " at " + std::to_string(step.position));
+    if (*step.file) {
+      engine.stop();
+      ASSERT_TRUE(engine.start_replay(data / step.file, {}, {0.0, ""}).ok());
+      ecg = std::string(step.file) == "long.txt" ? &long_ecg : &short_ecg;
+    }
+    engine.seek(step.position);
+    engine.update_analysis();
+    expect_played_so_far();
+  }
+
+  // Once the replay has ended no clock runs the passes: a seek itself must
+  // bring the results to the new position, back or forth.
+  engine.seek(1);
+  ASSERT_TRUE(test::wait_until([&] { return !engine.running(); }, std::chrono::seconds(5)));
+  for (double position : {0.3, 0.7}) {
+    SCOPED_TRACE("after the end, at " + std::to_string(position));
+    engine.seek(position);
+    expect_played_so_far();
   }
 }
 
