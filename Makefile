@@ -42,7 +42,7 @@ windows: deps-windows
 # tests/fuzz/corpus/<target>/. New inputs go to $(BUILD)-fuzz/corpus/, crash
 # files to $(BUILD)-fuzz/; a crash fails the run. A crash becomes a fix plus
 # its input among the seeds.
-FUZZ_TARGETS = http_request_fuzz recording_fuzz markers_fuzz pmd_fuzz jpeg_fuzz kubios_fuzz hrv_fuzz hrs_fuzz
+FUZZ_TARGETS = http_request_fuzz recording_fuzz markers_fuzz pmd_fuzz jpeg_fuzz kubios_fuzz hrv_fuzz hrs_fuzz stored_files_fuzz
 FUZZ_SECONDS ?= 20
 fuzz: deps-test
 	cmake -S . -B $(BUILD)-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCVN_FUZZ=ON -DCVN_BUILD_BENCH=OFF >/dev/null

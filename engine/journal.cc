@@ -68,10 +68,14 @@ JournalContents read_journal(std::string_view text) {
   const double last = out.beats.empty() ? static_cast<double>(out.samples.size())
                                         : std::trunc(beats_time(out.beats));
   for (const std::string& line : marker_lines) {
+    // long is 32 bits on Windows; an index past what a marker holds (a
+    // beat journal of absurd intervals) is dropped, not wrapped.
     int key = 0;
-    long sample = 0;
-    if (std::sscanf(line.c_str() + 1, "%d,%ld", &key, &sample) != 2) continue;
-    if (key < 1 || key > 9 || sample < 0 || static_cast<double>(sample) > last) continue;
+    long long sample = 0;
+    if (std::sscanf(line.c_str() + 1, "%d,%lld", &key, &sample) != 2) continue;
+    if (key < 1 || key > 9 || sample < 0 || static_cast<double>(sample) > last ||
+        sample > std::numeric_limits<std::int32_t>::max())
+      continue;
     out.markers.push_back({static_cast<std::int32_t>(sample), key});
   }
   return out;

@@ -14,15 +14,6 @@ constexpr std::string_view kHeader = "# Corvane Live session 1\n";
 // Ages outside this are typing slips, not people.
 constexpr int kMaxAge = 150;
 
-// A value stays on its line: a name holding a line break would otherwise
-// end early and start a key of its own.
-std::string one_line(std::string_view s) {
-  std::string out(s);
-  for (char& c : out)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  return std::string(trim_blanks(out));
-}
-
 double period_or_zero(const std::string& text) {
   double v = 0;
   const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
@@ -78,9 +69,10 @@ SessionSidecar read_sidecar(std::string_view text) {
   }
   SessionSidecar out;
   out.device = one_line(values["device"]);
-  if (const auto name = values.find("name"); name != values.end() && !name->second.empty()) {
+  // A name of control bytes alone names no one.
+  if (std::string name = one_line(values["name"]); !name.empty()) {
     SessionPerson& p = out.person.emplace();
-    p.name = one_line(name->second);
+    p.name = std::move(name);
     const std::string& sex = values["sex"];
     if (sex == "M" || sex == "F") p.sex = sex;
     const std::string& age = values["age"];

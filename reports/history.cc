@@ -47,13 +47,6 @@ double number_or_nan(std::string_view s) {
   return ec == std::errc() && end == s.data() + s.size() && std::isfinite(v) ? v : NAN;
 }
 
-std::string one_line(std::string_view s) {
-  std::string out(s);
-  for (char& c : out)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  return out;
-}
-
 template <typename T>
 bool read_integer(std::string_view s, T* out) {
   const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), *out);
@@ -123,15 +116,18 @@ RecordingName parse_recording_name(std::string_view file) {
   std::string_view rest = stem.substr(0, stamp_at);
   out.date = date;
   out.name = std::string(rest);
-  if (rest.starts_with("imported_") && rest.size() > 9) {
-    out.name = std::string(rest.substr(9));
+  // A saved session's parts first: a person may well be named "imported_…".
+  const std::string_view before_stamp = rest;
+  const auto imported = [&] {
+    if (before_stamp.starts_with("imported_") && before_stamp.size() > 9)
+      out.name = std::string(before_stamp.substr(9));
     return out;
-  }
+  };
   // From the right: <sex><age>, off<out>, on<in>; what is left is the name.
   std::string_view parts[3];
   for (std::string_view& part : parts) {
     const std::size_t cut = rest.rfind('_');
-    if (cut == std::string_view::npos) return out;
+    if (cut == std::string_view::npos) return imported();
     part = rest.substr(cut + 1);
     rest = rest.substr(0, cut);
   }
@@ -139,9 +135,9 @@ RecordingName parse_recording_name(std::string_view file) {
   int age = -1;
   if (rest.empty() || sex_age.size() < 2 || (sex_age[0] != 'M' && sex_age[0] != 'F') ||
       !read_integer(sex_age.substr(1), &age) || !on.starts_with("on") || !off.starts_with("off"))
-    return out;
+    return imported();
   const double indur = period(on.substr(2)), outdur = period(off.substr(3));
-  if (indur == 0 || outdur == 0) return out;
+  if (indur == 0 || outdur == 0) return imported();
   out.name = std::string(rest);
   out.sex = std::string(sex_age.substr(0, 1));
   out.age = age;
@@ -206,7 +202,7 @@ std::optional<RecordingSummary> read_summary(std::string_view text, const Summar
   s.rmssd = number_or_nan(values["rmssd"]);
   s.lf_hf = number_or_nan(values["lf_hf"]);
   s.recommended_bpm = number_or_nan(values["recommended_bpm"]);
-  s.error = values["error"];
+  s.error = one_line(values["error"]);
   return s;
 }
 

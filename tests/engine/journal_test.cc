@@ -30,6 +30,8 @@ TEST(JournalFormat, TornTailsAndBadMarkersAreDropped) {
       {"1\n2\nm3,2\nm4,2\n", {1, 2}, "3,2,0.015\n4,2,0.015\n"},  // the sample index is the truth
       {"1\nm0,1\nm10,1\nm5,-1\nm5,2\n", {1}, ""},  // bad key, bad index, past the last sample
       {"12", {}, ""},                              // nothing complete
+      // Beats long enough for an index past what a marker holds: dropped, not wrapped.
+      {"r99999999999\nr99999999999\nm1,3000000000\nm2,26\n", {}, "2,26,0.200\n"},
   };
   for (const Case& c : cases) {
     JournalContents j = read_journal(c.text);

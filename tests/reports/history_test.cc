@@ -25,6 +25,9 @@ TEST(History, FileNamesSayWhoAndWhen) {
       {"Anna_Berg_on5.5_off10_F7_20250302-140307_recovered.csv", "Anna_Berg", "2025-03-02 14:03:07",
        5.5, 10, "F", 7},
       {"imported_My_Data_20261123-140307.csv", "My_Data", "2026-11-23 14:03:07", 0, 0, "", -1},
+      // A session of a person whose name begins like an import's.
+      {"imported_Ann_on5_off11_F33_20261123-140307.csv", "imported_Ann", "2026-11-23 14:03:07", 5,
+       11, "F", 33},
       // Beat recordings: their ending is not part of the date.
       {"Kim_on5_off11_F33_20250302-140307_recovered_RR.txt", "Kim", "2025-03-02 14:03:07", 5, 11,
        "F", 33},
