@@ -27,6 +27,7 @@ Acquisition::~Acquisition() {
   {
     std::lock_guard<std::mutex> l(lifecycle_mu_);
     stop_locked();
+    keep_live_session();
   }
   if (analysis_.joinable()) analysis_.join();
 }
@@ -36,6 +37,7 @@ void Acquisition::stop() {
   const bool was_running = session_.running();
   stop_locked();
   if (was_running) final_analysis();
+  keep_live_session();
 }
 
 void Acquisition::stop_locked() {
@@ -64,7 +66,7 @@ void Acquisition::start_replay(std::vector<double> samples, std::vector<Marker> 
                                const ReplayOptions& options, std::optional<BeatSource> beats) {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   stop_locked();
-  journal_.remove();  // a new session: the stopped live one was given up
+  keep_live_session();
   session_.begin_replay(std::move(samples), std::move(markers),
                         options.label.empty() ? file : options.label, settings, options.speed,
                         std::move(beats));
@@ -75,6 +77,7 @@ void Acquisition::start_live(const std::string& address, const std::optional<std
                              const SessionSettings& settings) {
   std::lock_guard<std::mutex> l(lifecycle_mu_);
   stop_locked();
+  keep_live_session();
   const std::string strap = device && !device->empty() ? *device : address;
   session_.begin_live("Live — " + strap, settings, strap);
   open_journal();
@@ -146,6 +149,7 @@ void Acquisition::clock_loop(std::stop_token stop) {
       // results in place.
       final_analysis();
       session_.set_running(false);
+      keep_live_session();
       return;
     }
     std::this_thread::sleep_for(kClockTick);
@@ -194,17 +198,50 @@ void Acquisition::final_analysis() {
   }
 }
 
-SaveResult Acquisition::save() {
+namespace {
+
+// What a save would keep, in seconds of recording.
+double recorded_seconds(const SessionCopy& c) {
+  if (!c.strap_beats) return static_cast<double>(c.input.samples.size()) / kSampleRate;
+  double seconds = 0;
+  for (double rr : *c.strap_beats) seconds += rr;
+  return seconds;
+}
+
+}  // namespace
+
+void Acquisition::keep_live_session() {
+  // A live session is kept in the recordings folder the moment it ends: the
+  // user may start the next one without saving, and History must find it.
+  // Under a second there is nothing to keep; a save that fails leaves the
+  // journal on disk, for the next start to recover.
+  std::lock_guard<std::mutex> l(save_mu_);
   const SessionCopy c = session_.copy();
+  if (!c.finished_live || c.session == kept_session_) return;
+  if (recorded_seconds(c) < 1.0) {
+    journal_.remove(c.session);
+    return;
+  }
+  if (save_copy(c).status.ok())
+    kept_session_ = c.session;
+  else
+    journal_.release();
+}
+
+SaveResult Acquisition::save() {
+  std::lock_guard<std::mutex> l(save_mu_);
+  const SessionCopy c = session_.copy();
+  // A stopped live session was saved when it stopped: that file is the answer.
+  if (c.finished_live && c.session == kept_session_)
+    return {{}, c.saved_as, c.strap_beats ? c.strap_beats->size() : c.input.samples.size()};
+  return save_copy(c);
+}
+
+SaveResult Acquisition::save_copy(const SessionCopy& c) {
   const ExportInput& in = c.input;
   SaveResult r;
   const std::vector<double>* beats = c.strap_beats ? &*c.strap_beats : nullptr;
-  double seconds = static_cast<double>(in.samples.size()) / kSampleRate;
-  if (beats) {
-    seconds = 0;
-    for (double rr : *beats) seconds += rr;
-  }
-  if (seconds < 1.0) {
+  if (recorded_seconds(c) < 1.0) {
     r.status = Status::error("Nothing recorded to save yet.");
     return r;
   }
@@ -226,10 +263,8 @@ SaveResult Acquisition::save() {
   markers_written &= disk_.write_atomic(sidecar_path(path), sidecar_text(session_sidecar(in))).ok();
   session_.set_saved_as(c.session, file);
   // The journal goes once no data can be lost with it: this save holds the
-  // whole live session (it was stopped, so nothing more can arrive), or a
-  // new session is started (open_journal, start_replay: the old one was
-  // given up). A session stopped but not saved keeps its journal, so closing
-  // the window after Stop still recovers it at the next start.
+  // whole live session (it was stopped, so nothing more can arrive). A save
+  // while it runs keeps the journal, since more may come.
   if (c.finished_live && markers_written) journal_.remove(c.session);
   r.file = file;
   r.count = beats ? beats->size() : in.samples.size();

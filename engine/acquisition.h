@@ -81,6 +81,9 @@ class Acquisition {
 
  private:
   void stop_locked();  // REQUIRES: lifecycle_mu_ held
+  /// Saves a live session that has just stopped, unless it is saved already.
+  void keep_live_session();
+  SaveResult save_copy(const SessionCopy& c);
   void start_clock();  // REQUIRES: lifecycle_mu_ held
   void clock_loop(std::stop_token stop);
   void maybe_start_analysis(double* last_start);
@@ -101,6 +104,9 @@ class Acquisition {
   // taken by the clock thread, so holding it while joining that thread is
   // safe.
   std::mutex lifecycle_mu_;
+  // One save at a time: a stop's and the user's must not write one session twice.
+  std::mutex save_mu_;
+  std::uint64_t kept_session_ = 0;  // the live session its stop saved; GUARDED_BY(save_mu_)
   std::jthread clock_thread_;
   // At most one analysis runs; the clock thread starts the next one only
   // after this one has finished, and never waits for it. A stopped session

@@ -183,6 +183,12 @@ void LiveJournal::remove() {
   path_.clear();
 }
 
+void LiveJournal::release() {
+  std::lock_guard<std::mutex> g(mu_);
+  close_locked();
+  path_.clear();
+}
+
 void LiveJournal::remove(std::uint64_t session) {
   {
     std::lock_guard<std::mutex> g(mu_);

@@ -54,7 +54,8 @@ class LiveJournal {
   LiveJournal(const LiveJournal&) = delete;
   LiveJournal& operator=(const LiveJournal&) = delete;
 
-  /// Removes the journal still open (its session was given up) and starts
+  /// Removes the journal still open (its session was kept or had nothing to
+  /// keep; one that could not be saved was released first) and starts
   /// one at `path` for session `session`, recording `sidecar` (the text of
   /// the session's sidecar, if it has one) so that a recovery restores it.
   /// False when the file cannot be made: the session then runs without a
@@ -78,6 +79,9 @@ class LiveJournal {
   void remove();
   /// Closes and removes the journal when it belongs to `session`.
   void remove(std::uint64_t session);
+  /// Closes the journal and leaves it on disk, for the next start to
+  /// recover: its session could not be saved.
+  void release();
 
  private:
   void close_locked();  // REQUIRES: mu_ held

@@ -286,6 +286,7 @@ void SessionState::copy_locked(SessionCopy& c) {
   c.import_rate = import_rate_;
   c.session = session_;
   c.finished_live = mode_ == Mode::kLive && !running_;
+  c.saved_as = saved_as_;
 }
 
 double SessionState::import_rate(const SessionSettings& settings) {

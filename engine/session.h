@@ -126,6 +126,7 @@ struct SessionCopy {
   double import_rate = 0;
   std::uint64_t session = 0;
   bool finished_live = false;  // a live session that has stopped
+  std::string saved_as;        // the file it was saved as; empty: not saved
 };
 
 class SessionState {

@@ -15,7 +15,10 @@
 #include "analysis/ecg.h"
 #include "analysis/pipeline.h"
 #include "assets/assets.h"
+#include "engine/acquisition.h"
+#include "engine/journal.h"
 #include "engine/sidecar.h"
+#include "tests/support/fake_disk.h"
 #include "tests/support/http_client.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
@@ -55,7 +58,7 @@ SessionSettings named(std::string name) {
 
 const ReplayOptions kPaused{0.0, ""};
 
-class EngineTest : public testing::Test {
+class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override {
     for (const char* sub : {"/recordings", "/sample_data"})
@@ -236,9 +239,11 @@ TEST_F(EngineTest, LiveScopeTrailsArrivalByFourTenthsOfASecond) {
   EXPECT_EQ(s.samples, 1300);
 }
 
-// The journal lives from start_live until the session's data is safe: saved
-// after the stop, or given up by starting anew. Stopped but unsaved, it stays.
-TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
+// The journal lives while a live session runs. The stop keeps the session as
+// a recording, which History and a replay find, and only then removes the
+// journal; starting anew without saving loses nothing. Under a second there
+// is nothing to keep.
+TEST_F(EngineTest, LiveSessionIsKeptWhenItStops) {
   auto journals = [&] {
     std::vector<JournalContents> out;
     for (const auto& e : std::filesystem::directory_iterator(data / "recordings"))
@@ -258,19 +263,52 @@ TEST_F(EngineTest, LiveJournalStaysUntilTheSessionIsSavedOrGivenUp) {
   ASSERT_EQ(engine.save().status.message(), "");  // saved while running: more may come
   ASSERT_EQ(journals().size(), 1u);
   sensor->samples(std::vector<double>(130, 8.0));
+  clock.advance(1);  // a second later: a file of its own
   engine.stop();
-  EXPECT_EQ(journals().at(0).samples.size(), 390u);  // the stop writes the rest
-  ASSERT_EQ(engine.save().status.message(), "");
   EXPECT_TRUE(journals().empty());
+  const std::string kept = engine.snapshot().saved_as;
+  const std::string text = slurp(data / ("recordings/" + kept));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 390);
+  EXPECT_NE(slurp(data / ("recordings/" + markers_path(kept))).find("\n4,260,"), std::string::npos);
+  const SaveResult again = engine.save();  // the kept file, not a second one
+  EXPECT_EQ(again.file, kept);
+  EXPECT_EQ(again.count, 390u);
 
-  engine.start_live("AA", std::nullopt, named("Kim"));
-  sensor->samples(std::vector<double>(130, 1.0));
-  engine.stop();
-  EXPECT_EQ(journals().at(0).samples.size(), 130u);     // stopped, unsaved: kept
-  engine.start_live("AA", std::nullopt, named("Kim"));  // same name, same second
-  EXPECT_TRUE(journals().at(0).samples.empty());        // the old one was given up
-  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());
+  engine.start_live("AA", std::nullopt, named("Lee"));
+  sensor->samples(std::vector<double>(130 * 3, 1.0));
+  ASSERT_TRUE(engine.start_replay(ramp, {}, kPaused).ok());  // no stop, no save
   EXPECT_TRUE(journals().empty());
+  EXPECT_TRUE(std::filesystem::exists(
+      data / ("recordings/Lee_on5_off11_M40_" + file_time_stamp(clock.wall()) + ".csv")));
+
+  engine.start_live("AA", std::nullopt, named("Ida"));
+  sensor->samples(std::vector<double>(100, 1.0));
+  engine.stop();
+  EXPECT_TRUE(journals().empty());
+  EXPECT_EQ(engine.snapshot().saved_as, "");
+}
+
+// A stop whose save fails (a full disk) leaves the journal, and the next
+// start recovers the session from it.
+TEST(Acquisition, AFailedKeepLeavesTheJournalForRecovery) {
+  TempDir data;
+  const std::string folder = data / "recordings";
+  std::filesystem::create_directories(folder);
+  ManualClock clock;
+  FakeSensor sensor;
+  testing::FullDisk full;
+  {
+    SessionState session(clock);
+    Acquisition acquisition(session, &sensor, clock, folder, full);
+    acquisition.start_live("AA", std::nullopt, named("Kim"));
+    sensor.samples(std::vector<double>(260, 7.0));
+    acquisition.stop();
+    EXPECT_GT(full.failed_writes(), 0);
+    EXPECT_EQ(session.snapshot().saved_as, "");
+  }
+  const std::vector<Recovery> recovered = recover_journals(folder, Disk::system());
+  ASSERT_EQ(recovered.size(), 1u);
+  EXPECT_EQ(recovered[0].samples, 260u);
 }
 
 // A strap that sends beats, never ECG: a live session of `rr`, three
@@ -343,10 +381,10 @@ TEST_F(EngineTest, BeatSessionJournalSaveReplayAndExportKeepTheBeats) {
   const std::vector<double> rr = strap_beats();
   record_beats(engine, *sensor, rr);
   ASSERT_TRUE(engine.add_marker(3));
-  engine.stop();
   const std::string journal = data / "recordings/Kim_on5_off11_M40_" +
                               file_time_stamp(clock.wall()) + std::string(kJournalEnding);
-  EXPECT_EQ(read_journal(slurp(journal)).beats, rr);
+  ASSERT_TRUE(wait_until([&] { return read_journal(slurp(journal)).beats == rr; }, 2s));
+  engine.stop();  // keeps the session
   const SaveResult saved = engine.save();
   ASSERT_TRUE(saved.file.ends_with(kBeatsEnding)) << saved.status.message();
   const std::string path = data / ("recordings/" + saved.file);
