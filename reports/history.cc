@@ -147,7 +147,19 @@ RecordingName parse_recording_name(std::string_view file) {
 }
 
 std::string person_key(std::string_view name) {
-  return sanitize_file_name(name);
+  // As sanitize_file_name makes a file name, except that bytes of letters
+  // beyond ASCII stay: the file name makes "Müller" and "Möller" both
+  // "M__ller", and they are two people.
+  std::string key;
+  for (char c : name) {
+    const auto u = static_cast<unsigned char>(c);
+    const bool keep = u >= 0x80 || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                      (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
+    key.push_back(keep ? c : '_');
+  }
+  const std::size_t first = key.find_first_not_of('_');
+  if (first == std::string::npos) return "recording";  // as the file is named
+  return key.substr(first, key.find_last_not_of('_') - first + 1);
 }
 
 std::vector<PersonFiles> group_by_person(std::vector<HistoryFile> files) {

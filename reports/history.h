@@ -75,8 +75,9 @@ struct PersonFiles {
 };
 
 /// Two names are one person when they make the same file name
-/// (sanitize_file_name): "Anna Berg" in a sidecar and "Anna_Berg" in the
-/// file name of a recording saved before sidecars named people.
+/// (sanitize_file_name) with their letters beyond ASCII kept: "Anna Berg" in
+/// a sidecar and "Anna_Berg" in the file name of a recording saved before
+/// sidecars named people, but not "Müller" and "Möller".
 std::string person_key(std::string_view name);
 
 /// The files by person_key, people sorted by key; each person's files

@@ -53,8 +53,13 @@ TEST(History, OnePersonUnderEitherSpellingNewestFirst) {
       {"b.csv", "Ben", "", ""},
       {"new.csv", "Anna Berg", "2025-03-01 09:00:00", ""},
       {"a.csv", "Ben", "2025-02-01 09:00:00", ""},
+      // Two people whose file names are alike ("M__ller", "recording").
+      {"m1.csv", "Müller", "", ""},
+      {"m2.csv", "Möller", "", ""},
+      {"i.csv", "Иван", "", ""},
+      {"p.csv", "Петр", "", ""},
   });
-  ASSERT_EQ(people.size(), 2u);
+  ASSERT_EQ(people.size(), 6u);
   EXPECT_EQ(people[0].name, "Anna Berg");  // as the newest recording names her
   ASSERT_EQ(people[0].files.size(), 2u);
   EXPECT_EQ(people[0].files[0].file, "new.csv");
