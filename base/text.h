@@ -5,6 +5,30 @@
 
 namespace cvn {
 
+/// The code point of the UTF-8 sequence at `*i`, moving `*i` past it. A byte
+/// that starts no whole sequence reads as U+FFFD and moves one byte.
+inline char32_t next_code_point(std::string_view s, std::size_t* i) {
+  const auto b = static_cast<unsigned char>(s[*i]);
+  if (b < 0x80) {
+    ++*i;
+    return b;
+  }
+  const int extra = b >= 0xF0 ? 3 : b >= 0xE0 ? 2 : b >= 0xC0 ? 1 : -1;
+  char32_t cp = extra > 0 ? (b & (0x3F >> extra)) : 0;
+  bool ok = extra > 0 && *i + static_cast<std::size_t>(extra) < s.size();
+  for (int k = 1; ok && k <= extra; ++k) {
+    const auto c = static_cast<unsigned char>(s[*i + static_cast<std::size_t>(k)]);
+    ok = (c & 0xC0) == 0x80;
+    cp = (cp << 6) | (c & 0x3F);
+  }
+  if (!ok) {
+    ++*i;
+    return 0xFFFD;
+  }
+  *i += 1 + static_cast<std::size_t>(extra);
+  return cp;
+}
+
 /// `s` without the blanks (space, tab, CR, LF) at either end.
 inline std::string_view trim_blanks(std::string_view s) {
   constexpr std::string_view kBlanks = " \t\r\n";

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "base/local_time.h"
+#include "base/text.h"
 
 namespace cvn {
 namespace {
@@ -125,26 +126,11 @@ std::string to_ascii(std::string_view s) {
   std::string out;
   out.reserve(s.size());
   for (std::size_t i = 0; i < s.size();) {
-    const auto b = static_cast<unsigned char>(s[i]);
-    if (b < 0x80) {
-      out.push_back(b < 32 || b == 127 ? ' ' : static_cast<char>(b));
-      ++i;
+    const char32_t cp = next_code_point(s, &i);
+    if (cp < 0x80) {
+      out.push_back(cp < 32 || cp == 127 ? ' ' : static_cast<char>(cp));
       continue;
     }
-    const int extra = b >= 0xF0 ? 3 : b >= 0xE0 ? 2 : b >= 0xC0 ? 1 : -1;
-    char32_t cp = extra > 0 ? (b & (0x3F >> extra)) : 0;
-    bool ok = extra > 0 && i + static_cast<std::size_t>(extra) < s.size();
-    for (int k = 1; ok && k <= extra; ++k) {
-      const auto c = static_cast<unsigned char>(s[i + k]);
-      ok = (c & 0xC0) == 0x80;
-      cp = (cp << 6) | (c & 0x3F);
-    }
-    if (!ok) {
-      out.push_back('?');
-      ++i;
-      continue;
-    }
-    i += 1 + extra;
     if (cp >= 0xC0 && cp < 0x180) {
       const char c = kLatin[cp - 0xC0];
       if (c == '*')

@@ -1,10 +1,13 @@
 #include "reports/pdf.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 #include "analysis/deflate.h"
+#include "base/text.h"
 #include "reports/export_files.h"
 
 namespace cvn {
@@ -34,36 +37,69 @@ constexpr const char* kHelvetica =
 constexpr const char* kHelveticaBold =
     "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica-Bold /Encoding /WinAnsiEncoding >>";
 
-// The reports' own non-ASCII characters, kept as their WinAnsi codes: the en
-// dash of an empty value and of a range ("0.04–0.15 Hz"), the square of "ms²"
-// and the accent of "Poincaré". Both fonts have the glyphs; everything else
-// (names and other text a person typed included) goes through to_ascii.
+// WinAnsi agrees with Latin-1 from 0xA0 up: the letters of most European
+// names ("Müller", "Ørsted", "José"), and the report's own "²" and "é".
+// Advance widths from Adobe's AFM of Helvetica and Helvetica-Bold, codes
+// 0xA0..0xFF.
+constexpr short kLatin1Regular[96] = {
+    278, 333, 556, 556, 556, 556, 260,  556, 333, 737, 370, 556, 584, 333, 737, 333,
+    400, 584, 333, 333, 333, 556, 537,  278, 333, 333, 365, 556, 834, 834, 834, 611,
+    667, 667, 667, 667, 667, 667, 1000, 722, 667, 667, 667, 667, 278, 278, 278, 278,
+    722, 722, 778, 778, 778, 778, 778,  584, 778, 722, 722, 722, 722, 667, 667, 611,
+    556, 556, 556, 556, 556, 556, 889,  500, 556, 556, 556, 556, 278, 278, 278, 278,
+    556, 556, 556, 556, 556, 556, 556,  584, 611, 556, 556, 556, 556, 500, 556, 500};
+constexpr short kLatin1Bold[96] = {
+    278, 333, 556, 556, 556, 556, 280,  556, 333, 737, 370, 556, 584, 333, 737, 333,
+    400, 584, 333, 333, 333, 611, 556,  278, 333, 333, 365, 556, 834, 834, 834, 611,
+    722, 722, 722, 722, 722, 722, 1000, 722, 667, 667, 667, 667, 278, 278, 278, 278,
+    722, 722, 778, 778, 778, 778, 778,  584, 778, 722, 722, 722, 722, 667, 667, 611,
+    556, 556, 556, 556, 556, 556, 889,  556, 556, 556, 556, 556, 278, 278, 278, 278,
+    611, 611, 611, 611, 611, 611, 611,  584, 611, 611, 611, 611, 611, 556, 611, 556};
+
+// The rest of WinAnsi that names and the report use: the en dash of an empty
+// value and of a range ("0.04–0.15 Hz"), typographic quotes (a typed
+// "O’Brien"), and the letters of WinAnsi's 0x80..0x9F row. Everything else
+// goes through to_ascii.
 struct WinAnsiChar {
-  std::string_view utf8;
+  char32_t code_point;
   unsigned char code;
-  short regular_width, bold_width;  // Adobe's AFM, as kRegularWidths
+  short regular_width, bold_width;  // Adobe's AFM, as above
 };
-constexpr WinAnsiChar kWinAnsi[] = {
-    {"\u2013", 0x96, 556, 556},  // endash
-    {"\u00b2", 0xB2, 333, 333},  // twosuperior
-    {"\u00e9", 0xE9, 556, 556},  // eacute
+constexpr WinAnsiChar kWinAnsiRow8[] = {
+    {0x20AC, 0x80, 556, 556},    // Euro
+    {0x0160, 0x8A, 667, 667},    // Scaron
+    {0x0152, 0x8C, 1000, 1000},  // OE
+    {0x017D, 0x8E, 611, 611},    // Zcaron
+    {0x2018, 0x91, 222, 278},    // quoteleft
+    {0x2019, 0x92, 222, 278},    // quoteright
+    {0x201C, 0x93, 333, 500},    // quotedblleft
+    {0x201D, 0x94, 333, 500},    // quotedblright
+    {0x2013, 0x96, 556, 556},    // endash
+    {0x2014, 0x97, 1000, 1000},  // emdash
+    {0x0161, 0x9A, 500, 556},    // scaron
+    {0x0153, 0x9C, 944, 944},    // oe
+    {0x017E, 0x9E, 500, 500},    // zcaron
+    {0x0178, 0x9F, 667, 667},    // Ydieresis
 };
 
 // `utf8` as the single-byte codes the page shows.
 std::string win_ansi(std::string_view utf8) {
   std::string out;
-  std::size_t from = 0;
-  for (std::size_t i = 0; i < utf8.size(); ++i) {
-    for (const WinAnsiChar& ch : kWinAnsi) {
-      if (utf8.substr(i, ch.utf8.size()) != ch.utf8) continue;
-      out += to_ascii(utf8.substr(from, i - from));
-      out.push_back(static_cast<char>(ch.code));
-      i += ch.utf8.size() - 1;
-      from = i + 1;
-      break;
+  for (std::size_t i = 0; i < utf8.size();) {
+    const std::size_t from = i;
+    const char32_t cp = next_code_point(utf8, &i);
+    if (cp >= 0xA0 && cp <= 0xFF) {
+      out.push_back(static_cast<char>(cp));
+      continue;
     }
+    const auto row8 = std::find_if(std::begin(kWinAnsiRow8), std::end(kWinAnsiRow8),
+                                   [&](const WinAnsiChar& c) { return c.code_point == cp; });
+    if (row8 != std::end(kWinAnsiRow8))
+      out.push_back(static_cast<char>(row8->code));
+    else
+      out += to_ascii(utf8.substr(from, i - from));
   }
-  return out + to_ascii(utf8.substr(from));
+  return out;
 }
 
 std::string color(PdfColor c) {
@@ -92,10 +128,12 @@ double text_width(PdfFont font, double size, std::string_view utf8) {
     const auto code = static_cast<unsigned char>(c);
     if (code < 0x80) {
       units += widths[code - 32];
-      continue;
+    } else if (code >= 0xA0) {
+      units += (bold ? kLatin1Bold : kLatin1Regular)[code - 0xA0];
+    } else {
+      for (const WinAnsiChar& ch : kWinAnsiRow8)
+        if (ch.code == code) units += bold ? ch.bold_width : ch.regular_width;
     }
-    for (const WinAnsiChar& ch : kWinAnsi)
-      if (ch.code == code) units += bold ? ch.bold_width : ch.regular_width;
   }
   return static_cast<double>(units) * size / 1000.0;
 }

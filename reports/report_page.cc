@@ -38,13 +38,16 @@ void text_centred(PdfCanvas& c, PdfColor col, PdfFont f, double size, double cen
 }
 
 std::string cut(std::string s, PdfFont f, double size, double width) {
-  while (!s.empty() && text_width(f, size, s + "...") > width) s.pop_back();
+  while (!s.empty() && text_width(f, size, s + "...") > width) {
+    // A whole character at a time: "ü" is two bytes.
+    while (s.size() > 1 && (static_cast<unsigned char>(s.back()) & 0xC0) == 0x80) s.pop_back();
+    s.pop_back();
+  }
   return s + "...";
 }
 
 std::string fit(const std::string& utf8, PdfFont f, double size, double width) {
-  std::string s = to_ascii(utf8);
-  return text_width(f, size, s) <= width ? s : cut(s, f, size, width);
+  return text_width(f, size, utf8) <= width ? utf8 : cut(utf8, f, size, width);
 }
 
 void logo(PdfCanvas& c, const ReportLogo& logo) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "base/text.h"
 #include "reports/export_files.h"
 #include "reports/history.h"
 #include "reports/plot.h"
@@ -66,7 +67,7 @@ struct SummaryPage {
 std::vector<std::string> wrap(const std::string& utf8, PdfFont f, double size, double width,
                               int max_lines) {
   std::vector<std::string> lines(1);
-  const std::string s = to_ascii(utf8);
+  const std::string& s = utf8;
   std::size_t i = 0;
   while (i < s.size()) {
     std::size_t end = s.find(' ', i);
@@ -80,8 +81,11 @@ std::vector<std::string> wrap(const std::string& utf8, PdfFont f, double size, d
       continue;
     }
     if (!line.empty()) lines.emplace_back();
-    for (char ch : word) {
-      if (text_width(f, size, lines.back() + ch) > width) lines.emplace_back();
+    for (std::size_t k = 0; k < word.size();) {  // a whole character at a time
+      const std::size_t from = k;
+      next_code_point(word, &k);
+      const std::string_view ch(word.data() + from, k - from);
+      if (text_width(f, size, lines.back() + std::string(ch)) > width) lines.emplace_back();
       lines.back() += ch;
     }
   }

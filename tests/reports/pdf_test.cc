@@ -154,11 +154,13 @@ class ReportPdf : public testing::Test {
 };
 
 TEST(PdfFile, StringsAndNumbers) {
-  EXPECT_EQ(pdf_string("a(b)\\c ë"), "a\\(b\\)\\\\c e");
+  // Names keep their Latin-1 letters and typed quotes; what WinAnsi lacks is spelt out.
+  EXPECT_EQ(pdf_string("a(b)\\c ë Ø’ł"), "a\\(b\\)\\\\c \\353 \\330\\222l");
   // The report's own en dash, ² and é as WinAnsi codes; widths from the AFM.
   EXPECT_EQ(pdf_string("0.04\u20130.15 ms\u00b2 Poincar\u00e9"),
             "0.04\\2260.15 ms\\262 Poincar\\351");
   EXPECT_DOUBLE_EQ(text_width(PdfFont::kRegular, 10, "\u2013\u00b2\u00e9"), 14.45);
+  EXPECT_DOUBLE_EQ(text_width(PdfFont::kBold, 10, "\u00d8\u2019\u00fc"), 16.67);
   EXPECT_EQ(pdf_number(595.0) + " " + pdf_number(12.345) + " " + pdf_number(-0.001), "595 12.35 0");
 }
 
@@ -185,7 +187,7 @@ TEST_F(ReportPdf, QpdfPdfinfoAndPdftoppmFindNoFault) {
 TEST_F(ReportPdf, PdftotextFindsEveryText) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {report(),
-       {"Corvane Live - report", "Recording: Zoe (pilot) 'B' \\ 2", "2025-03-02 14:03",
+       {"Corvane Live - report", "Recording: Zoë (pilot) 'B' \\ 2", "2025-03-02 14:03",
         "3 @ 12.5 s, 1 @ 20.0 s", "pow (mean): 5.200", "Mean HR: ", "HR (BPM)", "Time (s)",
         "CVN (logpower)", "Cycles", "TFR - high time resolution", "TFR - high frequency resolution",
         "Frequency (Hz)", "0.02", "0.10", "0.18", "0.0625 Hz", "Page 1 of 2", "Page 2 of 2"}},
