@@ -26,6 +26,32 @@ export function breathingPeriod(text, dflt) {
   return round2(Math.max(parseDecimal(text, dflt), config.min_breathing_period));
 }
 
+// What Setup refuses before anything is sent. The program would quietly turn
+// "abc" into its default and 0 into its shortest period; a minute in or out
+// is already far beyond any paced-breathing protocol, and 120 years beyond
+// any person.
+export const kMaxBreathingPeriod = 60;
+export const kMaxAge = 120;
+
+/** A number typed with a comma or a point, the whole text of it; NaN otherwise ("5 s", "abc", "1e3"). */
+export function strictDecimal(text) {
+  const t = String(text ?? '').trim().replace(',', '.');
+  return /^[+-]?(\d+\.?\d*|\.\d+)$/.test(t) ? Number(t) : NaN;
+}
+
+/** What is wrong with an in- or out-period as typed, or '' when the program can use it. */
+export function periodError(text) {
+  const v = strictDecimal(text);
+  const ok = v >= config.min_breathing_period && v <= kMaxBreathingPeriod;
+  return ok ? '' : 'Seconds, ' + config.min_breathing_period + '–' + kMaxBreathingPeriod;
+}
+
+/** What is wrong with the age as typed, or ''. Empty is allowed: the program then takes its default. */
+export function ageError(text) {
+  const t = String(text ?? '').trim();
+  return !t || (/^\d+$/.test(t) && Number(t) <= kMaxAge) ? '' : 'Whole years, 0–' + kMaxAge;
+}
+
 /** The setup pill: "Cycle 16 s · 0.0625 Hz". */
 export function cycleText(indur, outdur) {
   const sum = round2(indur + outdur);

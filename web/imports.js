@@ -14,7 +14,7 @@ import { $, setText } from './ui.js';
 const kSkippedShown = 12;     // skipped files listed by name; the rest are counted
 const kPersonsShown = 8;      // persons named in the summary; the rest are counted
 
-let ctx = null;               // {sessionParams(), protocolParams(), fixProtocol, speed(), started(), refresh()}
+let ctx = null;               // {sessionParams(), checkSession(note), protocolParams(), fixProtocol, speed(), started(), refresh()}
 let run = 0;                  // every flow has a number; late answers of an old one are dropped
 let phase = 'idle';           // confirm, upload, process, end
 let go = null;                // what the primary button does in "confirm"
@@ -265,7 +265,8 @@ function insidePath(f) {
 }
 
 function personText(p, fallback) {
-  return (p.name || fallback || 'no name given') + ' · ' + (p.sex === 'F' ? 'female' : 'male') + ' · ' + p.age + ' years';
+  return (p.name || fallback || 'no name given') + ' · ' + (p.sex === 'F' ? 'female' : 'male') + ' · ' +
+    (p.age.trim() ? p.age.trim() + ' years' : 'age not given');
 }
 
 async function chooseFolder(list, single) {
@@ -365,7 +366,8 @@ function secondary() {
 }
 
 /**
- * Wires the three buttons. `c` gives the session fields (`sessionParams()`),
+ * Wires the three buttons. `c` gives the session fields (`sessionParams()`,
+ * and `checkSession(note)`, false with `note(text)` told when they are wrong),
  * the breathing protocol's (`protocolParams()`, null while its settings are
  * wrong, `fixProtocol` saying so),
  * the replay speed (`speed()`), what starts the live screen (`started()`)
@@ -377,7 +379,13 @@ export function initImports(c) {
   fs.min = config.min_import_rate;
   fs.max = config.max_import_rate;
   fs.value = config.sample_rate;
-  const pick = (input) => () => { input.value = ''; input.click(); };
+  // The files go out with the session fields: wrong ones are put right
+  // before a file is even chosen.
+  const pick = (input) => () => {
+    if (!ctx.checkSession((text) => importNote(text, 'err'))) return;
+    input.value = '';
+    input.click();
+  };
   $('importFileBtn').addEventListener('click', pick($('importFile')));
   $('importFolderBtn').addEventListener('click', pick($('importFolder')));
   $('batchBtn').addEventListener('click', pick($('batchFolder')));
