@@ -85,6 +85,26 @@ export function metaText(s) {
     ' s · Cycle ' + s.cycle_seconds + 's · Expected ' + s.expected_freq + ' Hz';
 }
 
+/** Whether a snapshot is of a live recording still going: ending it needs the user's word. */
+export const isLiveRunning = (s) => !!s && s.mode === 'live' && !!s.running;
+
+/**
+ * The question before `what` (e.g. "Replaying this recording") ends the live
+ * recording of snapshot `s`, and its buttons: { title, text, keep, go }.
+ */
+export function endLiveText(s, what, go) {
+  const who = s.name_id ? ' of ' + s.name_id : '';
+  // The program saves a live session when it stops, once it holds a second.
+  const kept = s.elapsed >= 1 ? 'what was recorded is saved in the recordings folder.'
+    : 'less than a second is recorded, too little to save.';
+  return {
+    title: 'Stop the live recording?',
+    text: 'A live recording' + who + ' is running (' + clockText(s.elapsed) + ' so far). ' + what + ' stops it; ' + kept,
+    keep: 'Keep recording',
+    go,
+  };
+}
+
 /** The run state pill: the strap's status while live, the snapshot's speed in replay. */
 export function runStateText(s) {
   if (!s.running) return 'Stopped';

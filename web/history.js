@@ -7,6 +7,7 @@
 
 import { api } from './api.js';
 import { fitCanvas, niceStep } from './charts.js';
+import { confirmEndLive } from './confirm.js';
 import { clockText } from './format.js';
 import { $ } from './ui.js';
 
@@ -185,8 +186,10 @@ function renderRows(enterLive) {
       for (const text of rowCells(row)) cell(text);
       const td = cell('', 'actions');
       const when = row.date || row.file;
-      td.append(actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2)),
-        actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true)));
+      const replay = actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2, false, both));
+      const exp = actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true, both));
+      const both = [replay, exp];
+      td.append(replay, exp);
     }
     body.appendChild(tr);
   }
@@ -198,7 +201,21 @@ function renderRows(enterLive) {
 
 // Replays a row's recording on the live screen; for an export, the whole
 // recording at once (paused at its end) and the live screen's own export.
-async function openRow(enterLive, row, speed, exportIt = false) {
+// A live recording still going is ended only when the user says so. The
+// row's buttons wait for the answer, so a double click starts one replay.
+async function openRow(enterLive, row, speed, exportIt, buttons) {
+  buttons.forEach((b) => { b.disabled = true; });
+  try {
+    await replayRow(enterLive, row, speed, exportIt);
+  } finally {
+    buttons.forEach((b) => { b.disabled = false; });
+  }
+}
+
+async function replayRow(enterLive, row, speed, exportIt) {
+  const agreed = exportIt ? await confirmEndLive('Exporting this recording', 'Stop and export')
+    : await confirmEndLive('Replaying this recording', 'Stop and replay');
+  if (!agreed) return;
   const r = await api('/start_replay', replayParams(row, speed));
   if (!r.data || !r.data.ok) {
     $('historyNote').textContent = 'Could not open ' + row.file + '.';

@@ -5,6 +5,7 @@
 import { api, openStream } from './api.js';
 import { unlockAudio } from './audio.js';
 import { config } from './config.js';
+import { confirmEndLive } from './confirm.js';
 import {
   countText, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, recordingsText, sizeText, stem,
   uploadLimitText,
@@ -234,7 +235,10 @@ async function chooseFile(file) {
   show($('fsField'), !kubios);
   setPhase('confirm');
   setButtons('Cancel', kubios ? 'Write report' : 'Import and replay');
-  go = () => sendFile(id, file);
+  // A raw ECG is replayed at once, which ends a live recording still going.
+  go = async () => {
+    if (kubios || await confirmEndLive('Replaying the imported file', 'Stop and import')) sendFile(id, file);
+  };
 }
 
 async function sendFile(id, file) {
@@ -394,10 +398,15 @@ export function initImports(c) {
   $('batchFolder').addEventListener('change', (e) => { if (e.target.files.length) chooseFolder(e.target.files, false); });
   // The click is the last user gesture before a raw import opens the live
   // screen, so sound is unlocked here.
-  $('flowGo').addEventListener('click', () => {
+  $('flowGo').addEventListener('click', async () => {
     if (phase !== 'confirm' || !go) return;
     unlockAudio();
-    go();
+    // One send per confirmation, however fast a second click comes; kept
+    // for another try when the user chose to keep a live recording going.
+    const send = go;
+    go = null;
+    await send();
+    if (phase === 'confirm' && !go) go = send;
   });
   $('flowCancel').addEventListener('click', secondary);
   // Escape does what the dialog's left button says.

@@ -8,6 +8,7 @@
 
 import { api, openStream } from './api.js';
 import { drawScope, drawTrend } from './charts.js';
+import { confirmEndLive } from './confirm.js';
 import { createCoupling, createCountdown, createStepCue } from './cues.js';
 import { clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, titleText } from './format.js';
 import { initHrvCard, renderHrv } from './hrv.js';
@@ -308,6 +309,7 @@ export function initLive(left, useRate) {
     await api('/stop');
   });
   $('newBtn').addEventListener('click', async () => {
+    if (!(await confirmEndLive('Starting a new session', 'Stop recording'))) return;
     await api('/stop');
     leaveLive();
     onLeave();

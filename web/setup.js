@@ -3,6 +3,7 @@
 // import and batch processing, and Start.
 
 import { api } from './api.js';
+import { confirmEndLive } from './confirm.js';
 import { unlockAudio } from './audio.js';
 import { ageError, breathingPeriod, clockText, cycleText, periodError, round2 } from './format.js';
 import { initImports } from './imports.js';
@@ -315,23 +316,34 @@ async function loadRecordings() {
 
 // ---------- start ----------
 
+// Start waits for the program's answer: a second click would start the
+// session again.
 async function start() {
+  const btn = $('startBtn');
+  if (btn.disabled) return;
+  btn.disabled = true;
+  try {
+    await startSession();
+  } finally {
+    btn.disabled = false;
+  }
+}
+
+async function startSession() {
   const note = $('startNote');
   setNote(note, '');
   if (!checkSession((text) => setNote(note, text, 'err'))) return;
   const proto = protocolParams();
-  let r;
-  if (source === 'live') {
-    const opt = $('device').selectedOptions[0];
-    if (!opt || !opt.value) return setNote(note, 'Scan and select your Polar H10 first.', 'err');
-    unlockAudio();
-    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sourceParam(opt), ...sessionParams(), ...proto });
-  } else {
-    const opt = $('recording').selectedOptions[0];
-    if (!opt || !opt.value) return setNote(note, 'Pick or import a recording.', 'err');
-    unlockAudio();
-    r = await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams(), ...proto });
-  }
+  const live = source === 'live';
+  const opt = live ? $('device').selectedOptions[0] : $('recording').selectedOptions[0];
+  if (!opt || !opt.value) return setNote(note, live ? 'Scan and select your Polar H10 first.' : 'Pick or import a recording.', 'err');
+  // Sound is unlocked by the click itself, before the question below.
+  unlockAudio();
+  // Another window may be recording live.
+  if (!(await confirmEndLive('Starting this session', 'Stop and start'))) return;
+  const r = live
+    ? await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sourceParam(opt), ...sessionParams(), ...proto })
+    : await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams(), ...proto });
   if (!r.data || !r.data.ok) {
     // Bad assessment settings come back as a sentence in "reason".
     const why = r.data && (r.data.reason || r.data.error);
