@@ -105,6 +105,17 @@ export function endLiveText(s, what, go) {
   };
 }
 
+/**
+ * The note of the scope's card: while live, the strap's own status
+ * ("Streaming ECG…"); once stopped, that it stopped and the file the program
+ * saved it as; a replay's source otherwise.
+ */
+export function sourceNoteText(s) {
+  if (s.mode !== 'live') return s.source_label || '';
+  if (s.running) return s.bt_status || '';
+  return 'Stopped' + (s.saved_as ? ' · saved as recordings/' + s.saved_as : '');
+}
+
 /** The run state pill: the strap's status while live, the snapshot's speed in replay. */
 export function runStateText(s) {
   if (!s.running) return 'Stopped';
