@@ -7,8 +7,8 @@ import { unlockAudio } from './audio.js';
 import { config } from './config.js';
 import { confirmEndLive } from './confirm.js';
 import {
-  countText, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, recordingsText, sizeText, stem,
-  uploadLimitText,
+  countText, fileRefusal, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, rawEcgWarnings,
+  recordingsText, sizeText, stem, tooLargeText,
 } from './importplan.js';
 import { $, setText } from './ui.js';
 
@@ -81,6 +81,7 @@ function openDialog(title) {
   show($('flowWhat'), true);
   show($('fsField'), false);
   show($('flowHint'), false);
+  setWarnings([]);
   show($('flowSkipped'), false);
   show($('flowProgress'), false);
   show($('flowResult'), false);
@@ -102,8 +103,22 @@ function setPhase(p) {
   // Once the files are on their way the choices are settled: only the
   // facts stay, above the progress and the outcome.
   if (p !== 'confirm') {
-    for (const id of ['fsField', 'flowWhat', 'flowHint']) show($(id), false);
+    for (const id of ['fsField', 'flowWhat', 'flowHint', 'flowWarn']) show($(id), false);
   }
+}
+
+// What to check before going on; the confirm button carries it for a screen reader.
+function setWarnings(list) {
+  const box = $('flowWarn');
+  box.textContent = '';
+  for (const text of list) {
+    const p = document.createElement('p');
+    p.textContent = text;
+    box.append(p);
+  }
+  show(box, list.length > 0);
+  if (list.length) $('flowGo').setAttribute('aria-describedby', 'flowWarn');
+  else $('flowGo').removeAttribute('aria-describedby');
 }
 
 // The line under the import buttons follows the flow while the dialog is closed.
@@ -135,11 +150,9 @@ function fail(text) {
   if (!dialog().open) show($('flowShow'), true);
 }
 
-const tooLarge = (what) => what + ' is larger than ' + uploadLimitText() + ', the most the program takes in one file.';
-
 // Why a request did not do its work, for people.
 function refusal(r, what) {
-  if (r.status === 413) return tooLarge(what);
+  if (r.status === 413) return tooLargeText(what);
   if (r.status === 0) return 'The program did not answer. Is it still running?';
   const d = r.data;
   return (d && (d.note || d.reason || d.error)) || '';
@@ -215,8 +228,9 @@ function finished(d) {
 async function chooseFile(file) {
   const id = openDialog('Import file');
   // Refused here rather than by the program halfway through the upload, which
-  // a browser reports as a lost connection.
-  if (file.size > config.max_upload_bytes) return fail(tooLarge(file.name));
+  // a browser reports as a lost connection; an empty file is refused unsent.
+  const refused = fileRefusal(file.name, file.size);
+  if (refused) return fail(refused);
   // A raw import starts a session with the breathing protocol chosen.
   if (!ctx.protocolParams()) return fail(ctx.fixProtocol);
   let head = '';
@@ -233,6 +247,9 @@ async function chooseFile(file) {
   $('fs').oninput = describe;
   describe();
   show($('fsField'), !kubios);
+  // The program reads the first column as whole microvolts: a time column or
+  // millivolts would import without a word and replay as nonsense.
+  setWarnings(kubios ? [] : rawEcgWarnings(head, file.size > kKubiosHeadChars));
   setPhase('confirm');
   setButtons('Cancel', kubios ? 'Write report' : 'Import and replay');
   // A raw ECG is replayed at once, which ends a live recording still going.
