@@ -27,6 +27,10 @@ export function dateMs(text) {
 
 const fixed = (v, digits) => (finite(v) ? v.toFixed(digits) : '–');
 
+/** The table's columns as a narrow window labels each cell, where the table's head is not shown. */
+const kColumnLabels = ['Date', 'Duration', 'Protocol', 'Mean CVN', 'Peak–trough HR (bpm)', 'RMSSD (ms)', 'LF/HF',
+  'Recommended pace (breaths/min)'];
+
 /** The table's cells of a summarised row, in column order (date first). */
 export function rowCells(row) {
   return [
@@ -183,13 +187,15 @@ function renderRows(enterLive) {
       cell(row.error, 'err').colSpan = 8;
       tr.className = 'failed';
     } else {
-      for (const text of rowCells(row)) cell(text);
+      rowCells(row).forEach((text, i) => { cell(text).dataset.label = kColumnLabels[i]; });
       const td = cell('', 'actions');
+      const box = document.createElement('div');
+      td.append(box);
       const when = row.date || row.file;
       const replay = actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2, false, both));
       const exp = actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true, both));
       const both = [replay, exp];
-      td.append(replay, exp);
+      box.append(replay, exp);
     }
     body.appendChild(tr);
   }
