@@ -26,6 +26,32 @@ export function breathingPeriod(text, dflt) {
   return round2(Math.max(parseDecimal(text, dflt), config.min_breathing_period));
 }
 
+// What Setup refuses before anything is sent. The program would quietly turn
+// "abc" into its default and 0 into its shortest period; a minute in or out
+// is already far beyond any paced-breathing protocol, and 120 years beyond
+// any person.
+export const kMaxBreathingPeriod = 60;
+export const kMaxAge = 120;
+
+/** A number typed with a comma or a point, the whole text of it; NaN otherwise ("5 s", "abc", "1e3"). */
+export function strictDecimal(text) {
+  const t = String(text ?? '').trim().replace(',', '.');
+  return /^[+-]?(\d+\.?\d*|\.\d+)$/.test(t) ? Number(t) : NaN;
+}
+
+/** What is wrong with an in- or out-period as typed, or '' when the program can use it. */
+export function periodError(text) {
+  const v = strictDecimal(text);
+  const ok = v >= config.min_breathing_period && v <= kMaxBreathingPeriod;
+  return ok ? '' : 'Seconds, ' + config.min_breathing_period + '–' + kMaxBreathingPeriod;
+}
+
+/** What is wrong with the age as typed, or ''. Empty is allowed: the program then takes its default. */
+export function ageError(text) {
+  const t = String(text ?? '').trim();
+  return !t || (/^\d+$/.test(t) && Number(t) <= kMaxAge) ? '' : 'Whole years, 0–' + kMaxAge;
+}
+
 /** The setup pill: "Cycle 16 s · 0.0625 Hz". */
 export function cycleText(indur, outdur) {
   const sum = round2(indur + outdur);
@@ -57,6 +83,37 @@ export function titleText(s) {
 export function metaText(s) {
   return 'Sex ' + s.sex + ' · Age ' + s.age + ' · In ' + s.indur + ' s / Out ' + s.outdur +
     ' s · Cycle ' + s.cycle_seconds + 's · Expected ' + s.expected_freq + ' Hz';
+}
+
+/** Whether a snapshot is of a live recording still going: ending it needs the user's word. */
+export const isLiveRunning = (s) => !!s && s.mode === 'live' && !!s.running;
+
+/**
+ * The question before `what` (e.g. "Replaying this recording") ends the live
+ * recording of snapshot `s`, and its buttons: { title, text, keep, go }.
+ */
+export function endLiveText(s, what, go) {
+  const who = s.name_id ? ' of ' + s.name_id : '';
+  // The program saves a live session when it stops, once it holds a second.
+  const kept = s.elapsed >= 1 ? 'what was recorded is saved in the recordings folder.'
+    : 'less than a second is recorded, too little to save.';
+  return {
+    title: 'Stop the live recording?',
+    text: 'A live recording' + who + ' is running (' + clockText(s.elapsed) + ' so far). ' + what + ' stops it; ' + kept,
+    keep: 'Keep recording',
+    go,
+  };
+}
+
+/**
+ * The note of the scope's card: while live, the strap's own status
+ * ("Streaming ECG…"); once stopped, that it stopped and the file the program
+ * saved it as; a replay's source otherwise.
+ */
+export function sourceNoteText(s) {
+  if (s.mode !== 'live') return s.source_label || '';
+  if (s.running) return s.bt_status || '';
+  return 'Stopped' + (s.saved_as ? ' · saved as recordings/' + s.saved_as : '');
 }
 
 /** The run state pill: the strap's status while live, the snapshot's speed in replay. */

@@ -7,6 +7,7 @@
 
 import { api } from './api.js';
 import { fitCanvas, niceStep } from './charts.js';
+import { confirmEndLive } from './confirm.js';
 import { clockText } from './format.js';
 import { $ } from './ui.js';
 
@@ -25,6 +26,10 @@ export function dateMs(text) {
 }
 
 const fixed = (v, digits) => (finite(v) ? v.toFixed(digits) : '–');
+
+/** The table's columns as a narrow window labels each cell, where the table's head is not shown. */
+const kColumnLabels = ['Date', 'Duration', 'Protocol', 'Mean CVN', 'Peak–trough HR (bpm)', 'RMSSD (ms)', 'LF/HF',
+  'Recommended pace (breaths/min)'];
 
 /** The table's cells of a summarised row, in column order (date first). */
 export function rowCells(row) {
@@ -182,11 +187,15 @@ function renderRows(enterLive) {
       cell(row.error, 'err').colSpan = 8;
       tr.className = 'failed';
     } else {
-      for (const text of rowCells(row)) cell(text);
+      rowCells(row).forEach((text, i) => { cell(text).dataset.label = kColumnLabels[i]; });
       const td = cell('', 'actions');
+      const box = document.createElement('div');
+      td.append(box);
       const when = row.date || row.file;
-      td.append(actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2)),
-        actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true)));
+      const replay = actionButton('Replay', 'Replay the recording of ' + when, () => openRow(enterLive, row, 2, false, both));
+      const exp = actionButton('Export', 'Export the recording of ' + when, () => openRow(enterLive, row, 0, true, both));
+      const both = [replay, exp];
+      box.append(replay, exp);
     }
     body.appendChild(tr);
   }
@@ -198,7 +207,21 @@ function renderRows(enterLive) {
 
 // Replays a row's recording on the live screen; for an export, the whole
 // recording at once (paused at its end) and the live screen's own export.
-async function openRow(enterLive, row, speed, exportIt = false) {
+// A live recording still going is ended only when the user says so. The
+// row's buttons wait for the answer, so a double click starts one replay.
+async function openRow(enterLive, row, speed, exportIt, buttons) {
+  buttons.forEach((b) => { b.disabled = true; });
+  try {
+    await replayRow(enterLive, row, speed, exportIt);
+  } finally {
+    buttons.forEach((b) => { b.disabled = false; });
+  }
+}
+
+async function replayRow(enterLive, row, speed, exportIt) {
+  const agreed = exportIt ? await confirmEndLive('Exporting this recording', 'Stop and export')
+    : await confirmEndLive('Replaying this recording', 'Stop and replay');
+  if (!agreed) return;
   const r = await api('/start_replay', replayParams(row, speed));
   if (!r.data || !r.data.ok) {
     $('historyNote').textContent = 'Could not open ' + row.file + '.';

@@ -16,6 +16,84 @@ export function looksLikeKubios(text) {
     head.startsWith('sep=') || head.includes('\nsep=');
 }
 
+/** The refusal of a file over the program's limit. */
+export const tooLargeText = (name) => name + ' is larger than ' + uploadLimitText() + ', the most the program takes in one file.';
+
+/** Why a chosen file is not sent at all, or '' when it may be. */
+export function fileRefusal(name, size) {
+  if (size === 0) return name + ' is empty (0 bytes): there is nothing in it to import.';
+  return size > config.max_upload_bytes ? tooLargeText(name) : '';
+}
+
+// The program takes the first CSV column of every line that is a number and
+// skips the rest (a header, notes); here the same, on the start of a file.
+const kNumberText = /^[+-]?[0-9+\-.eE]*$/;
+const kLinesLooked = 400;      // enough to tell, little enough to be quick
+const kMinValues = 20;         // fewer tell nothing about a file's shape
+
+/**
+ * The samples the program would read from `head`, the start of a file (the
+ * whole file unless `cut`, when its last line may be broken off and is left out).
+ */
+export const firstColumnValues = (head, cut) => firstColumn(head, cut).map((c) => c.v);
+
+// The same as { text, v }: the warnings quote the file as it is written.
+function firstColumn(head, cut) {
+  const lines = String(head).split('\n');
+  if (cut) lines.pop();
+  const out = [];
+  for (const line of lines.slice(0, kLinesLooked)) {
+    const text = line.split(',')[0].replace(/[\r ]+$/, '').replace(/^[ \t]+/, '');
+    if (!kNumberText.test(text) || !/[0-9]/.test(text)) continue;
+    const v = parseFloat(text);
+    if (Number.isFinite(v)) out.push({ text, v });
+  }
+  return out;
+}
+
+/** Whether the values climb like a clock: every one above the last, by steps of about one size. */
+export function risesLikeTime(values) {
+  if (values.length < kMinValues) return false;
+  let lo = Infinity, hi = 0;
+  for (let i = 1; i < values.length; i++) {
+    const d = values[i] - values[i - 1];
+    if (!(d > 0)) return false;
+    lo = Math.min(lo, d);
+    hi = Math.max(hi, d);
+  }
+  // A clock's steps vary with its rounding and jitter; an ECG that happens
+  // to rise for a while speeds up and slows down far more.
+  return hi <= 3 * lo;
+}
+
+/** Whether the values look like millivolts: all small, most with decimals. */
+export function looksLikeMillivolts(values) {
+  if (values.length < kMinValues || values.some((v) => Math.abs(v) >= 20)) return false;
+  return values.filter((v) => !Number.isInteger(v)).length * 2 >= values.length;
+}
+
+const shortList = (column) => column.slice(0, 3).map((c) => c.text.replace(/^-/, '−')).join(', ') + ' …';
+
+/**
+ * What the user should check before a raw ECG is imported, from the start
+ * of the file (`cut` as for firstColumnValues): sentences, none when it
+ * looks like an ECG. The user may still go on.
+ */
+export function rawEcgWarnings(head, cut) {
+  const column = firstColumn(head, cut);
+  const values = column.map((c) => c.v);
+  // A time column would also look small and decimal: one warning, the one that matters.
+  if (risesLikeTime(values)) {
+    return ['The first column rises steadily (' + shortList(column) + '), like a time axis. The program reads the ' +
+      'first column as the ECG, so it would replay the time. Put the ECG in the first column, or go on if this is right.'];
+  }
+  if (looksLikeMillivolts(values)) {
+    return ['All values are small with decimals (' + shortList(column) + '), like millivolts. The program keeps ' +
+      'whole microvolts, so the trace would be rounded flat. Convert it to microvolts (× 1000) first, or go on if this is right.'];
+  }
+  return [];
+}
+
 /** The sample rate the program will use for an imported raw ECG, from the field's text. */
 export function importRate(text) {
   const v = parseFloat(String(text).replace(/,/g, '.'));

@@ -5,16 +5,17 @@
 import { api, openStream } from './api.js';
 import { unlockAudio } from './audio.js';
 import { config } from './config.js';
+import { confirmEndLive } from './confirm.js';
 import {
-  countText, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, recordingsText, sizeText, stem,
-  uploadLimitText,
+  countText, fileRefusal, importRate, kindText, kKubiosHeadChars, looksLikeKubios, planFolder, rawEcgWarnings,
+  recordingsText, sizeText, stem, tooLargeText,
 } from './importplan.js';
 import { $, setText } from './ui.js';
 
 const kSkippedShown = 12;     // skipped files listed by name; the rest are counted
 const kPersonsShown = 8;      // persons named in the summary; the rest are counted
 
-let ctx = null;               // {sessionParams(), protocolParams(), fixProtocol, speed(), started(), refresh()}
+let ctx = null;               // {sessionParams(), checkSession(note), protocolParams(), fixProtocol, speed(), started(), refresh()}
 let run = 0;                  // every flow has a number; late answers of an old one are dropped
 let phase = 'idle';           // confirm, upload, process, end
 let go = null;                // what the primary button does in "confirm"
@@ -80,6 +81,7 @@ function openDialog(title) {
   show($('flowWhat'), true);
   show($('fsField'), false);
   show($('flowHint'), false);
+  setWarnings([]);
   show($('flowSkipped'), false);
   show($('flowProgress'), false);
   show($('flowResult'), false);
@@ -101,8 +103,22 @@ function setPhase(p) {
   // Once the files are on their way the choices are settled: only the
   // facts stay, above the progress and the outcome.
   if (p !== 'confirm') {
-    for (const id of ['fsField', 'flowWhat', 'flowHint']) show($(id), false);
+    for (const id of ['fsField', 'flowWhat', 'flowHint', 'flowWarn']) show($(id), false);
   }
+}
+
+// What to check before going on; the confirm button carries it for a screen reader.
+function setWarnings(list) {
+  const box = $('flowWarn');
+  box.textContent = '';
+  for (const text of list) {
+    const p = document.createElement('p');
+    p.textContent = text;
+    box.append(p);
+  }
+  show(box, list.length > 0);
+  if (list.length) $('flowGo').setAttribute('aria-describedby', 'flowWarn');
+  else $('flowGo').removeAttribute('aria-describedby');
 }
 
 // The line under the import buttons follows the flow while the dialog is closed.
@@ -134,11 +150,9 @@ function fail(text) {
   if (!dialog().open) show($('flowShow'), true);
 }
 
-const tooLarge = (what) => what + ' is larger than ' + uploadLimitText() + ', the most the program takes in one file.';
-
 // Why a request did not do its work, for people.
 function refusal(r, what) {
-  if (r.status === 413) return tooLarge(what);
+  if (r.status === 413) return tooLargeText(what);
   if (r.status === 0) return 'The program did not answer. Is it still running?';
   const d = r.data;
   return (d && (d.note || d.reason || d.error)) || '';
@@ -214,8 +228,9 @@ function finished(d) {
 async function chooseFile(file) {
   const id = openDialog('Import file');
   // Refused here rather than by the program halfway through the upload, which
-  // a browser reports as a lost connection.
-  if (file.size > config.max_upload_bytes) return fail(tooLarge(file.name));
+  // a browser reports as a lost connection; an empty file is refused unsent.
+  const refused = fileRefusal(file.name, file.size);
+  if (refused) return fail(refused);
   // A raw import starts a session with the breathing protocol chosen.
   if (!ctx.protocolParams()) return fail(ctx.fixProtocol);
   let head = '';
@@ -232,9 +247,15 @@ async function chooseFile(file) {
   $('fs').oninput = describe;
   describe();
   show($('fsField'), !kubios);
+  // The program reads the first column as whole microvolts: a time column or
+  // millivolts would import without a word and replay as nonsense.
+  setWarnings(kubios ? [] : rawEcgWarnings(head, file.size > kKubiosHeadChars));
   setPhase('confirm');
   setButtons('Cancel', kubios ? 'Write report' : 'Import and replay');
-  go = () => sendFile(id, file);
+  // A raw ECG is replayed at once, which ends a live recording still going.
+  go = async () => {
+    if (kubios || await confirmEndLive('Replaying the imported file', 'Stop and import')) sendFile(id, file);
+  };
 }
 
 async function sendFile(id, file) {
@@ -265,7 +286,8 @@ function insidePath(f) {
 }
 
 function personText(p, fallback) {
-  return (p.name || fallback || 'no name given') + ' · ' + (p.sex === 'F' ? 'female' : 'male') + ' · ' + p.age + ' years';
+  return (p.name || fallback || 'no name given') + ' · ' + (p.sex === 'F' ? 'female' : 'male') + ' · ' +
+    (p.age.trim() ? p.age.trim() + ' years' : 'age not given');
 }
 
 async function chooseFolder(list, single) {
@@ -365,7 +387,8 @@ function secondary() {
 }
 
 /**
- * Wires the three buttons. `c` gives the session fields (`sessionParams()`),
+ * Wires the three buttons. `c` gives the session fields (`sessionParams()`,
+ * and `checkSession(note)`, false with `note(text)` told when they are wrong),
  * the breathing protocol's (`protocolParams()`, null while its settings are
  * wrong, `fixProtocol` saying so),
  * the replay speed (`speed()`), what starts the live screen (`started()`)
@@ -377,7 +400,13 @@ export function initImports(c) {
   fs.min = config.min_import_rate;
   fs.max = config.max_import_rate;
   fs.value = config.sample_rate;
-  const pick = (input) => () => { input.value = ''; input.click(); };
+  // The files go out with the session fields: wrong ones are put right
+  // before a file is even chosen.
+  const pick = (input) => () => {
+    if (!ctx.checkSession((text) => importNote(text, 'err'))) return;
+    input.value = '';
+    input.click();
+  };
   $('importFileBtn').addEventListener('click', pick($('importFile')));
   $('importFolderBtn').addEventListener('click', pick($('importFolder')));
   $('batchBtn').addEventListener('click', pick($('batchFolder')));
@@ -386,10 +415,15 @@ export function initImports(c) {
   $('batchFolder').addEventListener('change', (e) => { if (e.target.files.length) chooseFolder(e.target.files, false); });
   // The click is the last user gesture before a raw import opens the live
   // screen, so sound is unlocked here.
-  $('flowGo').addEventListener('click', () => {
+  $('flowGo').addEventListener('click', async () => {
     if (phase !== 'confirm' || !go) return;
     unlockAudio();
-    go();
+    // One send per confirmation, however fast a second click comes; kept
+    // for another try when the user chose to keep a live recording going.
+    const send = go;
+    go = null;
+    await send();
+    if (phase === 'confirm' && !go) go = send;
   });
   $('flowCancel').addEventListener('click', secondary);
   // Escape does what the dialog's left button says.

@@ -8,8 +8,11 @@
 
 import { api, openStream } from './api.js';
 import { drawScope, drawTrend } from './charts.js';
+import { confirmEndLive } from './confirm.js';
 import { createCoupling, createCountdown, createStepCue } from './cues.js';
-import { clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, titleText } from './format.js';
+import {
+  clockText, gaugeFraction, heartRateParts, metaText, runStateText, scoreText, sourceNoteText, titleText,
+} from './format.js';
 import { initHrvCard, renderHrv } from './hrv.js';
 import { followJobs, resetJobs } from './jobs.js';
 import { createPacerView } from './pacer.js';
@@ -124,7 +127,6 @@ function setDisabled(el, off) {
 }
 
 function renderTexts(s) {
-  const live = s.mode === 'live';
   setText($('liveTitle'), titleText(s));
   setText($('liveMeta'), metaText(s));
   const st = $('runState');
@@ -133,7 +135,7 @@ function renderTexts(s) {
     st.classList.toggle('stopped', !s.running);
   }
   setDisabled($('stopBtn'), !s.running);
-  setText($('sourceText'), live ? (s.bt_status || '') : (s.source_label || ''));
+  setText($('sourceText'), sourceNoteText(s));
 
   const hr = heartRateParts(s.hr);
   setComposed($('hrVal'), hr ? hr[0] : '–', hr ? hr[1] : '');
@@ -308,6 +310,7 @@ export function initLive(left, useRate) {
     await api('/stop');
   });
   $('newBtn').addEventListener('click', async () => {
+    if (!(await confirmEndLive('Starting a new session', 'Stop recording'))) return;
     await api('/stop');
     leaveLive();
     onLeave();

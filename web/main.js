@@ -3,6 +3,7 @@
 
 import { api } from './api.js';
 import { loadConfig } from './config.js';
+import { initConfirm } from './confirm.js';
 import { initHistory } from './history.js';
 import { initJobs } from './jobs.js';
 import { enterLive, initLive, lastSnapshot } from './live.js';
@@ -26,6 +27,7 @@ initSetup(enterLive);
 initLive(refreshSetup, useRate);
 initJobs();
 initAbout();
+initConfirm();
 initHistory(enterLive);
 
 api('/status').then((r) => {

@@ -3,12 +3,13 @@
 // import and batch processing, and Start.
 
 import { api } from './api.js';
+import { confirmEndLive } from './confirm.js';
 import { unlockAudio } from './audio.js';
-import { breathingPeriod, clockText, cycleText, round2 } from './format.js';
+import { ageError, breathingPeriod, clockText, cycleText, periodError, round2 } from './format.js';
 import { initImports } from './imports.js';
 import { importRate } from './importplan.js';
 import { kRf, paceFromRate, readRfSettings, rateText, rfParams, rfSchedule } from './rf.js';
-import { $, setNote, setPressed, setText } from './ui.js';
+import { $, markField, setNote, setPressed, setText } from './ui.js';
 
 let source = 'live';
 let speed = 2;
@@ -33,11 +34,44 @@ function sessionParams() {
 
 // ---------- session ----------
 
+/** Marks every session field that is wrong; returns the first wrong one, or null. */
+function markSession() {
+  let first = null;
+  for (const [id, check] of [['age', ageError], ['indur', periodError], ['outdur', periodError]]) {
+    // An assessment takes its periods from its steps.
+    const msg = id === 'age' || protocol === 'free' ? check($(id).value) : '';
+    markField($(id), $(id + 'Err'), msg);
+    if (msg && !first) first = $(id);
+  }
+  // Start's "correct the fields" goes once they are.
+  if (!first && $('startNote').textContent === kFixFields) setNote($('startNote'), '');
+  return first;
+}
+
+const kFixFields = 'Correct the fields marked in red first.';
+
+/**
+ * Whether the session fields (and an assessment's table) can be sent as they
+ * are; if not, the mistakes are marked, `note` says so and the first wrong
+ * field takes the focus.
+ */
+function checkSession(note) {
+  const field = markSession();
+  const bad = field || (protocol === 'rf' ? firstBadRfField() : null);
+  if (!bad) return true;
+  note(field ? kFixFields : kFixRf);
+  bad.focus();
+  return false;
+}
+
 function updateCycle() {
+  markSession();
+  const ok = !periodError($('indur').value) && !periodError($('outdur').value);
   const i = breathingPeriod($('indur').value, 5), o = breathingPeriod($('outdur').value, 11);
-  $('cyclePill').textContent = cycleText(i, o);
+  // A cycle from numbers that will not be sent would only mislead.
+  $('cyclePill').textContent = ok ? cycleText(i, o) : 'Cycle –';
   document.querySelectorAll('.chip').forEach((c) => {
-    setPressed(c, +c.dataset.in === i && +c.dataset.out === o);
+    setPressed(c, ok && +c.dataset.in === i && +c.dataset.out === o);
   });
 }
 
@@ -49,6 +83,7 @@ function setProtocol(p) {
   $('freePanel').hidden = p !== 'free';
   $('rfPanel').hidden = p !== 'rf';
   setNote($('startNote'), '');
+  markSession();
 }
 
 // The rows are rebuilt only when a rate is added or removed, so typing keeps
@@ -72,7 +107,7 @@ function buildRfRows() {
     input.setAttribute('aria-label', 'Rate of step ' + (i + 1) + ' (breaths/min)');
     input.addEventListener('input', () => { rfRates[i] = input.value; updateRf(); });
     cell('rate').append(input);
-    cell('breaths');
+    cell('breaths').id = 'rfRateErr' + i;
     cell('periods');
     cell('time');
     const del = document.createElement('button');
@@ -104,7 +139,7 @@ function updateRf() {
     const tr = rows[i];
     if (!tr) return;
     const err = v.errors.rates[i];
-    tr.querySelector('input').classList.toggle('bad', !!err);
+    markField(tr.querySelector('input'), tr.cells[2], err);
     tr.classList.toggle('bad', !!err);
     let breaths = '', periods = '', time = '';
     if (err) breaths = err;
@@ -119,10 +154,7 @@ function updateRf() {
     setText(tr.cells[3], periods);
     setText(tr.cells[4], time);
   });
-  for (const [id, msg] of [['rfStep', v.errors.step], ['rfInfrac', v.errors.infrac]]) {
-    $(id).classList.toggle('bad', !!msg);
-    setText($(id + 'Err'), msg);
-  }
+  for (const [id, msg] of [['rfStep', v.errors.step], ['rfInfrac', v.errors.infrac]]) markField($(id), $(id + 'Err'), msg);
   let total = '';
   if (v.ok) {
     const sched = rfSchedule(v.rates, v.step_s, v.infrac);
@@ -141,6 +173,17 @@ function protocolParams() {
 }
 
 const kFixRf = 'Correct the resonance assessment’s settings first (marked in red).';
+
+// In the order they stand on the screen.
+function firstBadRfField() {
+  const v = rfSettings();
+  if (v.errors.step) return $('rfStep');
+  if (v.errors.infrac) return $('rfInfrac');
+  const i = v.rates.findIndex((_, k) => v.errors.rates[k]);
+  if (i >= 0) return $('rfRows').rows[i].querySelector('input');
+  // Too few rates: the button that adds one.
+  return v.ok ? null : $('rfAdd');
+}
 
 /** Switches to one rhythm at `bpm` with the assessment's in-fraction (the results card's "Use this pace"). */
 export function useRate(bpm, infrac) {
@@ -273,23 +316,34 @@ async function loadRecordings() {
 
 // ---------- start ----------
 
+// Start waits for the program's answer: a second click would start the
+// session again.
 async function start() {
+  const btn = $('startBtn');
+  if (btn.disabled) return;
+  btn.disabled = true;
+  try {
+    await startSession();
+  } finally {
+    btn.disabled = false;
+  }
+}
+
+async function startSession() {
   const note = $('startNote');
   setNote(note, '');
+  if (!checkSession((text) => setNote(note, text, 'err'))) return;
   const proto = protocolParams();
-  if (!proto) return setNote(note, kFixRf, 'err');
-  let r;
-  if (source === 'live') {
-    const opt = $('device').selectedOptions[0];
-    if (!opt || !opt.value) return setNote(note, 'Scan and select your Polar H10 first.', 'err');
-    unlockAudio();
-    r = await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sourceParam(opt), ...sessionParams(), ...proto });
-  } else {
-    const opt = $('recording').selectedOptions[0];
-    if (!opt || !opt.value) return setNote(note, 'Pick or import a recording.', 'err');
-    unlockAudio();
-    r = await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams(), ...proto });
-  }
+  const live = source === 'live';
+  const opt = live ? $('device').selectedOptions[0] : $('recording').selectedOptions[0];
+  if (!opt || !opt.value) return setNote(note, live ? 'Scan and select your Polar H10 first.' : 'Pick or import a recording.', 'err');
+  // Sound is unlocked by the click itself, before the question below.
+  unlockAudio();
+  // Another window may be recording live.
+  if (!(await confirmEndLive('Starting this session', 'Stop and start'))) return;
+  const r = live
+    ? await api('/start_live', { address: opt.value, device: opt.dataset.name || '', ...sourceParam(opt), ...sessionParams(), ...proto })
+    : await api('/start_replay', { dir: opt.dataset.dir, file: opt.value, speed, ...sessionParams(), ...proto });
   if (!r.data || !r.data.ok) {
     // Bad assessment settings come back as a sentence in "reason".
     const why = r.data && (r.data.reason || r.data.error);
@@ -303,6 +357,7 @@ export function initSetup(started) {
   onStarted = started;
   $('indur').addEventListener('input', updateCycle);
   $('outdur').addEventListener('input', updateCycle);
+  $('age').addEventListener('input', markSession);
   document.querySelectorAll('.chip').forEach((c) => c.addEventListener('click', () => {
     $('indur').value = c.dataset.in;
     $('outdur').value = c.dataset.out;
@@ -321,7 +376,7 @@ export function initSetup(started) {
     rfRates.push(rateText(Number.isFinite(last) ? Math.max(kRf.minRate, last - 0.5) : kRf.rates.at(-1)));
     buildRfRows();
   });
-  initImports({ sessionParams, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: () => onStarted(), refresh: loadRecordings });
+  initImports({ sessionParams, checkSession, protocolParams, fixProtocol: kFixRf, speed: () => speed, started: () => onStarted(), refresh: loadRecordings });
   $('startBtn').addEventListener('click', start);
   setProtocol('free');
   buildRfRows();

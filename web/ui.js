@@ -20,6 +20,22 @@ export function setNote(el, text, kind) {
   el.classList.toggle('ok', kind === 'ok');
 }
 
+/**
+ * Shows a field's mistake beside it (`errEl`), or clears it: the red frame
+ * for the eye, aria-invalid and aria-describedby for a screen reader.
+ */
+export function markField(input, errEl, msg) {
+  input.classList.toggle('bad', !!msg);
+  setText(errEl, msg || '');
+  if (msg) {
+    input.setAttribute('aria-invalid', 'true');
+    input.setAttribute('aria-describedby', errEl.id);
+  } else {
+    input.removeAttribute('aria-invalid');
+    input.removeAttribute('aria-describedby');
+  }
+}
+
 const kToastMs = 1600;
 let toastTimer = 0;
 export function toast(text) {

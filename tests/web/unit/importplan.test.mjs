@@ -2,7 +2,9 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { config } from '../../../web/config.js';
-import { importRate, kindText, looksLikeKubios, planFolder, recordingsText } from '../../../web/importplan.js';
+import {
+  fileRefusal, firstColumnValues, importRate, kindText, looksLikeKubios, planFolder, rawEcgWarnings, recordingsText,
+} from '../../../web/importplan.js';
 
 // As /config gives them.
 Object.assign(config, { sample_rate: 130, min_import_rate: 20, max_import_rate: 20000, max_upload_bytes: 512 * 2 ** 20 });
@@ -49,4 +51,46 @@ test('a chosen folder: persons, recordings, markers and the files left behind wi
 
   assert.deepEqual(planFolder(files, true).persons, [{ name: '', count: 5 }]);
   assert.deepEqual(planFolder([], true), { recordings: [], markers: [], skipped: [], persons: [] });
+});
+
+// An ECG as the program stores it: whole microvolts, one per line.
+const ecgLines = (n, scale = 1, decimals = 0) => Array.from({ length: n }, (_, i) =>
+  (scale * (Math.sin(i / 4) * 300 + (i % 26 === 0 ? 1200 : 0))).toFixed(decimals)).join('\n') + '\n';
+
+test('the samples the program reads: the first column of each line that is a number', () => {
+  const head = 'time_s,ecg_uV\r\n  -12.5e1,3\n\tx7\n+4\n1-2\n.\n\n12, 9\n100\n4';
+  assert.deepEqual(firstColumnValues(head, false), [-125, 4, 1, 12, 100, 4]);
+  // A start of a file cut mid-line: its last line may be part of a number.
+  assert.deepEqual(firstColumnValues(head, true), [-125, 4, 1, 12, 100]);
+});
+
+test('a raw ECG import warns of a time column and of millivolts, and is quiet for an ECG', () => {
+  const timed = (fs, digits) => 'time_s,ecg_uV\n' + Array.from({ length: 300 }, (_, i) => (i / fs).toFixed(digits) + ',' + (i % 7)).join('\n');
+  for (const [head, why] of [[timed(130, 4), '130 Hz in seconds'], [timed(130, 3), 'rounded to 3 decimals'], [timed(1000, 3), '1 kHz'],
+    [Array.from({ length: 50 }, (_, i) => String(1700000000000 + Math.round(i * 7.69))).join('\n'), 'epoch milliseconds'],
+    [Array.from({ length: 50 }, (_, i) => i + 1 + ',512').join('\n'), 'a sample counter']]) {
+    const w = rawEcgWarnings(head, false);
+    assert.equal(w.length, 1, why);
+    assert.match(w[0], /^The first column rises steadily \(.+ …\), like a time axis\./, why);
+  }
+  assert.match(rawEcgWarnings(timed(130, 4), false)[0], /\(0\.0000, 0\.0077, 0\.0154 …\)/);
+
+  const mv = ecgLines(200, 0.001, 3);
+  assert.equal(rawEcgWarnings(mv, false).length, 1);
+  assert.match(rawEcgWarnings(mv, false)[0], /^All values are small with decimals \(1\.200, 0\.074, 0\.144 …\), like millivolts\./);
+  assert.match(rawEcgWarnings('-0.05\n' + mv, false)[0], /\(−0\.05, /, 'a real minus in the text');
+
+  // Quiet: whole microvolts, microvolts with decimals, an upstroke that rises for a while, a flat
+  // zero line, a file too short to tell, the Kubios-free text of a header only.
+  // (A short file that only rises, but speeding up as an R wave does, is no clock.)
+  const upstroke = Array.from({ length: 40 }, (_, i) => 3 * i * i);
+  for (const head of [ecgLines(200), ecgLines(200, 1, 1), upstroke.join('\n'), '0.0\n'.repeat(100), '0.1\n0.2\n-0.3\n', 'time_s,ecg_uV\n']) {
+    assert.deepEqual(rawEcgWarnings(head, false), [], head.slice(0, 40));
+  }
+});
+
+test('a file refused before it is sent: empty, or over the program\'s limit', () => {
+  assert.deepEqual([['a.txt', 0], ['a.txt', 1], ['a.txt', config.max_upload_bytes], ['big.txt', config.max_upload_bytes + 1]]
+    .map(([n, size]) => fileRefusal(n, size)),
+  ['a.txt is empty (0 bytes): there is nothing in it to import.', '', '', 'big.txt is larger than 512 MB, the most the program takes in one file.']);
 });
