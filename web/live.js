@@ -16,7 +16,7 @@ import {
 import { initHrvCard, renderHrv } from './hrv.js';
 import { followJobs, resetJobs } from './jobs.js';
 import { createPacerView } from './pacer.js';
-import { rfSchedule } from './rf.js';
+import { breathsDone, rfSchedule } from './rf.js';
 import { createRfResult, createRfSteps } from './rfview.js';
 import { whatChanged } from './snapshot.js';
 import { $, setText, toast } from './ui.js';
@@ -139,7 +139,12 @@ function renderTexts(s) {
 
   const hr = heartRateParts(s.hr);
   setComposed($('hrVal'), hr ? hr[0] : '–', hr ? hr[1] : '');
-  setComposed($('cyclesVal'), (s.cycles_done || 0).toFixed(1), ' / ' + s.cycles_target);
+  if (s.rf) {
+    const b = breathsDone(rfSchedule(s.rf.rates, s.rf.step_s, s.rf.infrac), s.elapsed || 0);
+    setComposed($('cyclesVal'), b.done.toFixed(1), ' / ' + b.all);
+  } else {
+    setComposed($('cyclesVal'), (s.cycles_done || 0).toFixed(1), ' / ' + s.cycles_target);
+  }
   setComposed($('elapsedVal'), (s.elapsed || 0).toFixed(1), ' s');
 
   setText($('cvnVal'), scoreText(s.cvn));

@@ -34,6 +34,20 @@ export function rfSchedule(rates, step_s, infrac) {
   return { steps, total: start };
 }
 
+/**
+ * Breaths done by session time `t` (a fraction for the one under way) and in
+ * all: an assessment's cycles change length from step to step, so elapsed
+ * time over one cycle length counts nothing real.
+ */
+export function breathsDone(sched, t) {
+  let done = 0, all = 0;
+  for (const st of sched.steps) {
+    done += Math.min(st.breaths, Math.max(0, (t - st.start) / st.cycle));
+    all += st.breaths;
+  }
+  return { done, all };
+}
+
 /** The index of the step that session time `t` falls in (the first before it, the last after it). */
 export function stepIndexAt(sched, t) {
   const { steps } = sched;

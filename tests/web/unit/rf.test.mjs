@@ -3,7 +3,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { rfPoints, zeroBasedAxis } from '../../../web/charts.js';
 import { schedulePose } from '../../../web/pacer.js';
-import { breathsBetween, cueCrossed, paceFromRate, readRfSettings, recommendationText, resultRow, rfParams, rfSchedule, rateText, stepIndexAt, stepLine } from '../../../web/rf.js';
+import { breathsBetween, breathsDone, cueCrossed, paceFromRate, readRfSettings, recommendationText, resultRow, rfParams, rfSchedule, rateText, stepIndexAt, stepLine } from '../../../web/rf.js';
 
 const near = (a, b, what) => assert.ok(Math.abs(a - b) < 1e-9, `${what}: ${a}, expected ${b}`);
 
@@ -98,4 +98,11 @@ test('results plot: only steps reached with a value, by rate, on an axis from ze
   assert.deepEqual(rfPoints(steps, 'lf_power'), [{ x: 5, y: 900 }, { x: 6, y: 500 }]);
   assert.deepEqual(zeroBasedAxis(rfPoints(steps, 'lf_power'), 1000), { lo: 0, hi: 1250, step: 250 });
   assert.deepEqual(zeroBasedAxis([], 10), { lo: 0, hi: 10, step: 2 });
+});
+
+test('breaths done: whole steps, a fraction of the breath under way, never past the plan', () => {
+  const d = rfSchedule([6, 5], 60, 0.4);  // 6 breaths of 10 s, then 5 of 12 s
+  assert.deepEqual(breathsDone(d, 0), { done: 0, all: 11 });
+  near(breathsDone(d, 75).done, 6 + 15 / 12, 'into the second step');
+  near(breathsDone(d, 500).done, 11, 'after the end');
 });
