@@ -477,10 +477,12 @@ test('resonance assessment: the steps table checks its fields, the live step bar
   await waitText(page, '#rfStepText', /^Step 2 of 4 · 6\.0 breaths\/min · 0:\d\d left$/, 30000);
   assert.equal(await page.$$eval('#rfBar .seg-step', (l) => l.map((s) => s.className).join()), 'seg-step done,seg-step on,seg-step,seg-step');
   await page.waitForFunction(() => /^Cycle \d of 6$/.test(document.getElementById('pacerCycle').textContent));
-  await waitText(page, '#rfStepText', /^Step 3 of 4 · 5\.5 breaths\/min · 0:[3-5]\d left$/, 30000);
   await checkLayouts(page, '#live', { tag: '-rf' });
   await page.setViewportSize({ width: 1366, height: 850 });
 
+  // Stopped early in step 3, with nothing slow in between: from about 155 s
+  // on, its part outscores the others and the recommendation becomes 5.5.
+  await waitText(page, '#rfStepText', /^Step 3 of 4 · 5\.5 breaths\/min · 0:[3-5]\d left$/, 30000);
   await page.click('#stopBtn');
   await waitText(page, '#rfRec', /^Recommended pace: 6\.[05] breaths\/min$/);
   const table = await page.$$eval('#rfScores tbody tr', (l) => l.map((r) => [...r.cells].map((c) => c.textContent).join(' ')));
@@ -512,6 +514,8 @@ test('history: two people, one person\'s rows and trend, reached and used by key
   await page.keyboard.press('Enter');
   await page.waitForSelector('#history', { state: 'visible' });
   assert.equal(await page.isHidden('#setup'), true);
+  // The list fills once /people has answered.
+  await page.waitForSelector('#historyPeople button', { state: 'attached' });
   const people = await page.$$eval('#historyPeople button', (l) => l.map((b) => b.textContent));
   assert.ok(people.includes('Hist Anna2') && people.includes('Hist Carl1'), people.join());  // name, then count
 
@@ -528,13 +532,23 @@ test('history: two people, one person\'s rows and trend, reached and used by key
     assert.deepEqual(cells.slice(1, 3), ['3:04', 'Single rhythm']);
     for (const v of cells.slice(3, 7)) assert.match(v, /^-?\d+\.\d+$/, cells.join(' | '));
   }
-  // Hovering a point names its recording: down the middle, where both recordings of one moment sit.
-  const box = await page.locator('#historyChart').boundingBox();
-  let tip = '';
-  for (let y = box.y + 10; y < box.y + box.height - 30 && !tip; y += 6) {
-    await page.mouse.move(box.x + box.width / 2, y);
-    tip = await page.$eval('#historyTip', (t) => (t.hidden ? '' : t.textContent));
-  }
+  // Hovering a point names its recording. The points sit in the middle when
+  // both recordings have one moment, at the ends when their seconds differ:
+  // moves sent in the page find one, then the mouse goes there.
+  const spot = await page.$eval('#historyChart', (c) => {
+    const r = c.getBoundingClientRect(), tip = document.getElementById('historyTip');
+    for (let y = 2; y < r.height; y += 4) {
+      for (let x = 2; x < r.width; x += 4) {
+        c.dispatchEvent(new MouseEvent('mousemove', { clientX: r.left + x, clientY: r.top + y }));
+        if (!tip.hidden) return { x: r.left + x, y: r.top + y };
+      }
+    }
+    return null;
+  });
+  assert.ok(spot, 'no point of the chart names its recording');
+  await page.mouse.move(0, 0);
+  await page.mouse.move(spot.x, spot.y);
+  const tip = await page.$eval('#historyTip', (t) => (t.hidden ? '' : t.textContent));
   assert.match(tip, /^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d · mean CVN \d+\.\d\d · RMSSD \d+\.\d ms$/);
   await shot(page, 'history-1366.png');
   await checkLayouts(page, '#history');

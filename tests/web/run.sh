@@ -40,7 +40,8 @@ start_program() {
   env -u CVN_BASE -u CVN_DATA -u USERPROFILE -u CVN_SIMULATED_STRAP HOME="$log/home" CVN_NO_BROWSER=1 "$@" \
     "$bin" "$((20000 + RANDOM % 30000))" >"$log/out.log" 2>"$log/err.log" & pids+=("$!")
   local pid=$!
-  port_in() { port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$1")" && [[ -n "$port" ]]; }
+  # (The log may not exist yet: the program's shell opens it.)
+  port_in() { port="$(sed -n 's|^  Open your browser at:  http://127\.0\.0\.1:\([0-9][0-9]*\)/$|\1|p' "$1" 2>/dev/null)" && [[ -n "$port" ]]; }
   # Stops waiting as soon as the program has exited.
   up_or_gone() { port_in "$log/out.log" || ! kill -0 "$pid" 2>/dev/null; }
   until_true 150 up_or_gone && port_in "$log/out.log" ||
