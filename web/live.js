@@ -123,6 +123,16 @@ function setDisabled(el, off) {
   if (el.disabled !== off) el.disabled = off;
 }
 
+// A stopped session is not stopped again. Stop, disabled with the keyboard's
+// focus on it, would drop the focus on the page: it goes on to Save, the
+// usual next step (New session while an export runs).
+function disableStop() {
+  const stop = $('stopBtn');
+  if (stop.disabled) return;
+  if (document.activeElement === stop) ($('saveBtn').disabled ? $('newBtn') : $('saveBtn')).focus();
+  stop.disabled = true;
+}
+
 function renderTexts(s) {
   const live = s.mode === 'live';
   setText($('liveTitle'), titleText(s));
@@ -132,7 +142,8 @@ function renderTexts(s) {
     setText(st, runStateText(s));
     st.classList.toggle('stopped', !s.running);
   }
-  setDisabled($('stopBtn'), !s.running);
+  if (s.running) setDisabled($('stopBtn'), false);
+  else disableStop();
   setText($('sourceText'), live ? (s.bt_status || '') : (s.source_label || ''));
 
   const hr = heartRateParts(s.hr);
@@ -304,7 +315,7 @@ export function initLive(left, useRate) {
   });
 
   $('stopBtn').addEventListener('click', async () => {
-    $('stopBtn').disabled = true;
+    disableStop();
     await api('/stop');
   });
   $('newBtn').addEventListener('click', async () => {
