@@ -503,6 +503,89 @@ test('resonance assessment: the steps table checks its fields, the live step bar
   await done();
 });
 
+// Setup and the live screen without a mouse. A field, switch or button is
+// reached by Tab alone and shows where the focus is; digits become markers
+// on the live screen, but not when typed into a field; when a screen or the
+// button with the focus goes away, the focus goes on to a control or heading,
+// never back to the page itself.
+test('keyboard only: setup fields and a replay started, markers 1–9, the live screen\'s buttons, the focus across screens', async () => {
+  const { page, calls, done } = await openPage(1366, 850);
+  const has = (sel) => page.$eval(sel, (e) => e === document.activeElement);
+  const focused = () => page.evaluate(() => document.activeElement.id || document.activeElement.tagName);
+  // Tab (Shift+Tab backwards) until `sel` has the focus, which must be visible there.
+  const tabTo = async (sel, key = 'Tab') => {
+    for (let i = 0; i < 30 && !(await has(sel)); i++) await page.keyboard.press(key);
+    assert.ok(await has(sel), `${sel} is not reached by ${key}`);
+    const ring = await page.$eval(sel, (e) => [e.matches(':focus-visible'), getComputedStyle(e).outlineStyle,
+      parseFloat(getComputedStyle(e).outlineWidth), getComputedStyle(e).boxShadow]);
+    assert.ok(ring[0] && ((ring[1] !== 'none' && ring[2] > 0) || ring[3] !== 'none'), `no focus ring on ${sel}: ${ring}`);
+  };
+
+  await tabTo('#name');
+  await page.keyboard.type('KB 42');
+  await tabTo('#sex');
+  await page.keyboard.press('ArrowDown');
+  await tabTo('#age');
+  await page.keyboard.press('Control+A');
+  await page.keyboard.type('63');
+  await tabTo('.chip[data-in="2"]');
+  await page.keyboard.press('Space');
+  assert.deepEqual([await page.inputValue('#indur'), await page.inputValue('#outdur')], ['2', '8']);
+  await tabTo('#sourceSwitch [data-src="replay"]');
+  await page.keyboard.press('Enter');
+  await tabTo('#recording');
+  for (let i = 0; i < 10 && await page.$eval('#recording', (s) => s.selectedOptions[0].textContent) !== 'Sample 2.txt'; i++)
+    await page.keyboard.press('ArrowDown');
+  await tabTo('#speedSwitch [data-speed="8"]');
+  await page.keyboard.press('Space');
+  assert.equal(await page.getAttribute('#speedSwitch [data-speed="8"]', 'aria-pressed'), 'true');
+  await tabTo('#startBtn');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#live', { state: 'visible' });
+  assert.equal(await focused(), 'liveTitle');
+  const sent = calls('/start_replay')[0].searchParams;
+  assert.deepEqual(['file', 'speed', 'name', 'sex', 'age', 'indur', 'outdur'].map((k) => sent.get(k)),
+    ['Sample 2.txt', '8', 'KB 42', 'F', '63', '2', '8']);
+  await waitText(page, '#runState', /^Playing 8×$/);
+
+  // The live screen has no text field of its own; one put there stands for any.
+  await page.keyboard.press('7');
+  await waitText(page, '#markerLine .mk', /^7\d+\.\d s$/);
+  await page.evaluate(() => document.getElementById('liveMeta').after(Object.assign(document.createElement('input'), { id: 'kbField' })));
+  await tabTo('#kbField');
+  await page.keyboard.type('123');
+  assert.equal(await page.inputValue('#kbField'), '123');
+  await page.evaluate(() => document.getElementById('kbField').remove());
+  await tabTo('#saveBtn');
+  await tabTo('#stopBtn');
+  await page.keyboard.press('9');  // after any marker the field's digits would have sent
+  await page.waitForFunction(() => document.querySelectorAll('#markerLine .mk').length === 2);
+  assert.deepEqual(calls('/mark').map((u) => u.searchParams.get('key')), ['7', '9'], 'digits typed into a field became markers');
+  await tabTo('#newBtn');
+  await tabTo('#tfrBtn');
+
+  // History and back; Stop, which then goes away; New session.
+  await tabTo('#historyBtn');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#history', { state: 'visible' });
+  assert.equal(await focused(), 'historyTitle');
+  await tabTo('#historyBack');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#live', { state: 'visible' });
+  assert.equal(await focused(), 'historyBtn', 'the focus was dropped leaving History');
+  await tabTo('#stopBtn');
+  await page.keyboard.press('Enter');
+  await waitText(page, '#runState', /^Stopped$/);
+  assert.equal(await focused(), 'saveBtn', 'the focus was dropped with Stop');
+  await tabTo('#newBtn');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#setup', { state: 'visible' });
+  assert.equal(await focused(), 'setupTitle');
+  await tabTo('#name');
+  assert.equal(calls('/stop').length, 2);
+  await done();
+});
+
 test('history: two people, one person\'s rows and trend, reached and used by keyboard, a replay from a row', async () => {
   const ecg = fs.readFileSync(new URL('../../assets/Sample 2.txt', import.meta.url));
   for (const [fname, name, sex, age] of [['h1.txt', 'Hist Anna', 'F', 31], ['h2.txt', 'Hist Anna', 'F', 31], ['h3.txt', 'Hist Carl', 'M', 52]]) {
