@@ -288,7 +288,11 @@ function close(restore = true) {
   state.run++;
   $('history').hidden = true;
   $('historyBtn').setAttribute('aria-expanded', 'false');
-  if (restore && back) back.hidden = false;
+  if (restore && back) {
+    back.hidden = false;
+    // Back is hidden now: the focus returns to the button that opened the view.
+    $('historyBtn').focus({ preventScroll: true });
+  }
   back = null;
 }
 

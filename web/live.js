@@ -126,6 +126,16 @@ function setDisabled(el, off) {
   if (el.disabled !== off) el.disabled = off;
 }
 
+// A stopped session is not stopped again. Stop, disabled with the keyboard's
+// focus on it, would drop the focus on the page: it goes on to Save, the
+// usual next step (New session while an export runs).
+function disableStop() {
+  const stop = $('stopBtn');
+  if (stop.disabled) return;
+  if (document.activeElement === stop) ($('saveBtn').disabled ? $('newBtn') : $('saveBtn')).focus();
+  stop.disabled = true;
+}
+
 function renderTexts(s) {
   setText($('liveTitle'), titleText(s));
   setText($('liveMeta'), metaText(s));
@@ -134,7 +144,8 @@ function renderTexts(s) {
     setText(st, runStateText(s));
     st.classList.toggle('stopped', !s.running);
   }
-  setDisabled($('stopBtn'), !s.running);
+  if (s.running) setDisabled($('stopBtn'), false);
+  else disableStop();
   setText($('sourceText'), sourceNoteText(s));
 
   const hr = heartRateParts(s.hr);
@@ -311,7 +322,7 @@ export function initLive(left, useRate) {
   });
 
   $('stopBtn').addEventListener('click', async () => {
-    $('stopBtn').disabled = true;
+    disableStop();
     await api('/stop');
   });
   $('newBtn').addEventListener('click', async () => {
