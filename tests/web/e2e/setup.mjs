@@ -63,7 +63,11 @@ test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a ref
 test('limits from /config: shortest period, upload cap, import rate and its range', async () => {
   const { page, done } = await openPage(1366, 850, BASE, { sample_rate: 250, scope_samples: 1500,
     min_breathing_period: 1, min_import_rate: 100, max_import_rate: 1000, max_upload_bytes: 2 ** 20 });
+  // Under the program's shortest period is refused, in its own words; at it, it counts.
   await page.fill('#indur', '0');
+  assert.equal(await text(page, '#cyclePill'), 'Cycle –');
+  assert.equal(await text(page, '#indurErr'), 'Seconds, 1–60');
+  await page.fill('#indur', '1');
   assert.equal(await text(page, '#cyclePill'), 'Cycle 12 s · 0.0833 Hz');
   await page.click('#sourceSwitch >> text=Open a recording');
   await choose(page, '#importFileBtn', path.join(tempTree({ 'big.txt': '1\n'.repeat(2 ** 19 + 1) }), 'big.txt'));
