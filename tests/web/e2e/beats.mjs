@@ -19,5 +19,8 @@ test('live from a strap that sends beats only: no ECG, heart rate and coupling',
   assert.equal(await countInk(page, '#ecg', 'dark'), 0, 'a strap without ECG drew a trace');
   await waitText(page, '#cvnVal', /^[−+]\d/, 30000);
   await shot(page, 'live-beats-1280.png');
+  // Stopped, the session is kept as the strap's beats.
+  await page.click('#stopBtn');
+  await waitText(page, '#sourceText', /^Stopped · saved as recordings\/.+_RR\.txt$/);
   await done();
 });

@@ -103,6 +103,10 @@ export async function checkLayouts(page, screen, { tag = '', fullPage = false } 
     await nextFrames(page);
     const [scrollWidth, innerWidth] = await page.evaluate(() => [document.documentElement.scrollWidth, window.innerWidth]);
     assert.ok(scrollWidth <= innerWidth, `at ${width}×${height} ${screen} is ${scrollWidth} px wide`);
+    // Nor a button pushed out of reach inside a scrolling box (History's Replay at 390 px once).
+    const beyond = await page.$$eval(screen + ' button', (bs) => bs.filter((b) => b.offsetParent)
+      .filter((b) => b.getBoundingClientRect().right > window.innerWidth + 0.5).map((b) => b.id || b.textContent.trim()));
+    assert.deepEqual(beyond, [], `at ${width}×${height} buttons beyond the right edge`);
     const boxes = await page.$$eval(screen + ' .card', (cards) => cards.filter((c) => c.offsetParent)
       .map((c) => ({ name: c.id || c.className, r: c.getBoundingClientRect().toJSON() })));
     for (const [i, { name: an, r: a }] of boxes.entries()) {

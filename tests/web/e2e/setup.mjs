@@ -12,6 +12,15 @@ test('setup: no Bluetooth, start without a device, layouts, About', async () => 
   const { page, done } = await openPage(1024, 768);
   await waitText(page, '#scanNote', /^Bluetooth is not available on this computer\. Use “Open a recording” to replay or import files\.$/);
   assert.equal(await page.isDisabled('#scanBtn'), true);
+  // What the program would quietly replace is refused in the page, the first bad field focused.
+  await page.fill('#age', '-5');
+  await page.fill('#indur', 'abc');
+  await page.click('#startBtn');
+  assert.equal(await text(page, '#startNote'), 'Correct the fields marked in red first.');
+  assert.equal(await text(page, '#ageErr'), 'Whole years, 0–120');
+  assert.deepEqual(await page.$eval('#age', (e) => [e.getAttribute('aria-invalid'), e.getAttribute('aria-describedby'), document.activeElement === e]),
+    ['true', 'ageErr', true]);
+  await page.fill('#age', '40');
   await page.fill('#indur', '1,95');
   assert.equal(await text(page, '#cyclePill'), 'Cycle 12.95 s · 0.0772 Hz');
   await page.click('#startBtn');
@@ -28,12 +37,23 @@ test('setup: no Bluetooth, start without a device, layouts, About', async () => 
 
 test('import: raw ECG at 360 Hz replays, a Kubios export ends in a report, a refusal in words', async () => {
   const { page, calls, done } = await openPage(1366, 850);
-  const tree = tempTree({ 'Holter strip.txt': sampleEcg(40, 360), 'kubios_rr.csv': kubiosRr(300), 'photo.txt': 'not an ECG\n' });
+  const timed = 'time_s,ecg_uV\n' + sampleEcg(10, 130).split('\n').map((v, i) => `${(i / 130).toFixed(4)},${v}`).join('\n');
+  const tree = tempTree({ 'Holter strip.txt': sampleEcg(40, 360), 'kubios_rr.csv': kubiosRr(300), 'photo.txt': 'not an ECG\n',
+    'timed.csv': timed, 'empty.txt': '' });
   await page.fill('#name', 'Ben');
   await page.click('#sourceSwitch >> text=Open a recording');
+  // The importer reads the first column: a time axis there is pointed out before anything is sent.
+  await choose(page, '#importFileBtn', path.join(tree, 'timed.csv'));
+  await waitFlow(page, 'confirm');
+  await waitText(page, '#flowWarn', /^The first column rises steadily/);
+  await page.click('#flowCancel');
+  await choose(page, '#importFileBtn', path.join(tree, 'empty.txt'));
+  await waitText(page, '#flowError', /^empty\.txt is empty \(0 bytes\)/);
+  await page.click('#flowCancel');
   await choose(page, '#importFileBtn', path.join(tree, 'Holter strip.txt'));
   await waitFlow(page, 'confirm');
-  assert.equal(calls('/import').length, 0, 'the file was sent before the user agreed');
+  assert.equal(await page.isHidden('#flowWarn'), true, 'a plain ECG was warned about');
+  assert.equal(calls('/import').length, 0, 'a file was sent before the user agreed');
   await page.fill('#fs', '360');
   await page.click('#flowGo');
   await waitText(page, '#sourceText', /^Imported — Holter_strip$/);

@@ -13,8 +13,9 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
 
   await page.fill('#name', 'LIVE01');
   await page.click('.chip >> text=10 s cycle');
-  await page.click('#startBtn');
+  await page.dblclick('#startBtn');
   await waitText(page, '#liveTitle', /^Live recording · LIVE01$/);
+  assert.equal(calls('/start_live').length, 1, 'a double click started twice');
   const start = calls('/start_live')[0].searchParams;
   assert.deepEqual(['address', 'device', 'name', 'indur', 'outdur'].map((k) => start.get(k)),
     ['A0:9E:1A:00:00:01', 'Polar H10 SIM00001', 'LIVE01', '2', '8']);
@@ -25,11 +26,22 @@ test('live from the simulated strap: scan, pick, record, mark, stop, TFR, new se
   assert.match(await text(page, '#cdText'), /^CVN in \d+ s$/);
   await page.keyboard.press('5');
   await waitText(page, '#markerLine .mk', /^5\d+\.\d s$/);
+  // New session would end the recording: asked first, and Enter keeps it going.
+  await page.click('#newBtn');
+  await page.waitForSelector('#endLive[open]');
+  assert.equal(await page.evaluate(() => document.activeElement.id), 'endLiveKeep');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('#endLive:not([open])', { state: 'attached' });
+  assert.equal(calls('/stop').length, 0);
 
   // One whole 10 s cycle recorded live is enough for the time-frequency maps.
   await waitElapsed(page, 11);
   await page.click('#stopBtn');
   await waitText(page, '#runState', /^Stopped$/);
+  // Kept by the stop, with no Save, and found by History.
+  await waitText(page, '#sourceText', /^Stopped · saved as recordings\/LIVE01_on2_off8_M40_\d{8}-\d{6}\.csv$/);
+  const { people } = await (await page.request.get(BASE + 'people')).json();
+  assert.deepEqual(people.map((p) => [p.name, p.recordings]), [['LIVE01', 1]]);
   await computeTfr(page);
   await page.click('#newBtn');
   await page.waitForSelector('#setup', { state: 'visible' });
