@@ -208,6 +208,11 @@ double recorded_seconds(const SessionCopy& c) {
   return seconds;
 }
 
+// What a save writes: samples, or a beat recording's intervals.
+std::size_t recorded_count(const SessionCopy& c) {
+  return c.strap_beats ? c.strap_beats->size() : c.input.samples.size();
+}
+
 }  // namespace
 
 void Acquisition::keep_live_session() {
@@ -232,8 +237,7 @@ SaveResult Acquisition::save() {
   std::lock_guard<std::mutex> l(save_mu_);
   const SessionCopy c = session_.copy();
   // A stopped live session was saved when it stopped: that file is the answer.
-  if (c.finished_live && c.session == kept_session_)
-    return {{}, c.saved_as, c.strap_beats ? c.strap_beats->size() : c.input.samples.size()};
+  if (c.finished_live && c.session == kept_session_) return {{}, c.saved_as, recorded_count(c)};
   return save_copy(c);
 }
 
@@ -267,7 +271,7 @@ SaveResult Acquisition::save_copy(const SessionCopy& c) {
   // while it runs keeps the journal, since more may come.
   if (c.finished_live && markers_written) journal_.remove(c.session);
   r.file = file;
-  r.count = beats ? beats->size() : in.samples.size();
+  r.count = recorded_count(c);
   return r;
 }
 

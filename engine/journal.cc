@@ -176,16 +176,10 @@ void LiveJournal::write(double now, bool sync_now) {
   }
 }
 
-void LiveJournal::remove() {
+void LiveJournal::end(bool delete_file) {
   std::lock_guard<std::mutex> g(mu_);
   close_locked();
-  if (!path_.empty()) std::remove(path_.c_str());
-  path_.clear();
-}
-
-void LiveJournal::release() {
-  std::lock_guard<std::mutex> g(mu_);
-  close_locked();
+  if (delete_file && !path_.empty()) std::remove(path_.c_str());
   path_.clear();
 }
 

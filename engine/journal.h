@@ -76,15 +76,16 @@ class LiveJournal {
   void write(double now, bool sync_now);
 
   /// Closes and removes the journal, whichever session it belongs to.
-  void remove();
+  void remove() { end(true); }
   /// Closes and removes the journal when it belongs to `session`.
   void remove(std::uint64_t session);
   /// Closes the journal and leaves it on disk, for the next start to
   /// recover: its session could not be saved.
-  void release();
+  void release() { end(false); }
 
  private:
   void close_locked();  // REQUIRES: mu_ held
+  void end(bool delete_file);
 
   std::mutex mu_;
   std::FILE* file_ = nullptr;
