@@ -3,8 +3,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { config } from '../../../web/config.js';
 import {
-  breathingPeriod, clockText, cycleText, endLiveText, gaugeFraction, heartRateParts, hrvText, isLiveRunning, kHrvGroups, kHrvSummary, scoreText,
-  sourceNoteText,
+  breathingPeriod, clockText, cycleText, endLiveText, gaugeFraction, heartRateParts, hrvText, kHrvGroups, kHrvSummary, scoreText,
 } from '../../../web/format.js';
 
 config.min_breathing_period = 0.05;  // as /config gives it
@@ -39,19 +38,10 @@ test('HRV indices: empty is a dash, zero is a number, every summary index is in 
 
 test('the question before a live recording is ended: whose, how long, and whether anything is kept', () => {
   const live = { mode: 'live', running: true, name_id: 'Anna', elapsed: 133.4 };
-  assert.deepEqual([live, { ...live, running: false }, { ...live, mode: 'replay' }, null].map(isLiveRunning), [true, false, false, false]);
   const t = endLiveText(live, 'Replaying this recording', 'Stop and replay');
   assert.deepEqual(t, { title: 'Stop the live recording?', keep: 'Keep recording', go: 'Stop and replay',
     text: 'A live recording of Anna is running (2:13 so far). Replaying this recording stops it; what was recorded is saved in the recordings folder.' });
   // Under a second the program keeps nothing, and the question must not promise it.
   assert.equal(endLiveText({ ...live, name_id: '', elapsed: 0.6 }, 'Starting a new session', 'Stop recording').text,
     'A live recording is running (0:00 so far). Starting a new session stops it; less than a second is recorded, too little to save.');
-});
-
-test('the scope card\'s note: the strap\'s status while live, then that it stopped and where it was kept', () => {
-  const live = { mode: 'live', running: true, bt_status: 'Streaming ECG…', saved_as: null, source_label: 'Live — Polar H10' };
-  const stopped = { ...live, running: false };
-  assert.deepEqual([live, stopped, { ...stopped, saved_as: 'Anna_on5_off11_F34_20261123-140307.csv' },
-    { ...live, mode: 'replay', running: false, source_label: 'Sample 1.txt', saved_as: 'Sample_1_on5_off11_M40_20261123-140307.csv' }]
-    .map(sourceNoteText), ['Streaming ECG…', 'Stopped', 'Stopped · saved as recordings/Anna_on5_off11_F34_20261123-140307.csv', 'Sample 1.txt']);
 });

@@ -3,7 +3,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { config } from '../../../web/config.js';
 import {
-  fileRefusal, firstColumnValues, importRate, kindText, looksLikeKubios, planFolder, rawEcgWarnings, recordingsText,
+  firstColumnValues, importRate, kindText, looksLikeKubios, planFolder, rawEcgWarnings, recordingsText,
 } from '../../../web/importplan.js';
 
 // As /config gives them.
@@ -87,10 +87,4 @@ test('a raw ECG import warns of a time column and of millivolts, and is quiet fo
   for (const head of [ecgLines(200), ecgLines(200, 1, 1), upstroke.join('\n'), '0.0\n'.repeat(100), '0.1\n0.2\n-0.3\n', 'time_s,ecg_uV\n']) {
     assert.deepEqual(rawEcgWarnings(head, false), [], head.slice(0, 40));
   }
-});
-
-test('a file refused before it is sent: empty, or over the program\'s limit', () => {
-  assert.deepEqual([['a.txt', 0], ['a.txt', 1], ['a.txt', config.max_upload_bytes], ['big.txt', config.max_upload_bytes + 1]]
-    .map(([n, size]) => fileRefusal(n, size)),
-  ['a.txt is empty (0 bytes): there is nothing in it to import.', '', '', 'big.txt is larger than 512 MB, the most the program takes in one file.']);
 });
